@@ -1,0 +1,187 @@
+// parser.h - the parser sub-service: run flags, the connection record and transport
+// binding, the manager protocol (dump, send path, pending-I/O queue, listener,
+// registration, requests to the manager), the parser operations and the install records.
+#pragma once
+
+#include <fcntl.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <cstddef>
+
+#include "xmltokenizer.h"
+#include "zelrzp.h"
+#include "zelrzptransport.h"
+
+// ---- Run flags (command line, opcodes 4/5/9) -------------------------------------------
+// Flags set only on the main thread before any other thread starts are plain integers;
+// those that the listener changes later are atomic.
+extern int SILENT_INSTALL;
+extern std::atomic<char> DEBUG_FLAG;
+extern std::atomic<int> FORCE_INSTALL_FLAG;
+extern int HELP_REQUESTED;
+extern std::atomic<int> NO_USER_INTERFACE;
+extern int VERBOSE_MODE;
+extern int SINGLE_STEP_MODE;
+extern int OK_TO_RUN;
+extern int INPUT_FILE_FOUND;
+extern char InputFileName[1024];
+extern int TQR_INSTALL;
+#define TQR_MAX_PACKAGES 100
+#define TQR_NAME_SIZE 256
+extern char *TQR_PackageName[TQR_MAX_PACKAGES];
+extern int VIEW_ONLY;
+extern char PackageName[1024];
+extern std::atomic<int> REBOOT_IF_NEEDED;
+extern const int BADPARM; // -1
+extern std::atomic<int> Parser_Exiting;
+extern std::atomic<int> ThreadCount;
+extern std::atomic<int> LocalSequenceNumber;
+
+#define ARGUMENT_BUFFER_SIZE 1024
+
+int CheckCommandLineParameters(int argc, char **argv);
+// Releases the TQR package slots (used by tests and at process end).
+void FreeCommandLineState(void);
+
+// ---- Connection record and transport binding --------------------------------------------
+typedef struct _QUEUE {
+    char *ReadConnectionName;
+    char *WriteConnectionName;
+    char *SubServiceName;
+    BUNDLEINFOPTR BundleList;
+    int ReadConnectionHandle;
+    int RegistrationConnectionHandle;
+    int WriteConnectionHandle;
+    BOOLEAN Provides_RZPParserOpenInputFile;
+    BOOLEAN Provides_RZPParserParseInputFile;
+    BOOLEAN Provides_RZPParserCloseInputFile;
+    BOOLEAN Provides_RZPParserReturnNumberOfItems;
+    BOOLEAN Provides_RZPParserReturnFirstItem;
+    BOOLEAN Provides_RZPParserReturnNextItem;
+    BOOLEAN Provides_RZPParserReturnLastItem;
+    BOOLEAN AllowOverride;
+} QUEUE, *PQUEUE;
+
+#define PARSER_READ_CONNECTION "/dev/zelparser_read"
+#define PARSER_WRITE_CONNECTION "/dev/zelparser_write"
+#define REGISTRATION_CONNECTION "/dev/zelrzp_np1"
+#define PARSER_SUBSERVICE_NAME "PARSER_V100"
+#define PARSER_CALLER "PARSER"
+
+extern PQUEUE ParserQueue;
+extern void *TransportLibrary;
+extern OpenRZPTransport_t OpenTransport;
+extern CloseRZPTransport_t CloseTransport;
+extern ReceiveRZPDataAsyncRaw_t ReceiveDataAsyncRaw;
+extern DeTokenize_t DeTokenize;
+extern DeTokenizeWithOffset_t DeTokenizeWithOffset;
+extern SendRZPDataRaw_t SendDataRaw;
+extern Tokenize_t Tokenize;
+
+extern struct flock ReadConnectionFileLock;
+extern struct flock WriteConnectionFileLock;
+extern struct flock RegistrationConnectionFileLock;
+
+// Loads the transport library and resolves its seven entry points. 0, or negative with the
+// message printed and nothing left loaded. Used by InitializeCommunicationsInterface.
+int BindTransportLibrary(void);
+void UnbindTransportLibrary(void);
+int InitializeCommunicationsInterface(void);
+void *Shutdown(void *parm);
+// The connection lock protocol: whole-file fcntl write lock, F_SETLKW until it succeeds.
+void LockConnection(int Handle, struct flock *Lock);
+void UnlockConnection(int Handle, struct flock *Lock);
+
+// ---- Packets ------------------------------------------------------------------------------
+// Takes the next sequence number (read and advance as one atomic step).
+int NextSequenceNumber(void);
+// Debug dump of a packet; Received selects the receive-side or send-side header wording.
+// Ends the process for a NULL buffer with DataLength set or an unknown item type.
+void DumpPacket(const RZP_HEADER_PACKET *Header, const unsigned char *Payload, int Received);
+
+// Send path: callers hold SendDataMutex.
+extern pthread_mutex_t SendDataMutex;
+int HandleOutgoingPacket(PRZP_HEADER_PACKET Header, unsigned char *Payload);
+// Locks SendDataMutex around one HandleOutgoingPacket.
+int SendPacketLocked(PRZP_HEADER_PACKET Header, unsigned char *Payload);
+
+// ---- Pending-I/O queue ----------------------------------------------------------------------
+typedef struct _PENDINGIO {
+    PRZP_HEADER_PACKET Header;
+    unsigned char *Buffer;
+    struct _PENDINGIO *Next;
+} PENDINGIO, *PPENDINGIO;
+
+extern PPENDINGIO PendingIOList;
+extern pthread_mutex_t PendingIOMutex;
+int Enqueue(PRZP_HEADER_PACKET Header, unsigned char *Payload);
+int Dequeue(PRZP_HEADER_PACKET Header, unsigned char *Payload, int SequenceNumber);
+int DequeueByOpCode(PRZP_HEADER_PACKET Header, unsigned char *Payload, uint32_t OpCode);
+// Waits for the answer with LocalSequenceNumber SequenceNumber (the header area is zeroed
+// first). Returns when it is taken or when Parser_Exiting is 1. Wakes as soon as the answer
+// is parked, and at least every 10 milliseconds to look at Parser_Exiting.
+void WaitForAnswer(PRZP_HEADER_PACKET Header, unsigned char *Payload, int SequenceNumber);
+// The same by opcode, without zeroing the header first.
+void WaitForAnswerByOpCode(PRZP_HEADER_PACKET Header, unsigned char *Payload, uint32_t OpCode);
+
+// ---- Listener and registration ----------------------------------------------------------------
+void *Listen(void *parm);
+int HandleIncomingPacket(PRZP_HEADER_PACKET Header, unsigned char *Payload);
+int RegisterWithRZPManager(void);
+int HandlePostRegistration(PRZP_HEADER_PACKET Header, unsigned char *Payload);
+int DeRegisterWithRZPManager(void);
+int ProcessUpdateCommandLineParms(PRZP_HEADER_PACKET Header, unsigned char *Payload);
+
+// ---- Requests to the manager ----------------------------------------------------------------
+#define SUPPORT_QUERY_LIMIT 50000
+// Test hook: the number of "not supported" answers after which a support query gives up.
+extern int SupportQueryLimit;
+int SendLogDataPacket(unsigned char *Payload, int PayloadLength);
+int SendOutputDataPacket(unsigned char *Payload, int PayloadLength);
+int SendGetLogFileNamePacket(char *Name, uint32_t *NameLength);
+// The support query for OpCode. Returns the last ReturnCode (-118 supported), or -103 after
+// giving up (Parser_Exiting is then 1). DebugName: printed "%s %s supported.\n" in debug mode
+// after each answer when not NULL.
+int QueryOpcodeSupport(uint32_t OpCode, const char *DebugName);
+int SendPromptForNumberPacket(void);
+int SendPromptForHexPacket(void);
+int SendPromptForCharacterPacket(void);
+int SendIsComponentSupportedByThisErrataPacket(unsigned char *Buffer, int BufferLength);
+// The screen-then-log message pair: Coloured goes to the screen when NO_USER_INTERFACE is 1,
+// Plain otherwise; Plain always to the log. Each is one STRING item (length with the NUL).
+// Coloured may be NULL (the plain text is then used for both).
+void SendScreenAndLog(const char *Coloured, const char *Plain);
+void SendLogOnly(const char *Plain);
+
+// ---- Parser operations (detached worker threads) ------------------------------------------------
+extern int NumberOfComponentsInBundle;
+void *HandleParserOpenInputFilePacket(void *parm1);
+void *HandleParserParseInputFilePacket(void *parm1);
+void *HandleParserCloseInputFilePacket(void *parm1);
+void *HandleParserReturnNumberOfItemsPacket(void *parm1);
+void *HandleParserReturnFirstItemPacket(void *parm1);
+void *HandleParserReturnNextItemPacket(void *parm1);
+void *HandleParserReturnLastItemPacket(void *parm1);
+int GetTQRPackages(void);
+
+// ---- Install records ---------------------------------------------------------------------------
+extern PINSTALL_PACKET_LIST InstallPacketList;
+extern int32_t InstallPacketNumber;
+int BuildRZPInstallStructures(const char *XMLFileName, COMPONENTINFOPTR Component,
+                              const char *language);
+void FreeInstallPacketList(void);
+#define SUBTYPE_BUFFER_SIZE 10
+#define REQUISITE_VALUE_SIZE 1024
+int GetPrerequisites(const char *XMLFileName, char *SubType, char *SubTypeValue, int LineNumber);
+int GetPostrequisites(const char *XMLFileName, char *SubType, char *SubTypeValue, int LineNumber);
+int GetPreConfigurationInfo(const char *XMLFileName, int LineNumber,
+                            PPRECONFIGURATION PreConfigurationStruct,
+                            const char *CurrentLocaleName);
+int GetPostConfigurationInfo(const char *XMLFileName, int LineNumber,
+                             PPOSTCONFIGURATION PostConfigurationStruct,
+                             const char *CurrentLocaleName);
+void DumpConfigurationStruct(PPRECONFIGURATION ConfigurationStruct, int StructType);
+void FreeConfigStruct(PPRECONFIGURATION ConfigurationStruct, int StructType);
+int GetPCIDevices(const char *XMLFileName, char *Value, int LineNumber);
+int RetrievePCIDevicesFromXML(const char *XMLFileName, unsigned char *Buffer, int *BufferLength);

@@ -1,0 +1,14 @@
+// support.h - small string helpers shared by every part of the sub-service.
+#pragma once
+
+#include <cstddef>
+
+// Upper-cases the ASCII letters a..z of Value in place; returns 0.
+int strupr(char *Value);
+
+// Copies Src into Dest of DestSize bytes, always NUL-terminated when DestSize > 0.
+// Returns 0 when the whole string fitted, 1 when it was cut (or Src is NULL: Dest empty).
+int CopyBounded(char *Dest, size_t DestSize, const char *Src);
+
+// Returns a malloc'ed copy of Src, or NULL for a NULL Src or when memory runs out.
+char *DuplicateString(const char *Src);
