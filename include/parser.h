@@ -11,7 +11,6 @@
 
 #include "xmltokenizer.h"
 #include "zelrzp.h"
-#include "zelrzptransport.h"
 
 // ---- Run flags (command line, opcodes 4/5/9) -------------------------------------------
 // Flags set only on the main thread before any other thread starts are plain integers;
@@ -100,6 +99,20 @@ int NextSequenceNumber(void);
 // Ends the process for a NULL buffer with DataLength set or an unknown item type.
 void DumpPacket(const RZP_HEADER_PACKET *Header, const unsigned char *Payload, int Received);
 
+// Bounds-checked reading of a payload that came from the manager: every value is checked to
+// lie inside Length before it is decoded. A read past the end sets Failed and yields 0 / "".
+typedef struct PAYLOADREADER {
+    const unsigned char *Payload;
+    int Length;
+    int Offset;
+    int Failed;
+} PAYLOADREADER;
+uint32_t ReadPayloadU32(PAYLOADREADER *Reader);
+unsigned char ReadPayloadByte(PAYLOADREADER *Reader);
+// Copies the string at the reader's offset into Dest (DestSize bytes), cut to fit; returns 1
+// when it was cut, 0 otherwise. A string without its NUL inside the payload sets Failed.
+int ReadPayloadString(PAYLOADREADER *Reader, char *Dest, size_t DestSize);
+
 // Send path: callers hold SendDataMutex.
 extern pthread_mutex_t SendDataMutex;
 int HandleOutgoingPacket(PRZP_HEADER_PACKET Header, unsigned char *Payload);
@@ -139,10 +152,12 @@ int ProcessUpdateCommandLineParms(PRZP_HEADER_PACKET Header, unsigned char *Payl
 extern int SupportQueryLimit;
 int SendLogDataPacket(unsigned char *Payload, int PayloadLength);
 int SendOutputDataPacket(unsigned char *Payload, int PayloadLength);
-int SendGetLogFileNamePacket(char *Name, uint32_t *NameLength);
-// The support query for OpCode. Returns the last ReturnCode (-118 supported), or -103 after
-// giving up (Parser_Exiting is then 1). DebugName: printed "%s %s supported.\n" in debug mode
-// after each answer when not NULL.
+// On ReturnCode 0 the name (cut to NameSize) and its declared length item are stored.
+int SendGetLogFileNamePacket(char *Name, size_t NameSize, uint32_t *NameLength);
+// The support query for OpCode, repeated while the manager answers -103. Returns 0 when the
+// request may follow (whatever the last answer was), -103 after SupportQueryLimit answers of
+// -103 (Parser_Exiting is then 1). DebugName, when not NULL, is printed after each answer in
+// debug mode as "<DebugName> is supported.\n" (answer -118) or "<DebugName> is not supported.\n".
 int QueryOpcodeSupport(uint32_t OpCode, const char *DebugName);
 int SendPromptForNumberPacket(void);
 int SendPromptForHexPacket(void);
@@ -165,6 +180,30 @@ void *HandleParserReturnNextItemPacket(void *parm1);
 void *HandleParserReturnLastItemPacket(void *parm1);
 int GetTQRPackages(void);
 
+// ---- The shape every parser worker shares (parser/workers.cpp) ----------------------------------
+// A worker allocates its two areas, takes its request by opcode, answers in the request's
+// header and ends by releasing the areas and uncounting itself.
+typedef struct _PARSERWORK {
+    PRZP_HEADER_PACKET Header; // 32 bytes, zero-filled: the request's header, then the answer's
+    unsigned char *Buffer;     // 16384 bytes, zero-filled: the request's payload
+} PARSERWORK, *PPARSERWORK;
+// Allocates both areas and takes the oldest parked request of OpCode. 0 when taken; -103 when
+// none is parked ("We received a call to handle a packet for opCode %s, yet no incoming packet
+// was available.\n" is printed with OpCodeName); -111 when the areas cannot be allocated.
+int BeginParserWork(PPARSERWORK Work, uint32_t OpCode, const char *OpCodeName);
+// Answers the request: ReturnCode, RemoteSequenceNumber the next sequence number, DestHandle
+// the write connection, DataLength bytes of Payload (NULL for none); sent under SendDataMutex.
+// SrcHandle, LocalSequenceNumber and opCode stay as received.
+void SendParserAnswer(PPARSERWORK Work, int ReturnCode, unsigned char *Payload, int DataLength);
+// The same, sending the request's own payload back as it was dequeued.
+void SendParserAnswerWithRequest(PPARSERWORK Work, int ReturnCode);
+// Releases both areas (either may be NULL) and uncounts the worker from ThreadCount.
+void EndParserWork(PPARSERWORK Work);
+// Encodes Text as one STRING item at the start of Buffer (BufferSize bytes); the declared
+// length counts the NUL when CountNul is 1. Returns the bytes written, or -1 when the item
+// does not fit (nothing is written then).
+int EncodeStringItem(unsigned char *Buffer, size_t BufferSize, const char *Text, int CountNul);
+
 // ---- Install records ---------------------------------------------------------------------------
 extern PINSTALL_PACKET_LIST InstallPacketList;
 extern int32_t InstallPacketNumber;
@@ -185,3 +224,21 @@ void DumpConfigurationStruct(PPRECONFIGURATION ConfigurationStruct, int StructTy
 void FreeConfigStruct(PPRECONFIGURATION ConfigurationStruct, int StructType);
 int GetPCIDevices(const char *XMLFileName, char *Value, int LineNumber);
 int RetrievePCIDevicesFromXML(const char *XMLFileName, unsigned char *Buffer, int *BufferLength);
+
+// Helpers shared by the install-record readers and the builder.
+// The child named SectionName of Parent with the 0-based Index among the children of that name
+// (the first one, then Index times GetNextSibling); NULL when there are fewer or Index < 0.
+SECTIONPTR FindNthChildOf(SECTIONPTR Parent, const char *SectionName, int Index);
+// The leading decimal digits of Text as an unsigned number: 0 when Text is NULL or does not
+// start with a digit; a value beyond 32 bits gives 4294967295.
+uint32_t DecimalValue(const char *Text);
+// The number of bytes that Tokenize writes for Format, by the codec's widths (%U %L 4, %B %C
+// %X 1, %S the text and its NUL; Strings supply the %S values in order, NULL as ""). -1 for
+// an unknown letter or too few strings.
+long PredictEncodedLength(const char *Format, const char *const *Strings, int StringCount);
+// Appends one requisite sub-record "%U%U%U%U%S" (StructType, body length, SubType, value
+// length, Value) at *Position of Buffer (Capacity bytes) and advances *Position. 0, or -1
+// with nothing written when it would not fit. BodyLength and RecordLength (may be NULL)
+// receive the body length and the whole sub-record's length.
+int AppendRequisiteRecord(unsigned char *Buffer, int Capacity, int *Position, uint32_t StructType,
+                          uint32_t SubType, const char *Value, int *BodyLength, int *RecordLength);

@@ -105,12 +105,25 @@ void PrintMissingSection(const char *What);
 char *SelectLanguage(SECTIONPTR Parent, const char *ChildName, const char *Language,
                      int WantCDATA);
 
+// One-byte truth values of the OS, bundle and flag readers (signed char).
+#ifndef TRUE
+#define TRUE 1
+#endif
+#ifndef FALSE
+#define FALSE 0
+#endif
+
 // Installed OS detection.
 enum { OS_RED_HAT = 1, OS_SUSE = 2, OS_RED_HAT_AS = 3, OS_UNITED_LINUX = 4, OS_RED_HAT_EL = 6 };
 #define RELEASE_OUT_FILE "/tmp/release.out"
 #define OS_NAME_MAX 256
 signed char GetInstalledOSVersion(int OSMfg, char *InstalledOSName, char *InstalledOSVersion);
 void CheckForULSP3(void);
+// The detection sequence that IsOSSupportedByBundle runs first: probes the release files,
+// fills the caller's two zero-filled OS_NAME_MAX buffers and sets CurrentlyInstalledOS.
+// FALSE (with the unsupported-OS message) when no release file exists, else TRUE whatever
+// the pipelines gave.
+signed char DetectInstalledOS(char *InstalledOSName, char *InstalledOSVersion);
 
 // Bundle descriptions.
 typedef struct _BundleInfo {

@@ -241,3 +241,15 @@ typedef struct _PRECONFIGURATION {
 
 typedef PRECONFIGURATION POSTCONFIGURATION;
 typedef PRECONFIGURATION *PPOSTCONFIGURATION;
+
+// Entry points of the transport library, as the sub-service holds them after dlopen
+// (zelrzptransport.h declares the functions themselves, for processes that link it).
+#define RZP_TRANSPORT_LIBRARY "libzelrzptransport.so.0"
+typedef int (*OpenRZPTransport_t)(const char *);
+typedef int (*CloseRZPTransport_t)(int);
+typedef int (*ReceiveRZPDataAsyncRaw_t)(int, PRZP_HEADER_PACKET, unsigned char *, const char *);
+typedef int (*SendRZPDataRaw_t)(PRZP_HEADER_PACKET, unsigned char *, const char *);
+typedef int (*Tokenize_t)(unsigned char *, const char *, ...);
+typedef int (*DeTokenize_t)(unsigned char *, const char *, ...);
+typedef int (*DeTokenizeWithOffset_t)(unsigned char *, const char *, int, ...);
+

@@ -44,6 +44,8 @@ struct ZmConfig {
     bool AnswerRequests = true; // false: requests of the sub-service are recorded, not answered
     bool EchoScreen = false;    // print screen messages to our stdout as they arrive
     int TimeoutMs = 10000;      // default wait
+    bool EchoConsole = false;   // copy the sub-service's console output as it arrives
+    int EchoFd = 1;             // where EchoScreen and EchoConsole write (1 stdout, 2 stderr)
 };
 
 enum { ZM_FROM_PARSER = 0, ZM_TO_PARSER = 1 };
@@ -76,6 +78,9 @@ struct ZmSession {
     std::vector<std::string> LogTexts;    // decoded log requests (2002)
     std::map<uint32_t, int> SupportQueries; // opcode asked about -> queries so far
     int RegistrationsSeen = 0;
+    std::vector<std::string> ErrataQuestions; // ComponentFileName of each errata question (6007)
+    std::vector<std::string> Problems;  // malformed packets of the sub-service, one line each
+    std::mutex SendLock;             // keeps our frames whole on the read connection
 };
 
 // Starts the sub-service in Config.BundleDir with "-MG" and Config.Args, and the pump that
@@ -119,6 +124,26 @@ void ZmPutString(std::vector<unsigned char> *Out, const std::string &Text); // b
 std::vector<unsigned char> ZmStringItem(const std::string &Text, int DeclaredLength = -1);
 // One ULONG item: 204, 4, value.
 std::vector<unsigned char> ZmULongItem(uint32_t Value);
+
+// Bounded reading of payloads: a cursor whose first failure stores its reason (with the byte
+// offset) in Error; every later read then fails too, so a run of reads is tested once.
+struct ZmReader {
+    const unsigned char *Bytes = nullptr;
+    size_t Length = 0;
+    size_t Offset = 0;
+    std::string Error;
+};
+ZmReader ZmReaderOf(const std::vector<unsigned char> &Payload);
+bool ZmReadU32(ZmReader *R, uint32_t *Value);
+bool ZmReadByte(ZmReader *R, unsigned char *Value);
+bool ZmReadText(ZmReader *R, std::string *Text); // up to a NUL that lies inside the buffer
+// Items of a fixed type and length (BOOL 1; ULONG and SLONG 4). Name goes into the error.
+bool ZmReadBoolItem(ZmReader *R, const char *Name, bool *Value);
+bool ZmReadU32Item(ZmReader *R, uint32_t Type, const char *Name, uint32_t *Value);
+// A STRING item. Strict: the declared length is the text's with its NUL, or 0 for an absent
+// string (a lone NUL; *Present false). Not strict: any declared length is taken.
+bool ZmReadStringItem(ZmReader *R, const char *Name, std::string *Text, bool *Present = nullptr,
+                      bool Strict = true);
 
 // ---- Install records ---------------------------------------------------------------------------
 struct ZmRequisite {

@@ -1,7 +1,8 @@
 // zelrzptransport.h - the entry points of the transport library libzelrzptransport.so.0.
 // The sub-service loads the library with dlopen and holds these entry points in function
 // pointers of the types below; a manager process links the library directly.
-// The byte format on the connections is documented in docs/wire-format.md.
+// The byte format on the connections is documented in docs/wire-format.md. The sub-service
+// does not include this header: it uses the entry-point types of zelrzp.h.
 #pragma once
 
 #include "zelrzp.h"
@@ -30,15 +31,6 @@ int DeTokenizeWithOffset(unsigned char *Buffer, const char *Format, int Offset, 
 void SetRZPTransportHandleBase(int Base);
 }
 
-typedef int (*OpenRZPTransport_t)(const char *);
-typedef int (*CloseRZPTransport_t)(int);
-typedef int (*ReceiveRZPDataAsyncRaw_t)(int, PRZP_HEADER_PACKET, unsigned char *, const char *);
-typedef int (*SendRZPDataRaw_t)(PRZP_HEADER_PACKET, unsigned char *, const char *);
-typedef int (*Tokenize_t)(unsigned char *, const char *, ...);
-typedef int (*DeTokenize_t)(unsigned char *, const char *, ...);
-typedef int (*DeTokenizeWithOffset_t)(unsigned char *, const char *, int, ...);
-
-#define RZP_TRANSPORT_LIBRARY "libzelrzptransport.so.0"
 #define RZP_FRAME_MAGIC "RZP1"
 #define RZP_FRAME_PREFIX 40 /* magic, header, reply-to length */
 #define RZP_MAX_REPLY_NAME 255

@@ -1,0 +1,206 @@
+// cmdline.cpp - the run flags and the command-line scan that sets them. Owns every run-flag
+// global (SILENT_INSTALL ... REBOOT_IF_NEEDED), Parser_Exiting, ThreadCount and
+// LocalSequenceNumber; CheckCommandLineParameters writes them on the main thread only.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "parser.h"
+#include "support.h"
+
+int SILENT_INSTALL = 0;
+std::atomic<char> DEBUG_FLAG{0};
+std::atomic<int> FORCE_INSTALL_FLAG{0};
+int HELP_REQUESTED = 0;
+std::atomic<int> NO_USER_INTERFACE{0};
+int VERBOSE_MODE = 0;
+int SINGLE_STEP_MODE = 0;
+int OK_TO_RUN = 0;
+int INPUT_FILE_FOUND = 0;
+char InputFileName[ARGUMENT_BUFFER_SIZE];
+int TQR_INSTALL = 0;
+char *TQR_PackageName[TQR_MAX_PACKAGES];
+int VIEW_ONLY = 0;
+char PackageName[ARGUMENT_BUFFER_SIZE];
+std::atomic<int> REBOOT_IF_NEEDED{0};
+const int BADPARM = -1;
+std::atomic<int> Parser_Exiting{0};
+std::atomic<int> ThreadCount{0};
+std::atomic<int> LocalSequenceNumber{0};
+
+namespace {
+
+// Options that take no value: the forms (after upper-casing) and the flag they set.
+struct FlagOption {
+    const char *Forms[6];
+    void (*Set)(void);
+};
+
+void SetSilent(void) { SILENT_INSTALL = 1; }
+void SetDebug(void) { DEBUG_FLAG = 1; }
+void SetForce(void) { FORCE_INSTALL_FLAG = 1; }
+void SetHelp(void) { HELP_REQUESTED = 1; }
+void SetNoUserInterface(void) { NO_USER_INTERFACE = 1; }
+void SetVerbose(void) { VERBOSE_MODE = 1; }
+void SetSingleStep(void) { SINGLE_STEP_MODE = 1; }
+void SetOkToRun(void) { OK_TO_RUN = 1; }
+
+const FlagOption FlagOptions[] = {
+    {{"--SILENT", "/SILENT", "SILENT", "/S", "-S", nullptr}, SetSilent},
+    {{"--ALL", "/ALL", "ALL", "--DEBUG", "/DEBUG", "DEBUG"}, SetDebug},
+    {{"--FORCE", "/FORCE", "FORCE", "/F", "-F", nullptr}, SetForce},
+    {{"--HELP", "/HELP", "HELP", "/H", "-H", nullptr}, SetHelp},
+    {{"--NUI", "/NUI", "NUI", nullptr}, SetNoUserInterface},
+    {{"-V", "V", "/V", nullptr}, SetVerbose},
+    {{"-Y", "Y", "/Y", nullptr}, SetSingleStep},
+    {{"-MG", "MG", "/MG", nullptr}, SetOkToRun},
+};
+
+int MatchesFlagOption(const char *Copy)
+{
+    for (const FlagOption &Option : FlagOptions)
+        for (const char *Form : Option.Forms) {
+            if (Form == nullptr)
+                break;
+            if (strcmp(Copy, Form) == 0) {
+                Option.Set();
+                return 1;
+            }
+        }
+    return 0;
+}
+
+// A value option's failure: print the message, stop the scan.
+int FailOption(const char *Format, const char *Argument)
+{
+    printf(Format, Argument);
+    Parser_Exiting = 1;
+    return BADPARM;
+}
+
+// The value of a value option, argv[i+1], when it exists and fits 1023 characters.
+// Otherwise prints the option's message (too long / missing) and returns NULL.
+const char *TakeValue(int argc, char **argv, int i, const char *TooLong, const char *Missing,
+                      int *Result)
+{
+    if (i + 1 < argc && strlen(argv[i + 1]) < ARGUMENT_BUFFER_SIZE)
+        return argv[i + 1];
+    *Result = (i + 1 < argc) ? FailOption(TooLong, argv[i + 1]) : FailOption(Missing, "");
+    return nullptr;
+}
+
+// "-C" value: stored with its last three characters replaced by "rpm" unless it contains
+// "rpm". Values that do not fit a 256-byte slot, that have no three characters to replace,
+// or that exceed the 100 slots are refused.
+int StoreTQRPackage(const char *Value, int *Slot)
+{
+    size_t Length = strlen(Value);
+    int HasRpm = strstr(Value, "rpm") != nullptr;
+    if (*Slot >= TQR_MAX_PACKAGES)
+        return FailOption("\nInvalid command line parameter...More than 100 packages given, "
+                          "%s is refused.\n",
+                          Value);
+    if (Length >= TQR_NAME_SIZE || (!HasRpm && Length < 3))
+        return FailOption("\n%s is an invalid filename.\n", Value);
+    char *Name = static_cast<char *>(calloc(TQR_NAME_SIZE, 1));
+    if (Name == nullptr)
+        return FailOption("\nUnable to allocate memory for package name %s.\n", Value);
+    memcpy(Name, Value, HasRpm ? Length : Length - 3);
+    if (!HasRpm)
+        memcpy(Name + Length - 3, "rpm", 3);
+    if (DEBUG_FLAG)
+        printf("Parser--TQR_Package = %s\n", Name);
+    TQR_PackageName[(*Slot)++] = Name;
+    TQR_INSTALL = 1;
+    SILENT_INSTALL = 1;
+    return 0;
+}
+
+int ScanInputFile(int argc, char **argv, int *i)
+{
+    int Result = 0;
+    const char *Value = TakeValue(argc, argv, *i, "\n%s is an invalid filename.\n",
+                                  "\nInvalid inputfile parameter...No filename provided.\n%s",
+                                  &Result);
+    if (Value == nullptr)
+        return Result;
+    CopyBounded(InputFileName, sizeof InputFileName, Value);
+    INPUT_FILE_FOUND = 1;
+    (*i)++;
+    return 0;
+}
+
+int ScanTQRPackage(int argc, char **argv, int *i, int *Slot)
+{
+    int Result = 0;
+    const char *Value = TakeValue(argc, argv, *i, "\n%s is an invalid filename.\n",
+                                  "\nInvalid command line parameter...No packagename provided.\n%s",
+                                  &Result);
+    if (Value == nullptr)
+        return Result;
+    (*i)++;
+    return StoreTQRPackage(Value, Slot);
+}
+
+int ScanView(int argc, char **argv, int *i)
+{
+    if (VIEW_ONLY == 1)
+        return FailOption("\nInvalid view parameter...Multiple view options, only one allowed.\n%s",
+                          "");
+    int Result = 0;
+    const char *Value = TakeValue(argc, argv, *i, "\n%s is an invalid package name.\n",
+                                  "\nInvalid view parameter...No package name provided.\n%s",
+                                  &Result);
+    if (Value == nullptr)
+        return Result;
+    CopyBounded(PackageName, sizeof PackageName, Value);
+    if (strcmp(PackageName, "e100") == 0)
+        CopyBounded(PackageName, sizeof PackageName, "e100-");
+    VIEW_ONLY = 1;
+    (*i)++;
+    return 0;
+}
+
+} // namespace
+
+int CheckCommandLineParameters(int argc, char **argv)
+{
+    int Result = BADPARM;
+    int Slot = 0;
+    while (Slot < TQR_MAX_PACKAGES && TQR_PackageName[Slot] != nullptr)
+        Slot++;
+    for (int i = 1; i < argc && Parser_Exiting != 1; i++) {
+        char Copy[ARGUMENT_BUFFER_SIZE];
+        // An argument longer than the work buffer cannot be any option: it is ignored like
+        // every other unknown argument.
+        if (CopyBounded(Copy, sizeof Copy, argv[i]) != 0) {
+            Result = 0;
+            continue;
+        }
+        strupr(Copy);
+        if (MatchesFlagOption(Copy))
+            Result = 0;
+        else if (strncmp(Copy, "--INPUTFILE", 11) == 0)
+            Result = ScanInputFile(argc, argv, &i);
+        else if (strcmp(Copy, "-C") == 0 || strcmp(Copy, "/C") == 0)
+            Result = ScanTQRPackage(argc, argv, &i, &Slot);
+        else if (strncmp(Copy, "--VIEW", 6) == 0 || strncmp(Copy, "-VIEW", 5) == 0)
+            Result = ScanView(argc, argv, &i);
+        else
+            Result = 0;
+    }
+    return Result;
+}
+
+void FreeCommandLineState(void)
+{
+    for (char *&Name : TQR_PackageName) {
+        free(Name);
+        Name = nullptr;
+    }
+}
+
+int NextSequenceNumber(void)
+{
+    return LocalSequenceNumber.fetch_add(1);
+}

@@ -1,0 +1,251 @@
+// comms.cpp - the binding of the transport library, the three connections and their locks,
+// and the shut-down thread. Owns ParserQueue, TransportLibrary and the seven entry-point
+// pointers; Shutdown releases everything the service holds.
+#include <dlfcn.h>
+#include <time.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "parser.h"
+#include "support.h"
+
+PQUEUE ParserQueue = nullptr;
+void *TransportLibrary = nullptr;
+OpenRZPTransport_t OpenTransport = nullptr;
+CloseRZPTransport_t CloseTransport = nullptr;
+ReceiveRZPDataAsyncRaw_t ReceiveDataAsyncRaw = nullptr;
+DeTokenize_t DeTokenize = nullptr;
+DeTokenizeWithOffset_t DeTokenizeWithOffset = nullptr;
+SendRZPDataRaw_t SendDataRaw = nullptr;
+Tokenize_t Tokenize = nullptr;
+
+struct flock ReadConnectionFileLock;
+struct flock WriteConnectionFileLock;
+struct flock RegistrationConnectionFileLock;
+
+// The library could not be loaded, or lacks an entry point.
+#define RZP_TRANSPORT_UNAVAILABLE -114
+
+namespace {
+
+struct EntryPoint {
+    const char *Symbol;
+    void **Holder;
+};
+
+// Resolution order of the entry points.
+const EntryPoint EntryPoints[] = {
+    {"OpenRZPTransport", reinterpret_cast<void **>(&OpenTransport)},
+    {"CloseRZPTransport", reinterpret_cast<void **>(&CloseTransport)},
+    {"ReceiveRZPDataAsyncRaw", reinterpret_cast<void **>(&ReceiveDataAsyncRaw)},
+    {"DeTokenize", reinterpret_cast<void **>(&DeTokenize)},
+    {"DeTokenizeWithOffset", reinterpret_cast<void **>(&DeTokenizeWithOffset)},
+    {"SendRZPDataRaw", reinterpret_cast<void **>(&SendDataRaw)},
+    {"Tokenize", reinterpret_cast<void **>(&Tokenize)},
+};
+
+void CloseConnections(int Count, const int *Handles)
+{
+    for (int i = 0; i < Count; i++)
+        CloseTransport(Handles[i]);
+}
+
+// A start-up failure after the record exists: message, exit flag, release, code.
+int FailStartUp(const char *Message, int Code)
+{
+    if (Message != nullptr)
+        printf("%s", Message);
+    Parser_Exiting = 1;
+    UnbindTransportLibrary();
+    if (ParserQueue != nullptr) {
+        free(ParserQueue->WriteConnectionName);
+        free(ParserQueue->ReadConnectionName);
+        free(ParserQueue->SubServiceName);
+        free(ParserQueue);
+        ParserQueue = nullptr;
+    }
+    return Code;
+}
+
+// Opens the three connections in order; on a failure closes what was opened, prints the
+// connection's message and returns its negative handle.
+int OpenConnections(void)
+{
+    int Handles[3];
+    Handles[0] = OpenTransport(PARSER_READ_CONNECTION);
+    if (Handles[0] < 0)
+        return FailStartUp("\nOpening of parser read connection failed.\n", Handles[0]);
+    Handles[1] = OpenTransport(PARSER_WRITE_CONNECTION);
+    if (Handles[1] < 0) {
+        CloseConnections(1, Handles);
+        return FailStartUp("Opening of parser write connection failed.\n", Handles[1]);
+    }
+    Handles[2] = OpenTransport(REGISTRATION_CONNECTION);
+    if (Handles[2] < 0) {
+        printf("\nOpening of registration connection failed.\n");
+        CloseConnections(2, Handles);
+        return FailStartUp(nullptr, Handles[2]);
+    }
+    ParserQueue->ReadConnectionHandle = Handles[0];
+    ParserQueue->WriteConnectionHandle = Handles[1];
+    ParserQueue->RegistrationConnectionHandle = Handles[2];
+    return 0;
+}
+
+// Copies the three names into the record, in order; -111 after closing everything.
+int CopyConnectionNames(void)
+{
+    const struct {
+        char **Field;
+        const char *Name;
+        const char *Message;
+    } Names[] = {
+        {&ParserQueue->WriteConnectionName, PARSER_WRITE_CONNECTION,
+         "Unable to allocate memory for write connection name.\n"},
+        {&ParserQueue->ReadConnectionName, PARSER_READ_CONNECTION,
+         "Unable to allocate memory for read connection name.\n"},
+        {&ParserQueue->SubServiceName, PARSER_SUBSERVICE_NAME,
+         "Unable to allocate memory for subservice name.\n"},
+    };
+    for (const auto &Entry : Names) {
+        *Entry.Field = DuplicateString(Entry.Name);
+        if (*Entry.Field == nullptr) {
+            int Handles[3] = {ParserQueue->ReadConnectionHandle, ParserQueue->WriteConnectionHandle,
+                              ParserQueue->RegistrationConnectionHandle};
+            CloseConnections(3, Handles);
+            return FailStartUp(Entry.Message, RZP_OUT_OF_MEMORY);
+        }
+    }
+    return 0;
+}
+
+void SleepOneSecond(void)
+{
+    struct timespec Delay = {1, 0};
+    nanosleep(&Delay, nullptr);
+}
+
+} // namespace
+
+int BindTransportLibrary(void)
+{
+    if (TransportLibrary != nullptr)
+        return 0;
+    TransportLibrary = dlopen(RZP_TRANSPORT_LIBRARY, RTLD_LAZY);
+    if (TransportLibrary == nullptr) {
+        printf("Could not open " RZP_TRANSPORT_LIBRARY "...Error %s\n", dlerror());
+        return RZP_TRANSPORT_UNAVAILABLE;
+    }
+    dlerror();
+    for (const EntryPoint &Entry : EntryPoints) {
+        *Entry.Holder = dlsym(TransportLibrary, Entry.Symbol);
+        if (*Entry.Holder == nullptr) {
+            const char *Error = dlerror();
+            printf("Could not find %s in " RZP_TRANSPORT_LIBRARY "...Error %s\n", Entry.Symbol,
+                   Error != nullptr ? Error : "no such symbol");
+            UnbindTransportLibrary();
+            return RZP_TRANSPORT_UNAVAILABLE;
+        }
+    }
+    return 0;
+}
+
+void UnbindTransportLibrary(void)
+{
+    if (TransportLibrary != nullptr)
+        dlclose(TransportLibrary);
+    TransportLibrary = nullptr;
+    for (const EntryPoint &Entry : EntryPoints)
+        *Entry.Holder = nullptr;
+}
+
+int InitializeCommunicationsInterface(void)
+{
+    if (ParserQueue != nullptr)
+        return RZP_ALREADY_INITIALIZED;
+    int Result = BindTransportLibrary();
+    if (Result != 0) {
+        Parser_Exiting = 1;
+        return Result;
+    }
+    ParserQueue = static_cast<PQUEUE>(calloc(1, sizeof(QUEUE)));
+    if (ParserQueue == nullptr) {
+        UnbindTransportLibrary();
+        return RZP_OUT_OF_MEMORY;
+    }
+    Result = OpenConnections();
+    if (Result != 0)
+        return Result;
+    if (DEBUG_FLAG)
+        printf("Parser RCH is %d         WCH is %d           RegCH is %d\n",
+               ParserQueue->ReadConnectionHandle, ParserQueue->WriteConnectionHandle,
+               ParserQueue->RegistrationConnectionHandle);
+    Result = CopyConnectionNames();
+    if (Result != 0)
+        return Result;
+    ParserQueue->BundleList = nullptr;
+    ParserQueue->Provides_RZPParserOpenInputFile = 1;
+    ParserQueue->Provides_RZPParserParseInputFile = 1;
+    ParserQueue->Provides_RZPParserCloseInputFile = 1;
+    ParserQueue->Provides_RZPParserReturnNumberOfItems = 1;
+    ParserQueue->Provides_RZPParserReturnFirstItem = 1;
+    ParserQueue->Provides_RZPParserReturnNextItem = 1;
+    ParserQueue->Provides_RZPParserReturnLastItem = 1;
+    ParserQueue->AllowOverride = 1;
+    return 0;
+}
+
+void LockConnection(int Handle, struct flock *Lock)
+{
+    for (;;) {
+        memset(Lock, 0, sizeof *Lock);
+        Lock->l_type = F_WRLCK;
+        Lock->l_whence = SEEK_SET;
+        if (fcntl(Handle, F_SETLKW, Lock) == 0)
+            return;
+    }
+}
+
+void UnlockConnection(int Handle, struct flock *Lock)
+{
+    memset(Lock, 0, sizeof *Lock);
+    Lock->l_type = F_UNLCK;
+    Lock->l_whence = SEEK_SET;
+    fcntl(Handle, F_SETLKW, Lock);
+}
+
+void *Shutdown(void *)
+{
+    do
+        SleepOneSecond();
+    while (ThreadCount != 2);
+    DeRegisterWithRZPManager();
+    if (ParserQueue != nullptr) {
+        CloseTransport(ParserQueue->ReadConnectionHandle);
+        CloseTransport(ParserQueue->WriteConnectionHandle);
+        CloseTransport(ParserQueue->RegistrationConnectionHandle);
+        while (ParserQueue->BundleList != nullptr) {
+            BUNDLEINFOPTR Next = ParserQueue->BundleList->Next;
+            FreeBundleInfo(ParserQueue->BundleList);
+            ParserQueue->BundleList = Next;
+        }
+        free(ParserQueue->WriteConnectionName);
+        free(ParserQueue->ReadConnectionName);
+        free(ParserQueue->SubServiceName);
+        free(ParserQueue);
+        ParserQueue = nullptr;
+    }
+    FreeComponentList();
+    DeleteTree();
+    free(CurrentlyInstalledOS);
+    CurrentlyInstalledOS = nullptr;
+    UnbindTransportLibrary();
+    FreeInstallPacketList();
+    pthread_mutex_destroy(&PendingIOMutex);
+    pthread_mutex_destroy(&SendDataMutex);
+    Parser_Exiting = 1;
+    ThreadCount--;
+    return nullptr;
+}

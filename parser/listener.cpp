@@ -1,0 +1,181 @@
+// listener.cpp - the listener thread, the only reader of the read connection, and the
+// dispatch of every incoming packet.
+//
+// Threads: the listener runs Listen; it answers control packets itself, parks answers and
+// parser requests on the pending-I/O list and starts one detached worker per parser request
+// (counted in ThreadCount before it is created). It holds the read connection's lock only
+// around a receive, SendDataMutex only for the not-supported answer, PendingIOMutex only
+// inside Enqueue.
+#include <time.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "parser.h"
+
+namespace {
+
+enum DispatchAction { ACTION_REGISTER, ACTION_SHUTDOWN, ACTION_DEBUG_ON, ACTION_DEBUG_OFF,
+                      ACTION_UPDATE, ACTION_PARK, ACTION_WORKER };
+
+struct DispatchEntry {
+    uint32_t OpCode;
+    const char *DebugLine;
+    DispatchAction Action;
+    void *(*Worker)(void *);
+};
+
+const DispatchEntry DispatchTable[] = {
+    {RZP_REGISTER, "Parser found RZP_REGISTER packet.\n", ACTION_REGISTER, nullptr},
+    {RZP_SHUTDOWN, "Parser found RZP_SHUTDOWN packet.\n", ACTION_SHUTDOWN, nullptr},
+    {RZP_ENABLE_DEBUG, "Parser found RZP_ENABLE_DEBUG packet.\n", ACTION_DEBUG_ON, nullptr},
+    {RZP_DISABLE_DEBUG, "Parser found RZP_DISABLE_DEBUG packet.\n", ACTION_DEBUG_OFF, nullptr},
+    {RZP_UPDATE_COMMAND_LINE_PARMS, "Parser--RZP_UPDATE_COMMAND_LINE_PARMS packet received.\n",
+     ACTION_UPDATE, nullptr},
+    {RZP_IS_OPCODE_SUPPORTED, "Parser found RZP_IS_OPCODE_SUPPORTED.\n", ACTION_PARK, nullptr},
+    {RZP_OUTPUT_DATA, "Parser found RZP_OUTPUT_DATA.\n", ACTION_PARK, nullptr},
+    {RZP_LOG_DATA, "Parser found RZP_LOG_DATA.\n", ACTION_PARK, nullptr},
+    {RZP_PROMPT_FOR_NUMBER, "Parser found RZP_PROMPT_FOR_NUMBER.\n", ACTION_PARK, nullptr},
+    {RZP_PROMPT_FOR_HEX, "Parser found RZP_PROMPT_FOR_HEX.\n", ACTION_PARK, nullptr},
+    {RZP_PROMPT_FOR_CHARACTER, "Parser found RZP_PROMPT_FOR_CHARACTER.\n", ACTION_PARK, nullptr},
+    {RZP_GET_LOG_FILE_NAME, "Parser found RZP_GET_LOG_FILE_NAME.\n", ACTION_PARK, nullptr},
+    {RZP_IS_COMPONENT_SUPPORTED_ON_THIS_ERRATA,
+     "Parser found RZP_IS_COMPONENT_SUPPORTED_ON_THIS_ERRATA.\n", ACTION_PARK, nullptr},
+    {RZP_PARSER_OPEN_INPUT_FILE, "Parser found RZP_PARSER_OPEN_INPUT_FILE.\n", ACTION_WORKER,
+     HandleParserOpenInputFilePacket},
+    {RZP_PARSER_PARSE_INPUT_FILE, "Parser found RZP_PARSER_PARSE_INPUT_FILE.\n", ACTION_WORKER,
+     HandleParserParseInputFilePacket},
+    {RZP_PARSER_CLOSE_INPUT_FILE, "Parser found RZP_PARSER_CLOSE_INPUT_FILE.\n", ACTION_WORKER,
+     HandleParserCloseInputFilePacket},
+    {RZP_PARSER_RETURN_NUMBER_OF_ITEMS, "Parser found RZP_PARSER_RETURN_NUMBER_OF_ITEMS.\n",
+     ACTION_WORKER, HandleParserReturnNumberOfItemsPacket},
+    {RZP_PARSER_RETURN_FIRST_ITEM, "Parser found RZP_PARSER_RETURN_FIRST_ITEM.\n", ACTION_WORKER,
+     HandleParserReturnFirstItemPacket},
+    {RZP_PARSER_RETURN_NEXT_ITEM, "Parser found RZP_PARSER_RETURN_NEXT_ITEM.\n", ACTION_WORKER,
+     HandleParserReturnNextItemPacket},
+    {RZP_PARSER_RETURN_LAST_ITEM, "Parser found RZP_PARSER_RETURN_LAST_ITEM.\n", ACTION_WORKER,
+     HandleParserReturnLastItemPacket},
+};
+
+const DispatchEntry *FindDispatchEntry(uint32_t OpCode)
+{
+    for (const DispatchEntry &Entry : DispatchTable)
+        if (Entry.OpCode == OpCode)
+            return &Entry;
+    return nullptr;
+}
+
+void Park(PRZP_HEADER_PACKET Header, unsigned char *Payload)
+{
+    int Result = Enqueue(Header, Payload);
+    if (DEBUG_FLAG)
+        printf("Return code from Enqueue is %d\n", Result);
+}
+
+// Parks the request and starts its worker detached. A worker that cannot be started is
+// uncounted again; its request stays parked.
+void StartWorker(PRZP_HEADER_PACKET Header, unsigned char *Payload, void *(*Worker)(void *))
+{
+    Enqueue(Header, Payload);
+    ThreadCount++;
+    pthread_attr_t Attributes;
+    pthread_t Thread;
+    pthread_attr_init(&Attributes);
+    pthread_attr_setdetachstate(&Attributes, PTHREAD_CREATE_DETACHED);
+    if (pthread_create(&Thread, &Attributes, Worker, nullptr) != 0) {
+        ThreadCount--;
+        printf("Unable to start a worker for opCode %d.\n", static_cast<int>(Header->opCode));
+    }
+    pthread_attr_destroy(&Attributes);
+}
+
+// Answers an opcode that this sub-service does not serve: -103, back to the sender.
+void AnswerNotSupported(PRZP_HEADER_PACKET Header, unsigned char *Payload)
+{
+    printf("Parser found opCode %d is not supported by this sub-service.\n",
+           static_cast<int>(Header->opCode));
+    Header->ReturnCode = RZP_OPCODE_NOT_SUPPORTED;
+    Header->DestHandle = Header->SrcHandle;
+    Header->SrcHandle = ParserQueue->ReadConnectionHandle;
+    SendPacketLocked(Header, Header->DataLength > 0 ? Payload : nullptr);
+}
+
+void SleepPoll(void)
+{
+    struct timespec Delay = {0, 10000000};
+    nanosleep(&Delay, nullptr);
+}
+
+} // namespace
+
+int HandleIncomingPacket(PRZP_HEADER_PACKET Header, unsigned char *Payload)
+{
+    if (Header->DataLength < 0 || Header->DataLength > RZP_MAX_PAYLOAD) {
+        printf("Parser refused a packet for opCode %d: Data Length %d is outside 0 to %d.\n",
+               static_cast<int>(Header->opCode), Header->DataLength, RZP_MAX_PAYLOAD);
+        return 0;
+    }
+    if (DEBUG_FLAG)
+        DumpPacket(Header, Payload, 1);
+    const DispatchEntry *Entry = FindDispatchEntry(Header->opCode);
+    if (Entry == nullptr) {
+        AnswerNotSupported(Header, Payload);
+        return 0;
+    }
+    if (DEBUG_FLAG)
+        printf("%s", Entry->DebugLine);
+    switch (Entry->Action) {
+    case ACTION_REGISTER:
+        HandlePostRegistration(Header, Payload);
+        break;
+    case ACTION_SHUTDOWN:
+        Parser_Exiting = 1;
+        break;
+    case ACTION_DEBUG_ON:
+        DEBUG_FLAG = 1;
+        break;
+    case ACTION_DEBUG_OFF:
+        DEBUG_FLAG = 0;
+        break;
+    case ACTION_UPDATE:
+        ProcessUpdateCommandLineParms(Header, Payload);
+        break;
+    case ACTION_PARK:
+        Park(Header, Payload);
+        break;
+    case ACTION_WORKER:
+        StartWorker(Header, Payload, Entry->Worker);
+        break;
+    }
+    return 0;
+}
+
+void *Listen(void *)
+{
+    PRZP_HEADER_PACKET Header = static_cast<PRZP_HEADER_PACKET>(calloc(1, sizeof *Header));
+    unsigned char *Payload = static_cast<unsigned char *>(calloc(RZP_MAX_PAYLOAD, 1));
+    if (Header == nullptr || Payload == nullptr) {
+        printf("Unable to allocate memory for the listener.\n");
+        Parser_Exiting = 1;
+    }
+    while (Parser_Exiting == 0) {
+        LockConnection(ParserQueue->ReadConnectionHandle, &ReadConnectionFileLock);
+        int Result = ReceiveDataAsyncRaw(ParserQueue->ReadConnectionHandle, Header, Payload,
+                                         PARSER_CALLER);
+        UnlockConnection(ParserQueue->ReadConnectionHandle, &ReadConnectionFileLock);
+        if (Result < 0) {
+            SleepPoll();
+            continue;
+        }
+        HandleIncomingPacket(Header, Payload);
+        memset(Header, 0, sizeof *Header);
+        memset(Payload, 0, RZP_MAX_PAYLOAD);
+    }
+    if (DEBUG_FLAG)
+        printf("Exiting Listen thread\n");
+    free(Header);
+    free(Payload);
+    ThreadCount--;
+    return nullptr;
+}

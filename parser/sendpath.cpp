@@ -1,0 +1,28 @@
+// sendpath.cpp - the one path by which the sub-service writes a packet. Owns SendDataMutex,
+// which callers hold around every send; the write connection's lock is taken inside.
+#include <cstdio>
+
+#include "parser.h"
+
+pthread_mutex_t SendDataMutex = PTHREAD_MUTEX_INITIALIZER;
+
+int HandleOutgoingPacket(PRZP_HEADER_PACKET Header, unsigned char *Payload)
+{
+    if (DEBUG_FLAG)
+        DumpPacket(Header, Payload, 0);
+    LockConnection(ParserQueue->WriteConnectionHandle, &WriteConnectionFileLock);
+    int Result = SendDataRaw(Header, Payload, PARSER_CALLER);
+    UnlockConnection(ParserQueue->WriteConnectionHandle, &WriteConnectionFileLock);
+    if (Result < 0 && DEBUG_FLAG)
+        printf("Parser send of opCode %d failed with %d\n", static_cast<int>(Header->opCode),
+               Result);
+    return Result;
+}
+
+int SendPacketLocked(PRZP_HEADER_PACKET Header, unsigned char *Payload)
+{
+    pthread_mutex_lock(&SendDataMutex);
+    int Result = HandleOutgoingPacket(Header, Payload);
+    pthread_mutex_unlock(&SendDataMutex);
+    return Result;
+}
