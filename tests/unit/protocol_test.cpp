@@ -1,0 +1,266 @@
+// The protocol core inside one process: the packet dump, the pending-I/O queue, the
+// registration answers, and the requests to the manager with a scripted manager that parks
+// its answers the way the listener does.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "parser.h"
+
+namespace {
+
+typedef std::vector<unsigned char> Bytes;
+
+void PutU32(Bytes *B, uint32_t V)
+{
+    for (int i = 0; i < 4; i++)
+        B->push_back(static_cast<unsigned char>(V >> (8 * i)));
+}
+void PutString(Bytes *B, const std::string &S)
+{
+    B->insert(B->end(), S.begin(), S.end());
+    B->push_back(0);
+}
+
+RZP_HEADER_PACKET MakeHeader(uint32_t OpCode, int Sequence, int DataLength)
+{
+    RZP_HEADER_PACKET H;
+    memset(&H, 0, sizeof H);
+    H.SrcHandle = 101;
+    H.DestHandle = 102;
+    H.LocalSequenceNumber = Sequence;
+    H.RemoteSequenceNumber = -1;
+    H.opCode = OpCode;
+    H.ReturnCode = RZP_NO_RESULT_YET;
+    H.DataLength = DataLength;
+    return H;
+}
+
+class Protocol : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(BindTransportLibrary(), 0);
+        DEBUG_FLAG = 0;
+        Parser_Exiting = 0;
+        RZP_HEADER_PACKET H;
+        Bytes Payload(RZP_MAX_PAYLOAD);
+        while (PendingIOList != nullptr) // drop whatever an earlier test left
+            DequeueByOpCode(&H, Payload.data(), PendingIOList->Header->opCode);
+    }
+    std::string Captured()
+    {
+        fflush(stdout);
+        return testing::internal::GetCapturedStdout();
+    }
+};
+
+TEST_F(Protocol, DumpShowsEveryItemTypeAndTheIllegalShortQuirk)
+{
+    Bytes P;
+    PutU32(&P, 201); PutU32(&P, 1); P.push_back(1);
+    PutU32(&P, 201); PutU32(&P, 1); P.push_back(2);
+    PutU32(&P, 202); PutU32(&P, 1); P.push_back(0xab);
+    PutU32(&P, 204); PutU32(&P, 4); PutU32(&P, 70000);
+    PutU32(&P, 205); PutU32(&P, 1); P.push_back('Z');
+    PutU32(&P, 207); PutU32(&P, 4); PutU32(&P, static_cast<uint32_t>(-5));
+    PutU32(&P, 208); PutU32(&P, 6); PutString(&P, "hello");
+    PutU32(&P, 3); PutU32(&P, 7); PutString(&P, "/etc/x");
+    PutU32(&P, 301); PutU32(&P, 20);
+    PutU32(&P, 208); PutU32(&P, 2); PutString(&P, "longer text"); // declared too short
+    PutU32(&P, 203); PutU32(&P, 1); PutU32(&P, 5); PutString(&P, "abcd");
+    PutU32(&P, 206); PutU32(&P, 999); PutU32(&P, 0);
+    RZP_HEADER_PACKET H = MakeHeader(77, 12, static_cast<int>(P.size()));
+    testing::internal::CaptureStdout();
+    DumpPacket(&H, P.data(), 1);
+    EXPECT_EQ(Captured(), "\nParser Received SrcHandle is 101\n"
+                          "Parser Received DestHandle is 102\n"
+                          "Parser Received Local SequenceNumber is 12\n"
+                          "Parser Received Remote Sequence Number is -1\n"
+                          "Parser Received HIP opCode is 77\n"
+                          "Parser Received Return Code is -106\n"
+                          "Parser Received Data Length is 146\n\n"
+                          "BO 9 BOOL with Length 1 and Value of TRUE\n"
+                          "BO 18 BOOL with Length 1 and Value of FALSE\n"
+                          "BO 27 USHORT with Length 1 and Value of ab\n"
+                          "BO 39 ULONG with Length 4 and Value of 70000\n"
+                          "BO 48 SCHAR with Length 1 and Value of Z\n"
+                          "BO 60 SLONG with Length 4 and Value of -5\n"
+                          "BO 68 STRING with Length 6 and Value of hello\n"
+                          "BO 82 SUBTYPE_FILE_PRESENCE with Length 7 and Value of /etc/x\n"
+                          "BO 97 Prereq structure found with length 20\n"
+                          "BO 105 STRING with Length 2 and Value of longer text\n"
+                          "BO 121 USHORT found---ERROR ILLEGAL CHARACTER\n"
+                          "BO 129 SUBTYPE_LIBRARY_FILE_PRESENCE with Length 5 and Value of abcd\n"
+                          "BO 138 SSHORT found---ERROR ILLEGAL CHARACTER\n"
+                          "BO 146 TerminateList Struct value found\n");
+}
+
+TEST_F(Protocol, DumpOfTheSendSideWithoutPayloadShowsOnlyTheHeader)
+{
+    RZP_HEADER_PACKET H = MakeHeader(2, 3, 0);
+    testing::internal::CaptureStdout();
+    DumpPacket(&H, nullptr, 0);
+    EXPECT_EQ(Captured(), "\nParser sending SrcHandle is 101\n"
+                          "Parser sending DestHandle 102\n"
+                          "Parser sending LocalSequenceNumber is 3\n"
+                          "Parser sending RemoteSequenceNumber is -1\n"
+                          "Parser sending opCode is 2\n"
+                          "Parser sending Return Code is -106\n"
+                          "Parser sending Data Length is 0\n\n");
+}
+
+TEST_F(Protocol, DumpStopsAtAnItemThatRunsPastTheDataLength)
+{
+    // A string without its NUL, in a buffer of exactly DataLength bytes.
+    Bytes P;
+    PutU32(&P, 208); PutU32(&P, 5);
+    P.insert(P.end(), {'a', 'b', 'c'});
+    RZP_HEADER_PACKET H = MakeHeader(2001, 1, static_cast<int>(P.size()));
+    Bytes Exact(P);
+    testing::internal::CaptureStdout();
+    DumpPacket(&H, Exact.data(), 1);
+    std::string Out = Captured();
+    EXPECT_NE(Out.find("BO 8 STRING with Length 5 and Value of \nBO 8 item runs past Data Length 11"),
+              std::string::npos) << Out;
+}
+
+TEST_F(Protocol, DumpEndsTheProcessOnAnUnknownItemTypeOrAMissingBuffer)
+{
+    Bytes P;
+    PutU32(&P, 77);
+    RZP_HEADER_PACKET H = MakeHeader(2001, 1, 4);
+    EXPECT_EXIT(DumpPacket(&H, P.data(), 1), testing::ExitedWithCode(255),
+                "");
+    EXPECT_EXIT(DumpPacket(&H, nullptr, 1), testing::ExitedWithCode(255), "");
+}
+
+TEST_F(Protocol, QueueServesTheOldestMatchAndCopiesOnlyDataLength)
+{
+    Bytes Payload = {1, 2, 3};
+    RZP_HEADER_PACKET Open = MakeHeader(RZP_PARSER_OPEN_INPUT_FILE, 5, 3);
+    RZP_HEADER_PACKET Count = MakeHeader(RZP_PARSER_RETURN_NUMBER_OF_ITEMS, 6, 0);
+    RZP_HEADER_PACKET Again = MakeHeader(RZP_LOG_DATA, 5, 0);
+    ASSERT_EQ(Enqueue(&Open, Payload.data()), 0);
+    ASSERT_EQ(Enqueue(&Count, nullptr), 0);
+    ASSERT_EQ(Enqueue(&Again, nullptr), 0);
+    EXPECT_EQ(PendingIOList->Next->Buffer, nullptr); // no buffer without payload
+
+    RZP_HEADER_PACKET H;
+    Bytes Out(RZP_MAX_PAYLOAD, 0xee);
+    EXPECT_EQ(DequeueByOpCode(&H, Out.data(), RZP_PARSER_RETURN_NUMBER_OF_ITEMS), 0);
+    EXPECT_EQ(H.LocalSequenceNumber, 6);
+    EXPECT_EQ(Out[0], 0);
+    EXPECT_EQ(Out[1], 0xee);
+    EXPECT_EQ(PendingIOList->Header->opCode, RZP_PARSER_OPEN_INPUT_FILE);
+
+    EXPECT_EQ(Dequeue(&H, Out.data(), -1), RZP_NO_SEQUENCE_NUMBER);
+    EXPECT_EQ(Dequeue(&H, Out.data(), 5), 0);
+    EXPECT_EQ(H.opCode, RZP_PARSER_OPEN_INPUT_FILE);
+    EXPECT_EQ(Out[2], 3);
+    EXPECT_EQ(Out[3], 0xee);
+    EXPECT_EQ(Dequeue(&H, Out.data(), 5), 0);
+    EXPECT_EQ(H.opCode, RZP_LOG_DATA);
+    EXPECT_EQ(Dequeue(&H, Out.data(), 5), RZP_NOTHING_PENDING);
+    EXPECT_EQ(DequeueByOpCode(&H, Out.data(), 4001), RZP_OPCODE_NOT_SUPPORTED);
+}
+
+TEST_F(Protocol, PromptNumberPacketsAreShownInDebugMode)
+{
+    Bytes Payload = {0x10, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
+    RZP_HEADER_PACKET Prompt = MakeHeader(RZP_PROMPT_FOR_NUMBER, 9, 11);
+    ASSERT_EQ(Enqueue(&Prompt, Payload.data()), 0);
+    DEBUG_FLAG = 1;
+    RZP_HEADER_PACKET H;
+    Bytes Out(RZP_MAX_PAYLOAD);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(DequeueByOpCode(&H, Out.data(), RZP_PROMPT_FOR_NUMBER), 0);
+    DEBUG_FLAG = 0;
+    EXPECT_EQ(Captured(), "Parser opCode asked for 2202    Found opCode is 2202\n"
+                          "PARSER BUFFER DUMP...\n"
+                          "10  01  02  03  04  05  06  07  08  09  \n0a  "
+                          "\nEnd PARSER BUFFER DUMP\n");
+}
+
+// ---- Registration answers ----------------------------------------------------------------------
+
+class Registration : public Protocol {
+protected:
+    void SetUp() override
+    {
+        Protocol::SetUp();
+        ParserQueue = static_cast<PQUEUE>(calloc(1, sizeof(QUEUE)));
+        BOOLEAN *Flags = &ParserQueue->Provides_RZPParserOpenInputFile;
+        for (int i = 0; i < 8; i++)
+            Flags[i] = 1;
+    }
+    void TearDown() override
+    {
+        free(ParserQueue);
+        ParserQueue = nullptr;
+    }
+    Bytes Answer(uint32_t OpCode, const std::string &Name)
+    {
+        Bytes P;
+        PutU32(&P, 204); PutU32(&P, 4); PutU32(&P, OpCode);
+        PutU32(&P, 201); PutU32(&P, 1); P.push_back(1);
+        PutU32(&P, 201); PutU32(&P, 1); P.push_back(1);
+        PutU32(&P, 208); PutU32(&P, static_cast<uint32_t>(Name.size() + 1)); PutString(&P, Name);
+        PutU32(&P, 208); PutU32(&P, 21); PutString(&P, "/dev/zelparser_write");
+        PutU32(&P, 208); PutU32(&P, 20); PutString(&P, "/dev/zelparser_read");
+        return P;
+    }
+};
+
+TEST_F(Registration, ARefusalClearsOnlyTheFlagOfThatOpcode)
+{
+    Bytes P = Answer(RZP_PARSER_RETURN_FIRST_ITEM, "PARSER_V100");
+    RZP_HEADER_PACKET H = MakeHeader(RZP_REGISTER, 3, static_cast<int>(P.size()));
+    H.ReturnCode = -1;
+    HandlePostRegistration(&H, P.data());
+    EXPECT_EQ(ParserQueue->Provides_RZPParserReturnFirstItem, 0);
+    BOOLEAN *Flags = &ParserQueue->Provides_RZPParserOpenInputFile;
+    int Set = 0;
+    for (int i = 0; i < 8; i++)
+        Set += Flags[i];
+    EXPECT_EQ(Set, 7);
+    H.ReturnCode = 0;
+    P = Answer(RZP_PARSER_RETURN_LAST_ITEM, "PARSER_V100");
+    HandlePostRegistration(&H, P.data());
+    EXPECT_EQ(ParserQueue->Provides_RZPParserReturnLastItem, 1);
+}
+
+TEST_F(Registration, UnknownOpcodesLongNamesAndTruncatedAnswersChangeNothing)
+{
+    Bytes P = Answer(4200, "PARSER_V100");
+    RZP_HEADER_PACKET H = MakeHeader(RZP_REGISTER, 3, static_cast<int>(P.size()));
+    H.ReturnCode = -1;
+    testing::internal::CaptureStdout();
+    HandlePostRegistration(&H, P.data());
+    EXPECT_EQ(Captured(), "PARSER: Found an unknown opCode type of 4200\n");
+
+    DEBUG_FLAG = 1; // the dump shows the cut name
+    P = Answer(RZP_PARSER_OPEN_INPUT_FILE, std::string(400, 'n'));
+    H.DataLength = static_cast<int>(P.size());
+    testing::internal::CaptureStdout();
+    HandlePostRegistration(&H, P.data());
+    DEBUG_FLAG = 0;
+    EXPECT_NE(Captured().find("SubServiceName is " + std::string(255, 'n') + "\n"),
+              std::string::npos);
+    EXPECT_EQ(ParserQueue->Provides_RZPParserOpenInputFile, 0);
+
+    P = Answer(RZP_PARSER_PARSE_INPUT_FILE, "PARSER_V100");
+    H.DataLength = static_cast<int>(P.size()) - 10;
+    testing::internal::CaptureStdout();
+    HandlePostRegistration(&H, P.data());
+    EXPECT_NE(Captured().find("does not hold the registration record"), std::string::npos);
+    EXPECT_EQ(ParserQueue->Provides_RZPParserParseInputFile, 1);
+}
+
+} // namespace
