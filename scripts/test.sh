@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Builds and runs the whole test suite: the plain build, the AddressSanitizer +
+# UndefinedBehaviorSanitizer build, the ThreadSanitizer build, and a bounded fuzzing run of
+# the XML tokenizer. Usage: scripts/test.sh [fuzz-seconds]   (default 60; 0 skips fuzzing)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+fuzz_seconds="${1:-60}"
+bash scripts/install-deps.sh
+jobs=$(nproc)
+
+run_suite() { # name, cmake options...
+  local dir="build-ci-$1"; shift
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+  cmake --build "$dir" -j"$jobs"
+  (cd "$dir" && ctest -j"$jobs" --output-on-failure --timeout 300)
+}
+
+echo "== plain build"
+run_suite plain
+echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
+ASAN_OPTIONS=detect_leaks=1 run_suite asan -DZEL_ASAN=ON
+echo "== ThreadSanitizer build"
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" run_suite tsan -DZEL_TSAN=ON
+if [ "$fuzz_seconds" != 0 ] && [ -f fuzz/run.sh ]; then
+  echo "== fuzzing the XML tokenizer for ${fuzz_seconds}s"
+  bash fuzz/run.sh "$fuzz_seconds"
+fi
+echo "All test runs passed."

@@ -1,0 +1,211 @@
+// The manager protocol end to end: the real zelparser in the sandbox, driven by the reference
+// manager: registration, the not-supported answer, debug on and off, shut-down, and
+// malformed packets that must leave the sub-service serving the next request.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "sandbox.h"
+#include "zelrzpmanager.h"
+
+namespace {
+
+typedef std::vector<unsigned char> Bytes;
+
+class ManagerProtocol : public testing::Test {
+protected:
+    ZmSession Session;
+    ZmConfig Config;
+
+    void SetUp() override
+    {
+        ASSERT_EQ(SandboxEnter(), 0);
+        Config.ParserPath = ZEL_PARSER_PATH;
+        Config.BundleDir = "/tmp";
+        Config.TimeoutMs = 15000;
+    }
+    void Start()
+    {
+        std::string Error;
+        ASSERT_EQ(ZmStart(&Session, Config, &Error), 0) << Error << ZmConsoleSnapshot(&Session);
+    }
+    void TearDown() override { ZmClose(&Session); }
+
+    std::vector<ZmPacket> FromParser(uint32_t OpCode)
+    {
+        std::vector<ZmPacket> Found;
+        for (const ZmPacket &P : ZmPacketsSnapshot(&Session))
+            if (P.Direction == ZM_FROM_PARSER && P.Header.opCode == OpCode)
+                Found.push_back(P);
+        return Found;
+    }
+    // The sub-service still serves requests: the number of items is answered.
+    void ExpectStillServing()
+    {
+        ZmPacket Answer;
+        ASSERT_EQ(ZmRequest(&Session, RZP_PARSER_RETURN_NUMBER_OF_ITEMS, {}, &Answer), 0)
+            << ZmConsoleSnapshot(&Session);
+        EXPECT_EQ(Answer.Header.ReturnCode, 0);
+    }
+};
+
+Bytes RegistrationRecord(uint32_t OpCode)
+{
+    Bytes P;
+    ZmPutU32(&P, 204); ZmPutU32(&P, 4); ZmPutU32(&P, OpCode);
+    ZmPutU32(&P, 201); ZmPutU32(&P, 1); ZmPutByte(&P, 1);
+    ZmPutU32(&P, 201); ZmPutU32(&P, 1); ZmPutByte(&P, 1);
+    ZmPutU32(&P, 208); ZmPutU32(&P, 12); ZmPutString(&P, "PARSER_V100");
+    ZmPutU32(&P, 208); ZmPutU32(&P, 21); ZmPutString(&P, "/dev/zelparser_write");
+    ZmPutU32(&P, 208); ZmPutU32(&P, 20); ZmPutString(&P, "/dev/zelparser_read");
+    return P;
+}
+
+TEST_F(ManagerProtocol, SevenRegistrationsInOrderWithConsecutiveNumbers)
+{
+    Config.Args = {"--DEBUG"};
+    Start();
+    std::vector<ZmPacket> Registrations = FromParser(RZP_REGISTER);
+    const uint32_t Expected[] = {4001, 4002, 4003, 4101, 4102, 4103, 4104};
+    ASSERT_EQ(Registrations.size(), 7u);
+    for (size_t i = 0; i < 7; i++) {
+        const ZmPacket &P = Registrations[i];
+        EXPECT_EQ(P.Connection, "/dev/zelrzp_np1");
+        EXPECT_EQ(P.Header.LocalSequenceNumber, Registrations[0].Header.LocalSequenceNumber + int(i));
+        EXPECT_EQ(P.Header.RemoteSequenceNumber, -1);
+        EXPECT_EQ(P.Header.ReturnCode, RZP_NO_RESULT_YET);
+        EXPECT_EQ(P.Header.DataLength, int(P.Payload.size()));
+        EXPECT_EQ(P.Payload, RegistrationRecord(Expected[i])) << "registration " << i;
+    }
+    // Debug mode shows each of the manager's answers.
+    ASSERT_EQ(ZmWaitForConsole(&Session, "ReceiveConnectionName is /dev/zelparser_read\n"), 0);
+    std::string Console = ZmConsoleSnapshot(&Session);
+    EXPECT_NE(Console.find("Data received by Parser Sub-Service is...\nopCodeVarType is 204\n"
+                           "opCodeVarLength is 4\nopCode is 4001\n"),
+              std::string::npos);
+    EXPECT_NE(Console.find("OverrideExisting is TRUE\n"), std::string::npos);
+    EXPECT_EQ(ZmStop(&Session), 0);
+}
+
+TEST_F(ManagerProtocol, AnUnknownOpcodeIsAnsweredNotSupportedWithItsPayloadBack)
+{
+    Start();
+    Bytes Payload(20);
+    for (size_t i = 0; i < Payload.size(); i++)
+        Payload[i] = static_cast<unsigned char>(i * 7);
+    ZmPacket Answer;
+    ASSERT_EQ(ZmRequest(&Session, 77, Payload, &Answer), 0);
+    EXPECT_EQ(Answer.Header.ReturnCode, RZP_OPCODE_NOT_SUPPORTED);
+    EXPECT_EQ(Answer.Header.opCode, 77u);
+    EXPECT_EQ(Answer.Header.RemoteSequenceNumber, -1); // unchanged
+    EXPECT_EQ(Answer.Header.DestHandle, Session.ReceiveHandle); // our SrcHandle, back to us
+    EXPECT_EQ(Answer.Payload, Payload);
+    // The sub-service's own read handle stands in SrcHandle, as in its registrations.
+    EXPECT_EQ(Answer.Header.SrcHandle, FromParser(RZP_REGISTER)[0].Header.SrcHandle);
+    EXPECT_EQ(ZmWaitForConsole(&Session, "Parser found opCode 77 is not supported by this "
+                                         "sub-service.\n"),
+              0);
+}
+
+TEST_F(ManagerProtocol, DebugLinesFollowTheFlagAtArrival)
+{
+    Start();
+    RZP_HEADER_PACKET H;
+    memset(&H, 0, sizeof H);
+    H.SrcHandle = Session.ReceiveHandle;
+    H.DestHandle = Session.SendHandle;
+    H.RemoteSequenceNumber = -1;
+    H.ReturnCode = RZP_NO_RESULT_YET;
+    H.opCode = RZP_ENABLE_DEBUG;
+    ASSERT_EQ(ZmSendPacket(&Session, H, {}), 0);
+    H.opCode = RZP_DISABLE_DEBUG;
+    ASSERT_EQ(ZmSendPacket(&Session, H, {}), 0);
+    ASSERT_EQ(ZmWaitForConsole(&Session, "Parser found RZP_DISABLE_DEBUG packet.\n"), 0);
+    ExpectStillServing();
+    std::string Console = ZmConsoleSnapshot(&Session);
+    EXPECT_EQ(Console.find("RZP_ENABLE_DEBUG"), std::string::npos);
+    EXPECT_EQ(Console.find("RZP_PARSER_RETURN_NUMBER_OF_ITEMS"), std::string::npos); // off again
+}
+
+TEST_F(ManagerProtocol, ShutDownDeregistersAndExitsZero)
+{
+    Config.Args = {"-V"};
+    Start();
+    EXPECT_EQ(ZmStop(&Session), 0);
+    std::vector<ZmPacket> Packets = ZmPacketsSnapshot(&Session);
+    const ZmPacket &Last = Packets.back();
+    EXPECT_EQ(Last.Direction, ZM_FROM_PARSER);
+    EXPECT_EQ(Last.Connection, "/dev/zelrzp_np1");
+    EXPECT_EQ(Last.Header.opCode, RZP_SHUTDOWN);
+    EXPECT_EQ(Last.Header.DataLength, 0);
+    EXPECT_EQ(Last.Header.ReturnCode, RZP_NO_RESULT_YET);
+    std::string Console = ZmConsoleSnapshot(&Session);
+    EXPECT_EQ(Console.substr(Console.size() - 32), "Parser sub-service is unloading\n");
+}
+
+TEST_F(ManagerProtocol, DeregistrationWaitsForABusyWorker)
+{
+    // The parse worker (of a TQR install, which needs no bundle) blocks on its first log
+    // request, which this manager never answers.
+    Config.AnswerRequests = false;
+    Config.Args = {"-C", "pkg.rpm"};
+    Start();
+    Bytes None;
+    RZP_HEADER_PACKET H;
+    memset(&H, 0, sizeof H);
+    H.SrcHandle = Session.ReceiveHandle;
+    H.DestHandle = Session.SendHandle;
+    H.LocalSequenceNumber = 1;
+    H.RemoteSequenceNumber = -1;
+    H.ReturnCode = RZP_NO_RESULT_YET;
+    H.opCode = RZP_PARSER_PARSE_INPUT_FILE;
+    ASSERT_EQ(ZmSendPacket(&Session, H, None), 0);
+    size_t From = 0;
+    ZmPacket Log;
+    auto IsLog = [](const ZmPacket &P, const void *) {
+        return P.Direction == ZM_FROM_PARSER && P.Header.opCode == RZP_LOG_DATA;
+    };
+    ASSERT_EQ(ZmWaitForPacket(&Session, IsLog, nullptr, &From, &Log), 0)
+        << ZmConsoleSnapshot(&Session);
+    EXPECT_EQ(ZmStop(&Session), 0);
+    // Everything the worker sent after the exit flag precedes the deregistration.
+    std::vector<ZmPacket> Packets = ZmPacketsSnapshot(&Session);
+    EXPECT_EQ(Packets.back().Header.opCode, RZP_SHUTDOWN);
+    EXPECT_EQ(Packets.back().Connection, "/dev/zelrzp_np1");
+}
+
+TEST_F(ManagerProtocol, MalformedPacketsLeaveTheSubServiceServing)
+{
+    Start();
+    // A frame whose DataLength is beyond any buffer.
+    Bytes Frame = {'R', 'Z', 'P', '1'};
+    uint32_t Header[8] = {uint32_t(Session.ReceiveHandle), uint32_t(Session.SendHandle), 9,
+                          0xffffffffu, 4101, uint32_t(RZP_NO_RESULT_YET), 20000, 0};
+    for (uint32_t V : Header)
+        ZmPutU32(&Frame, V);
+    ZmPutU32(&Frame, 0);
+    ASSERT_EQ(ZmSendBytes(&Session, Frame.data(), Frame.size()), 0);
+    ExpectStillServing();
+
+    // A registration answer cut short, and one whose strings have no NUL.
+    RZP_HEADER_PACKET H;
+    memset(&H, 0, sizeof H);
+    H.SrcHandle = Session.ReceiveHandle;
+    H.DestHandle = Session.SendHandle;
+    H.opCode = RZP_REGISTER;
+    Bytes Cut = RegistrationRecord(4001);
+    Cut.resize(30);
+    ASSERT_EQ(ZmSendPacket(&Session, H, Cut), 0);
+    Bytes NoNul = RegistrationRecord(4001);
+    NoNul.resize(NoNul.size() - 1);
+    ASSERT_EQ(ZmSendPacket(&Session, H, NoNul), 0);
+    // An update of the run flags without its three items.
+    H.opCode = RZP_UPDATE_COMMAND_LINE_PARMS;
+    ASSERT_EQ(ZmSendPacket(&Session, H, {201, 0, 0}), 0);
+    ExpectStillServing();
+    EXPECT_EQ(ZmStop(&Session), 0);
+}
+
+} // namespace
