@@ -6,4 +6,4 @@ cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZEL_TESTS=OFF >/dev/null
 cmake --build build -j"$(nproc)" --target zelparser zelrzp-manager
-exec build/bin/zelrzp-manager --distro rh73 "$@" examples/bundle
+exec build/bin/zelrzp-manager --distro rh73 "$@" examples/server-bundle
