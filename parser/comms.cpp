@@ -3,10 +3,12 @@
 // pointers; Shutdown releases everything the service holds.
 #include <dlfcn.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "parser.h"
 #include "support.h"
@@ -121,6 +123,30 @@ int CopyConnectionNames(void)
     return 0;
 }
 
+// Loads the library by name. The executable's RUNPATH ($ORIGIN, $ORIGIN/../lib) names where
+// it lies; a loader that does not apply the caller's RUNPATH to dlopen (as under some
+// sanitizer runtimes) is helped by trying those two places explicitly.
+void *LoadTransportLibrary(void)
+{
+    void *Library = dlopen(RZP_TRANSPORT_LIBRARY, RTLD_LAZY);
+    if (Library != nullptr)
+        return Library;
+    std::string Error = dlerror();
+    char Executable[4096];
+    ssize_t Length = readlink("/proc/self/exe", Executable, sizeof Executable - 1);
+    if (Length > 0) {
+        Executable[Length] = '\0';
+        std::string Directory(Executable, strrchr(Executable, '/') - Executable);
+        for (const char *Relative : {"/", "/../lib/"}) {
+            Library = dlopen((Directory + Relative + RZP_TRANSPORT_LIBRARY).c_str(), RTLD_LAZY);
+            if (Library != nullptr)
+                return Library;
+        }
+    }
+    printf("Could not open " RZP_TRANSPORT_LIBRARY "...Error %s\n", Error.c_str());
+    return nullptr;
+}
+
 void SleepOneSecond(void)
 {
     struct timespec Delay = {1, 0};
@@ -133,11 +159,9 @@ int BindTransportLibrary(void)
 {
     if (TransportLibrary != nullptr)
         return 0;
-    TransportLibrary = dlopen(RZP_TRANSPORT_LIBRARY, RTLD_LAZY);
-    if (TransportLibrary == nullptr) {
-        printf("Could not open " RZP_TRANSPORT_LIBRARY "...Error %s\n", dlerror());
+    TransportLibrary = LoadTransportLibrary();
+    if (TransportLibrary == nullptr)
         return RZP_TRANSPORT_UNAVAILABLE;
-    }
     dlerror();
     for (const EntryPoint &Entry : EntryPoints) {
         *Entry.Holder = dlsym(TransportLibrary, Entry.Symbol);
