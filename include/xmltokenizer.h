@@ -6,7 +6,9 @@
 // process-wide tree at ActiveSection; it returns 0, XML_OPEN_FAILED or XML_PARSE_FAILED.
 // The tree belongs to the file named by CurrentXMLFileParsed. Pointers handed out by the
 // lookups point into the tree and stay valid until the tree is deleted, which happens when a
-// reader names another file (UseXMLFile): callers copy what they keep.
+// reader names another file (UseXMLFile): callers copy what they keep. The strings of the
+// tree live inside their records: change their bytes in place if need be (strupr), never
+// free or replace them. The dialect is described in docs/xml-dialect.md.
 #pragma once
 
 #include <cstddef>
@@ -95,6 +97,15 @@ enum { XML_WALK_OK = 0, XML_WALK_SWITCH_FAILED = 1, XML_WALK_MISSING = 2 };
 // Applies the current-file rule to FileName, takes the root (printing the root-node message
 // when there is none) and walks Steps. Returns the last section found, or NULL with
 // *Failure set to XML_WALK_SWITCH_FAILED or XML_WALK_MISSING.
+// In detail: a failed switch to another file gives NULL and XML_WALK_SWITCH_FAILED with no
+// message of the walk's own (ParseFile has printed its own); a failed first parse goes on
+// with the empty or partial tree. No root: "The XML file is corrupt.  The root node is
+// null.\n" and XML_WALK_MISSING. Each step is one FindFirstChildOf below the section found by
+// the step before (direct children only); a step that finds nothing prints the message for
+// its Missing word when that is not NULL and gives XML_WALK_MISSING. StepCount 0 gives the
+// root. *Failure is XML_WALK_OK when a section is returned; Failure may be NULL.
+// Example: {{"zel_package", NULL}, {"platform_specific", "platform_specific"},
+//           {"LINUX", "LINUX"}, {XML_INSTALLED_OS, NULL}}.
 SECTIONPTR WalkToSection(const char *FileName, const XMLSTEP *Steps, int StepCount,
                          int *Failure);
 // Prints "The XML file is corrupt.  The '%s' section cannot be found.\n".
@@ -144,6 +155,7 @@ int GetBundleVersion(const char *BundleXMLFileName, char *BundleVersion, size_t 
 int GetBundlePackages(const char *BundleXMLFileName);
 int GetBundleName(const char *BundleXMLFileName, const char *LanguageName, char *BundleName,
                   size_t BundleNameSize);
+// Frees one record and its three buffers (not the records after it).
 void FreeBundleInfo(BUNDLEINFOPTR Bundle);
 
 // Component descriptions.
@@ -179,6 +191,8 @@ extern COMPONENTINFOPTR ComponentList;
 COMPONENTINFOPTR AppendComponent(const char *FileName);
 void FreeComponentList(void);
 
+// XMLFileName: a buffer of COMPONENT_FIELD_SIZE bytes. A derived name that would not fit is
+// refused with -1 and a message, the buffer untouched.
 int FindCorrespondingXMLFileName(const char *InstallFileName, char *XMLFileName);
 int FindComponentXmlFile(const char *FileName, char *XMLFileName);
 int DoesComponentFileExist(const char *FileName);

@@ -1,0 +1,223 @@
+// Bundle files: finding them in directory order, the five matching rules against the
+// installed distribution, and the version, name and contents readers.
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <set>
+#include <vector>
+
+#include "package_fixture.h"
+
+namespace
+{
+
+std::string Bundle(const std::string &Body)
+{
+    return "<zel_bundle>\n" + Body + "</zel_bundle>\n";
+}
+
+std::string Wrap(const char *Outer, const std::vector<std::string> &Lines)
+{
+    std::string Text = std::string("<") + Outer + ">\n";
+    for (const std::string &Line : Lines)
+        Text += Line + "\n";
+    return Text + "</" + Outer + ">\n";
+}
+
+std::string System(const std::string &Text)
+{
+    return "<operating_system>\n<operating_system_xlate lang=\"en\">" + Text +
+           "</operating_system_xlate>\n</operating_system>\n";
+}
+
+class Bundles : public PackageTest
+{
+};
+
+TEST_F(Bundles, FindsBundleFilesInDirectoryOrder)
+{
+    for (const char *Name :
+         {"bp000101.xml", "readme.txt", "BP000102.XML", "xbp0.xml.bak", "bp0.txt"})
+        Write(Name, "x");
+    const std::set<std::string> Bundles = {"bp000101.xml", "BP000102.XML", "xbp0.xml.bak"};
+    std::vector<std::string> Expected; // in the order the directory yields them
+    DIR *D = opendir(Dir.c_str());
+    for (struct dirent *E = readdir(D); E != nullptr; E = readdir(D))
+        if (Bundles.count(E->d_name))
+            Expected.push_back(Dir + "/" + E->d_name);
+    closedir(D);
+
+    char FileName[BUNDLE_FIELD_SIZE] = "stale";
+    BundleInfo Info = {FileName, nullptr, nullptr, 0, &Info};
+    for (int Index = 0; Index < 3; Index++) {
+        ASSERT_EQ(0, FindBundleXmlFile(Dir.c_str(), Index, &Info));
+        EXPECT_EQ(Expected[Index], FileName);
+        EXPECT_TRUE(Info.Status == BUNDLE_FOUND && Info.Next == nullptr);
+    }
+    EXPECT_EQ(XML_OPEN_FAILED, FindBundleXmlFile(Dir.c_str(), 3, &Info));
+    EXPECT_STREQ("", FileName);
+    ASSERT_EQ(0, FindBundleXmlFile((Dir + "/").c_str(), 0, &Info));
+    EXPECT_EQ(0, strncmp(FileName, (Dir + "//").c_str(), Dir.size() + 2));
+    EXPECT_EQ(XML_OPEN_FAILED, FindBundleXmlFile(Dir.c_str(), 0, nullptr));
+    EXPECT_EQ(XML_OPEN_FAILED, FindBundleXmlFile((Dir + "/none").c_str(), 0, &Info));
+
+    // A path that would not fit FileName is skipped and takes no position.
+    std::string Long = Dir + "/" + std::string(240 - Dir.size(), 'd');
+    ASSERT_EQ(0, mkdir(Long.c_str(), 0755));
+    std::ofstream(Long + "/bp0-" + std::string(30, 'n') + ".xml") << "x";
+    std::ofstream(Long + "/bp01.xml") << "x";
+    ASSERT_EQ(0, FindBundleXmlFile(Long.c_str(), 0, &Info));
+    EXPECT_EQ(Long + "/bp01.xml", FileName);
+    EXPECT_TRUE(Has(Captured([&] { FindBundleXmlFile(Long.c_str(), 1, &Info); }),
+                    "is longer than 255 characters; it is skipped.\n"));
+}
+
+const char RH73[] = "Red Hat Linux release 7.3 (Valhalla)\n";
+const char AS21[] = "Red Hat Linux Advanced Server release 2.1AS (Pensacola)\n";
+const char EL3[] = "Red Hat Enterprise Linux AS release 3 (Taroon)\n";
+const char UL10[] = "UnitedLinux 1.0 (i586)\nVERSION = 1.0\n";
+const char SLES8[] = "SuSE SLES-8 (i386)\nVERSION = 8.1\n";
+
+class Matching : public PackageTest
+{
+protected:
+    bool Sandboxed() const override { return true; }
+    int Serial = 0;
+    // Runs the matching of a bundle with Systems on a machine with the Release file.
+    signed char Supported(const char *Release, const std::string &Systems, std::string *Out)
+    {
+        const char *File = Has(Release, "SuSE")          ? "/etc/SuSE-release"
+                           : Has(Release, "UnitedLinux") ? "/etc/UnitedLinux-release"
+                                                         : "/etc/redhat-release";
+        EXPECT_EQ(0, SandboxClearReleaseFiles());
+        EXPECT_EQ(0, SandboxSetFile(File, Release));
+        std::string Path = Write("bp0" + std::to_string(++Serial) + ".xml",
+                                 Bundle(Wrap("operating_systems", {Systems})));
+        signed char Result = -1;
+        *Out = Captured([&] { Result = IsOSSupportedByBundle(Path.c_str()); });
+        return Result;
+    }
+};
+
+TEST_F(Matching, EachRuleAcceptsAndRejects)
+{
+    struct {
+        const char *Release;
+        std::string Systems;
+        signed char Expected;
+        const char *Verbose;
+    } Cases[] = {
+        {AS21, System("Red Hat Linux Advanced Server 2.1"), TRUE, "Advanced Server was found\n"},
+        {AS21,
+         System("Red Hat Linux Advanced Server 2.2") + System("Red Hat Linux Advanced Server 2.1"),
+         TRUE, ""},
+        {AS21, System("Red Hat Linux Advanced Server 2.2"), FALSE, ""},
+        {EL3, System("Red Hat Enterprise Linux 3"), TRUE, "Red Hat Enterprise Linux was found\n"},
+        {EL3, System("Red Hat Enterprise Linux 4"), FALSE, ""},
+        {RH73, System("Red Hat Linux 7.3"), TRUE, "Red Hat Linux Professional was found\n"},
+        {RH73, System("Red Hat Linux 7.31"), TRUE, ""},
+        {RH73, System("Red Hat Linux 8.0") + System("UnitedLinux 7.3"), FALSE, ""},
+        {UL10, System("UnitedLinux 1.0"), TRUE, "UnitedLinux was found.\n"},
+        {UL10, System("UnitedLinux 2.0"), FALSE, ""},
+        {SLES8, System("SUSE Linux Enterprise Server 9"), TRUE, "(SLES) was found.\n"},
+        {SLES8, System("SuSE SLES 8.1"), FALSE, ""},
+        // An entry without text ends the search, silently, before a matching one.
+        {RH73, "<operating_system>\n</operating_system>\n" + System("Red Hat Linux 7.3"), FALSE,
+         nullptr},
+    };
+    VERBOSE_MODE = 1;
+    for (const auto &Case : Cases) {
+        SCOPED_TRACE(Case.Systems);
+        std::string Out;
+        EXPECT_EQ(Case.Expected, Supported(Case.Release, Case.Systems, &Out));
+        if (Case.Verbose == nullptr) {
+            EXPECT_FALSE(Has(Out, "not supported"));
+            continue;
+        }
+        EXPECT_TRUE(Has(Out, Case.Verbose)) << Out;
+        EXPECT_EQ(Case.Expected == FALSE, Has(Out, "is not supported on this version of Linux.\n"));
+    }
+}
+
+TEST_F(Matching, SilentInstallAndCorruptBundles)
+{
+    std::string Out;
+    SILENT_INSTALL = 1;
+    EXPECT_EQ(FALSE, Supported(RH73, System("Red Hat Linux 9"), &Out));
+    EXPECT_EQ("", Out);
+    SILENT_INSTALL = 0;
+    std::string NoSystems = Write("bp0.xml", Bundle(""));
+    EXPECT_EQ(CorruptSection + "operating_systems' section cannot be found.\n",
+              Captured([&] { EXPECT_EQ(FALSE, IsOSSupportedByBundle(NoSystems.c_str())); }));
+    // A bundle that fails to parse is read, and reported, once.
+    DeleteTree();
+    std::string Broken = Write("bp0b.xml", "<zel_bundle>\n<![CDATA[never closed\n");
+    Out = Captured([&] { EXPECT_EQ(FALSE, IsOSSupportedByBundle(Broken.c_str())); });
+    EXPECT_EQ(Out.find("Error 10100"), Out.rfind("Error 10100"));
+    EXPECT_TRUE(Has(Out, CorruptSection + "operating_systems' section"));
+}
+
+TEST_F(Bundles, VersionAndNameAreCopiedWholeOrRefused)
+{
+    std::string Path =
+        Write("bp0a.xml", Bundle("<version value=\"1.2.3\"/>\n" +
+                                 Wrap("name", {"<name_xlate lang=\"fr\">Paquet</name_xlate>",
+                                               "<name_xlate lang=\"en\"></name_xlate>",
+                                               "<name_xlate lang=\"en\">Demo</name_xlate>"})));
+    char Text[16] = {};
+    EXPECT_EQ(0, GetBundleVersion(Path.c_str(), Text, sizeof(Text)));
+    EXPECT_STREQ("1.2.3", Text);
+    EXPECT_EQ(0, GetBundleName(Path.c_str(), "en", Text, sizeof(Text)));
+    EXPECT_STREQ("Demo", Text);
+    EXPECT_TRUE(Has(Captured([&] { EXPECT_EQ(-704, GetBundleVersion(Path.c_str(), Text, 5)); }),
+                    "refused"));
+    EXPECT_TRUE(Has(Captured([&] { EXPECT_EQ(-5, GetBundleName(Path.c_str(), "en", Text, 4)); }),
+                    "refused"));
+    EXPECT_EQ(CorruptSection + "name_xlate' section cannot be found.\n",
+              Captured([&] { EXPECT_EQ(-5, GetBundleName(Path.c_str(), "de", Text, 16)); }));
+    EXPECT_EQ(-1, GetBundleName(Path.c_str(), "en", nullptr, 0));
+
+    std::string NoValue = Write("bp0b.xml", Bundle("<version other=\"1\"/>\n"));
+    EXPECT_EQ("", Captured([&] { EXPECT_EQ(-704, GetBundleVersion(NoValue.c_str(), Text, 16)); }));
+    EXPECT_EQ(-4, GetBundleName(NoValue.c_str(), "en", Text, sizeof(Text)));
+    std::string NoBundle = Write("bp0c.xml", "<zel_package>\n</zel_package>\n");
+    EXPECT_EQ(-3, GetBundleName(NoBundle.c_str(), "en", Text, sizeof(Text)));
+    DeleteTree();
+    EXPECT_TRUE(Has(Captured([&] { EXPECT_EQ(-2, GetBundleName("", "en", Text, sizeof(Text))); }),
+                    "The XML file is corrupt.  The root node is null.\n"));
+}
+
+TEST_F(Bundles, PackagesSelectedByInstallYesInAnyCase)
+{
+    ASSERT_NE(nullptr, AppendComponent("earlier.rpm"));
+    std::string Path =
+        Write("bp0.xml",
+              Bundle(Wrap("contents",
+                          {"<package install=\"yes\">a-1.0.rpm</package>",
+                           "<package install=\"No\">b-1.0.rpm</package>",
+                           "<package install=\"Yes\">c-1.0.rpm</package>",
+                           "<package>d-1.0.rpm</package>", "<package install=\"YES\"></package>",
+                           "<package install=\"YES\">" + std::string(256, 'e') + ".rpm</package>",
+                           "<package install=\"YES\">f-1.0.rpm</package>"})));
+    int Count = 0;
+    std::string Out = Captured([&] { Count = GetBundlePackages(Path.c_str()); });
+    EXPECT_EQ(3, Count);
+    std::string Names;
+    for (COMPONENTINFOPTR C = ComponentList; C != nullptr; C = C->next) {
+        Names += std::string(C->FileName) + " ";
+        EXPECT_TRUE(C->Status == COMPONENT_LISTED && C->InstallStatus == COMPONENT_NOT_INSTALLED);
+    }
+    EXPECT_EQ("earlier.rpm a-1.0.rpm c-1.0.rpm f-1.0.rpm ", Names);
+    EXPECT_TRUE(Has(Out, "has no 'install' attribute") && Has(Out, "has no file name") &&
+                Has(Out, "longer than 255 characters; it is refused.\n"))
+        << Out;
+
+    std::string None =
+        Write("bp0b.xml", Bundle(Wrap("contents", {"<package install=\"no\">a.rpm</package>"})));
+    EXPECT_EQ(XML_NO_PACKAGES, GetBundlePackages(None.c_str()));
+    std::string Empty = Write("bp0c.xml", Bundle(Wrap("contents", {})));
+    EXPECT_EQ(CorruptSection + "package' section cannot be found.\n",
+              Captured([&] { EXPECT_EQ(XML_NO_PACKAGES, GetBundlePackages(Empty.c_str())); }));
+}
+
+} // namespace

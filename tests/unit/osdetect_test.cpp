@@ -1,0 +1,118 @@
+// Installed OS detection: release files as the distributions wrote them, the hand-over
+// between the Red Hat codes, the fixed /tmp/release.out, and the SP3 suffix.
+#include <sys/stat.h>
+
+#include "package_fixture.h"
+
+namespace
+{
+
+bool Exists(const char *Path)
+{
+    struct stat Info;
+    return lstat(Path, &Info) == 0;
+}
+
+class OSDetect : public PackageTest
+{
+protected:
+    bool Sandboxed() const override { return true; }
+    char Name[OS_NAME_MAX] = {}, Version[OS_NAME_MAX] = {};
+    signed char Detect(const char *ReleaseFile, const std::string &Text)
+    {
+        EXPECT_EQ(0, SandboxClearReleaseFiles());
+        EXPECT_EQ(0, SandboxSetFile(ReleaseFile, Text.c_str()));
+        Name[0] = Version[0] = '\0';
+        return DetectInstalledOS(Name, Version);
+    }
+};
+
+TEST_F(OSDetect, ReleaseFilesGiveNameVersionAndKey)
+{
+    const char *Cases[][5] = {
+        {"/etc/redhat-release", "Red Hat Linux release 7.3 (Valhalla)\n", "Red Hat Linux", "7.3",
+         "Red_Hat_Linux_7.3"},
+        // Code 1 finds "Server" in field 5 and hands over to code 3.
+        {"/etc/redhat-release", "Red Hat Linux Advanced Server release 2.1AS (Pensacola)\n",
+         "Red Hat Linux Advanced Server", "2.1", "Red_Hat_Linux_Advanced_Server_2.1"},
+        // Codes 1 and 3 find nothing; code 6 takes over.
+        {"/etc/redhat-release", "Red Hat Enterprise Linux AS release 3 (Taroon)\n",
+         "Red Hat Enterprise Linux", "3", "Red_Hat_Enterprise_Linux_3"},
+        {"/etc/redhat-release", "Red Hat Enterprise Linux AS release 2.9.5 (Nahant)\n",
+         "Red Hat Enterprise Linux", "3", "Red_Hat_Enterprise_Linux_3"},
+        {"/etc/SuSE-release", "SuSE SLES-8 (i386)\nVERSION = 8.1\n", "SuSE SLES-8", "8.1",
+         "SuSE_SLES-8_8.1"},
+        {"/etc/UnitedLinux-release", "UnitedLinux 1.0 (i586)\nVERSION = 1.0\n", "UnitedLinux",
+         "1.0", "UnitedLinux_1.0"},
+        {"/etc/redhat-release", "Linux\n", "", "", "_"}, // every code fails
+    };
+    for (auto &Case : Cases) {
+        SCOPED_TRACE(Case[1]);
+        EXPECT_EQ(TRUE, Detect(Case[0], Case[1]));
+        EXPECT_STREQ(Case[2], Name);
+        EXPECT_STREQ(Case[3], Version);
+        EXPECT_STREQ(Case[4], CurrentlyInstalledOS);
+        EXPECT_FALSE(Exists(RELEASE_OUT_FILE));
+    }
+}
+
+TEST_F(OSDetect, NoReleaseFileFailsAndKeepsTheKey)
+{
+    SetInstalledOS("Earlier_1.0");
+    EXPECT_EQ("An attempt was made to install the Rezapak on an unsupported operating system.  "
+              "Installation FAILED.\n",
+              Captured([] { EXPECT_EQ(FALSE, IsOSSupportedByBundle(nullptr)); }));
+    EXPECT_STREQ("Earlier_1.0", CurrentlyInstalledOS);
+}
+
+TEST_F(OSDetect, NothingPlantedAtReleaseOutIsFollowedOrRead)
+{
+    std::ofstream("/tmp/target") << "9.9 Other OS\n";
+    ASSERT_EQ(0, symlink("/tmp/target", RELEASE_OUT_FILE));
+    EXPECT_EQ(TRUE, Detect("/etc/redhat-release", "Red Hat Linux release 7.3 (Valhalla)\n"));
+    EXPECT_STREQ("Red_Hat_Linux_7.3", CurrentlyInstalledOS);
+    std::ifstream Target("/tmp/target");
+    std::string Line;
+    EXPECT_TRUE(std::getline(Target, Line) && Line == "9.9 Other OS");
+    EXPECT_FALSE(Exists(RELEASE_OUT_FILE));
+
+    ASSERT_EQ(0, mkdir(RELEASE_OUT_FILE, 0755)); // cannot be removed: must not be read
+    EXPECT_EQ(
+        "Error opening release.out file.  Error returned is not a regular file\n",
+        Captured([&] { EXPECT_EQ(FALSE, GetInstalledOSVersion(OS_RED_HAT, Name, Version)); }));
+}
+
+TEST_F(OSDetect, OverlongNameIsRefusedNotCut)
+{
+    std::string Out = Captured([&] {
+        Detect("/etc/redhat-release", std::string(300, 'R') + " Hat Linux release 7.3 (V)\n");
+    });
+    EXPECT_TRUE(Has(Out, "The installed OS name in release.out is longer than 255")) << Out;
+    EXPECT_STREQ("_7.3", CurrentlyInstalledOS);
+}
+
+TEST(ServicePack, SuffixOnlyForUnitedLinux10WithYes)
+{
+    const char *Cases[][3] = {
+        {"UnitedLinux_1.0", "YES", "UnitedLinux_1.0_SP3"},
+        {"UnitedLinux_1.0", "yes", "UnitedLinux_1.0"},
+        {"UnitedLinux_1.0", nullptr, "UnitedLinux_1.0"},
+        {"Red_Hat_Linux_7.3", "YES", "Red_Hat_Linux_7.3"},
+    };
+    for (auto &Case : Cases) {
+        free(CurrentlyInstalledOS);
+        CurrentlyInstalledOS = DuplicateString(Case[0]);
+        Case[1] ? setenv("SP3", Case[1], 1) : unsetenv("SP3");
+        CheckForULSP3();
+        CheckForULSP3(); // never twice
+        EXPECT_STREQ(Case[2], CurrentlyInstalledOS)
+            << Case[0] << " " << (Case[1] ? Case[1] : "unset");
+    }
+    unsetenv("SP3");
+    free(CurrentlyInstalledOS);
+    CurrentlyInstalledOS = nullptr;
+    CheckForULSP3();
+    EXPECT_EQ(nullptr, CurrentlyInstalledOS);
+}
+
+} // namespace
