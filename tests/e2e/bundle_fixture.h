@@ -1,0 +1,70 @@
+// bundle_fixture.h - test bundles for the end-to-end tests: component descriptions that are
+// written out as bundle and component XML files, and the install records and messages the
+// sub-service must produce for them, encoded here by hand from the record layout.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "zelrzpmanager.h"
+
+typedef std::vector<unsigned char> Bytes;
+
+struct TDevice {
+    std::string Ven, Dev, SubVen, SubDev; // an empty part is left out of the XML
+};
+struct TRequisite {
+    uint32_t SubType;
+    std::string Value;
+};
+struct TVariable {
+    bool Required = false;
+    uint32_t Minimum = 0;
+    uint32_t Maximum = 16384;
+    bool WriteMaximum = true;
+    std::string Prompt; // the "en" prompt; a "de" one is written before it
+    std::string Acceptable, Format, OutputName, Default, Actual, OutputFile; // empty: absent
+    uint32_t OutputType = 0;
+    uint32_t Attributes = 0;
+};
+struct TComponent {
+    std::string FileName, Version = "1.0", Name, Description, Command;
+    bool Reboot = false, PreCompilation = false, PostCompilation = false;
+    std::vector<TDevice> Devices;
+    std::vector<TRequisite> Prerequisites, Postrequisites;
+    std::vector<TVariable> PreConfiguration, PostConfiguration;
+    bool WritePackage = true, WriteXml = true;
+    bool BreakXml = false; // the XML lacks its installation section: the builder fails
+};
+
+#define TEST_BUNDLE_DIR "/tmp/bundle"
+#define TEST_BUNDLE_FILE "./bp000001.xml"
+#define TEST_BUNDLE_NAME "Test Support Pack"
+#define TEST_BUNDLE_VERSION "7.10"
+
+// A component of every kind: devices, requisites, configuration variables, flags.
+TComponent AgentComponent(void);
+TComponent DriverComponent(void);
+TComponent PlainComponent(const std::string &FileName);
+
+std::string ComponentXml(const TComponent &C);
+std::string BundleXml(const std::vector<TComponent> &Components);
+// Writes TEST_BUNDLE_DIR afresh: the bundle file and each component's files.
+void WriteBundle(const std::vector<TComponent> &Components);
+Bytes ExpectedRecord(const TComponent &C, uint32_t Number);
+
+// Enters the sandbox as a Red Hat Linux 7.3 machine and writes the bundle there.
+bool PrepareMachine(const std::vector<TComponent> &Components);
+// Starts the sub-service in TEST_BUNDLE_DIR with Args; fails the test when it cannot start.
+bool StartParser(ZmSession *S, const std::vector<std::string> &Args, ZmConfig Config = ZmConfig());
+// One request and its answer; a missing answer fails the test.
+ZmPacket Ask(ZmSession *S, uint32_t OpCode, const Bytes &Payload = Bytes());
+
+// Messages of a parse, as the manager's screen and log receive them.
+struct TMessages {
+    std::vector<std::string> Screen, Log;
+};
+void ExpectBundleOpening(TMessages *M);
+enum { OUTCOME_BUILT, OUTCOME_NO_PACKAGE, OUTCOME_NO_XML, OUTCOME_ERRATA };
+void ExpectComponent(TMessages *M, const std::string &FileName, int Outcome, bool Coloured);
