@@ -1,0 +1,314 @@
+// The connections between processes: whole frames both ways, senders that never interleave,
+// refused frames that write nothing past the caller's buffers, reply-to routing, refusals.
+#include "zelrzptransport.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <thread>
+#include <vector>
+
+namespace
+{
+
+// The caller's areas of a receive, with guard bytes around both.
+struct GuardedAreas {
+    unsigned char Before[64];
+    RZP_HEADER_PACKET Header;
+    unsigned char Between[64];
+    unsigned char Buffer[RZP_MAX_PAYLOAD];
+    unsigned char After[64];
+    GuardedAreas() { memset(this, 0xC5, sizeof *this); }
+    bool GuardsIntact() const
+    {
+        for (size_t i = 0; i < sizeof Before; i++)
+            if (Before[i] != 0xC5 || Between[i] != 0xC5 || After[i] != 0xC5)
+                return false;
+        return true;
+    }
+};
+
+// A full payload that says who sent it and which of its frames it is.
+std::vector<unsigned char> Pattern(uint32_t Sender, int32_t Sequence)
+{
+    std::vector<unsigned char> Payload(RZP_MAX_PAYLOAD);
+    for (size_t i = 0; i < Payload.size(); i++)
+        Payload[i] = static_cast<unsigned char>(Sender * 31 + Sequence * 7 + i);
+    return Payload;
+}
+
+bool HoldsPattern(const GuardedAreas &Areas, uint32_t Sender, int32_t Sequence)
+{
+    return Areas.Header.DataLength == RZP_MAX_PAYLOAD &&
+           memcmp(Areas.Buffer, Pattern(Sender, Sequence).data(), RZP_MAX_PAYLOAD) == 0;
+}
+
+int SendPacket(int Dest, int Src, uint32_t OpCode, int32_t Sequence, const unsigned char *Payload,
+               int Length)
+{
+    RZP_HEADER_PACKET Header{Src,    Dest,      Sequence, -1, OpCode, RZP_NO_RESULT_YET,
+                             Length, 0xDEADBEEF};
+    return SendRZPDataRaw(&Header, const_cast<unsigned char *>(Payload), "TEST");
+}
+
+// Polls until a frame is taken or refused, or 10 seconds pass (-1).
+int ReceiveWithin(int Handle, GuardedAreas &Areas)
+{
+    auto End = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    for (;;) {
+        int Result = ReceiveRZPDataAsyncRaw(Handle, &Areas.Header, Areas.Buffer, "TEST");
+        if (Result != -1 || std::chrono::steady_clock::now() > End)
+            return Result;
+        std::this_thread::sleep_for(std::chrono::microseconds(20));
+    }
+}
+
+// A frame's 40-byte prefix with the given magic, DataLength and reply-to length.
+std::vector<unsigned char> RawPrefix(const char *Magic, int32_t DataLength, uint32_t ReplyTo)
+{
+    std::vector<unsigned char> Bytes(RZP_FRAME_PREFIX, 0);
+    memcpy(Bytes.data(), Magic, 4);
+    memcpy(Bytes.data() + 4 + 24, &DataLength, 4); // the test host is little-endian
+    memcpy(Bytes.data() + 36, &ReplyTo, 4);
+    return Bytes;
+}
+
+class TransportTest : public ::testing::Test
+{
+protected:
+    char Dir[64] = "/tmp/zelrzp-transport-XXXXXX";
+    std::vector<pid_t> Children; // killed at the end when a failed assertion left them running
+    void SetUp() override { ASSERT_NE(mkdtemp(Dir), nullptr); }
+    void TearDown() override
+    {
+        for (pid_t Pid : Children) {
+            kill(Pid, SIGKILL);
+            waitpid(Pid, nullptr, 0);
+        }
+        std::filesystem::remove_all(Dir);
+    }
+    std::string Path(const char *Leaf) const { return std::string(Dir) + "/" + Leaf; }
+    int Open(const char *Leaf) const { return OpenRZPTransport(Path(Leaf).c_str()); }
+    pid_t RunChild(const std::function<int()> &Body)
+    {
+        pid_t Pid = fork();
+        if (Pid == 0)
+            _exit(Body());
+        Children.push_back(Pid);
+        return Pid;
+    }
+    int ExitCodeOf(pid_t Pid)
+    {
+        int Status = 0;
+        waitpid(Pid, &Status, 0);
+        Children.erase(std::find(Children.begin(), Children.end(), Pid));
+        return WIFEXITED(Status) ? WEXITSTATUS(Status) : 100;
+    }
+};
+
+TEST_F(TransportTest, EmptyAndLargestPayloadsCrossBetweenProcesses)
+{
+    int Handle = Open("conn");
+    ASSERT_GE(Handle, 0);
+    GuardedAreas Areas;
+    EXPECT_EQ(ReceiveRZPDataAsyncRaw(Handle, &Areas.Header, Areas.Buffer, "TEST"), -1);
+    pid_t Child = RunChild([&] {
+        if (SendPacket(Handle, Handle, 7, 1, nullptr, 0) >= 0) // inherited, not opened here
+            return 1;
+        int Own = Open("conn");
+        bool Sent = SendPacket(Own, Own, 4001, 1, nullptr, 0) == 0 &&
+                    SendPacket(Own, Own, 4002, 2, Pattern(9, 2).data(), RZP_MAX_PAYLOAD) == 0;
+        return Sent ? 0 : 2;
+    });
+    ASSERT_EQ(ExitCodeOf(Child), 0);
+
+    ASSERT_EQ(ReceiveWithin(Handle, Areas), 0);
+    EXPECT_EQ(Areas.Header.opCode, 4001u);
+    EXPECT_EQ(Areas.Header.ReturnCode, RZP_NO_RESULT_YET);
+    EXPECT_EQ(Areas.Header.DataLength, 0);
+    EXPECT_EQ(Areas.Header.Data, 0u) << "the reserved field is not carried";
+    ASSERT_EQ(ReceiveWithin(Handle, Areas), 0);
+    EXPECT_TRUE(HoldsPattern(Areas, 9, 2));
+    EXPECT_TRUE(Areas.GuardsIntact());
+}
+
+TEST_F(TransportTest, SendersInSeveralProcessesAndThreadsNeverInterleave)
+{
+    const int Processes = 2, Threads = 2, Frames = 100;
+    int Handle = Open("conn");
+    ASSERT_GE(Handle, 0);
+    for (int p = 0; p < Processes; p++)
+        RunChild([&, p] {
+            int Own = Open("conn");
+            std::atomic<int> Failures{0};
+            std::vector<std::thread> Senders;
+            for (int t = 0; t < Threads; t++)
+                Senders.emplace_back([&, t] {
+                    uint32_t Sender = p * Threads + t;
+                    for (int32_t s = 0; s < Frames; s++)
+                        Failures += SendPacket(Own, Own, Sender, s, Pattern(Sender, s).data(),
+                                               RZP_MAX_PAYLOAD) != 0;
+                });
+            for (auto &Sender : Senders)
+                Sender.join();
+            return Failures.load() == 0 ? 0 : 1;
+        });
+
+    GuardedAreas Areas;
+    std::vector<int32_t> NextSequence(Processes * Threads, 0);
+    for (int n = 0; n < Processes * Threads * Frames; n++) {
+        ASSERT_EQ(ReceiveWithin(Handle, Areas), 0) << "frame " << n;
+        uint32_t Sender = Areas.Header.opCode;
+        int32_t Sequence = Areas.Header.LocalSequenceNumber;
+        ASSERT_LT(Sender, NextSequence.size());
+        ASSERT_EQ(Sequence, NextSequence[Sender]++)
+            << "each sender's frames arrive whole, in order";
+        ASSERT_TRUE(HoldsPattern(Areas, Sender, Sequence));
+    }
+    while (!Children.empty())
+        EXPECT_EQ(ExitCodeOf(Children.back()), 0);
+}
+
+TEST_F(TransportTest, ReadersInSeveralProcessesNeverSplitAFrame)
+{
+    const int Readers = 2, Frames = 600, Stop = 9999;
+    int Handle = Open("conn");
+    ASSERT_GE(Handle, 0);
+    void *Shared = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(Shared, MAP_FAILED);
+    int *Taken = static_cast<int *>(Shared); // intact frames each reader took before its stop
+    for (int r = 0; r < Readers; r++)
+        RunChild([&, r] {
+            int Own = Open("conn");
+            GuardedAreas Areas;
+            while (ReceiveWithin(Own, Areas) == 0 && Areas.Header.opCode != Stop) {
+                if (!HoldsPattern(Areas, 0, Areas.Header.LocalSequenceNumber))
+                    return 1;
+                Taken[r]++;
+            }
+            return Areas.Header.opCode == Stop ? 0 : 2;
+        });
+    for (int32_t s = 0; s < Frames; s++)
+        ASSERT_EQ(SendPacket(Handle, Handle, 1, s, Pattern(0, s).data(), RZP_MAX_PAYLOAD), 0);
+    for (int r = 0; r < Readers; r++)
+        ASSERT_EQ(SendPacket(Handle, Handle, Stop, 0, nullptr, 0), 0);
+    while (!Children.empty())
+        EXPECT_EQ(ExitCodeOf(Children.back()), 0);
+    EXPECT_EQ(Taken[0] + Taken[1], Frames);
+    munmap(Shared, 4096);
+}
+
+TEST_F(TransportTest, RefusedFramesWriteNothingPastTheCallerAndTheConnectionRecovers)
+{
+    int Handle = Open("conn");
+    int Raw = open(Path("conn").c_str(), O_WRONLY | O_NONBLOCK);
+    ASSERT_GE(Raw, 0);
+    struct {
+        const char *Magic;
+        int32_t DataLength;
+        uint32_t ReplyTo;
+        size_t Trailing;
+    } Cases[] = {
+        {"XZP1", 8, 0, 8}, {"RZP1", 20000, 0, 20000}, {"RZP1", 10, 300, 310}, {"RZP1", -1, 0, 64}};
+    for (const auto &Bad : Cases) {
+        std::vector<unsigned char> Bytes = RawPrefix(Bad.Magic, Bad.DataLength, Bad.ReplyTo);
+        Bytes.resize(Bytes.size() + Bad.Trailing, 0xAA);
+        ASSERT_EQ(write(Raw, Bytes.data(), Bytes.size()), static_cast<ssize_t>(Bytes.size()));
+        GuardedAreas Areas;
+        EXPECT_LT(ReceiveWithin(Handle, Areas), -1)
+            << Bad.Magic << " " << Bad.DataLength << " " << Bad.ReplyTo;
+        EXPECT_TRUE(Areas.GuardsIntact());
+
+        const unsigned char Payload[3] = {1, 2, 3};
+        ASSERT_EQ(SendPacket(Handle, Handle, 4103, 5, Payload, 3), 0);
+        ASSERT_EQ(ReceiveWithin(Handle, Areas), 0) << "the next frame after a refused one";
+        EXPECT_EQ(memcmp(Areas.Buffer, Payload, 3), 0);
+    }
+
+    // A frame cut short: the reader gives up within its wait and the next frame is whole.
+    std::vector<unsigned char> Cut = RawPrefix(RZP_FRAME_MAGIC, 100, 0);
+    Cut.resize(Cut.size() + 10, 0xAA);
+    ASSERT_EQ(write(Raw, Cut.data(), Cut.size()), static_cast<ssize_t>(Cut.size()));
+    close(Raw);
+    GuardedAreas Areas;
+    auto Start = std::chrono::steady_clock::now();
+    EXPECT_LT(ReceiveRZPDataAsyncRaw(Handle, &Areas.Header, Areas.Buffer, "TEST"), -1);
+    EXPECT_LT(std::chrono::steady_clock::now() - Start, std::chrono::seconds(8));
+    ASSERT_EQ(SendPacket(Handle, Handle, 4104, 6, nullptr, 0), 0);
+    ASSERT_EQ(ReceiveWithin(Handle, Areas), 0);
+    EXPECT_EQ(Areas.Header.opCode, 4104u);
+}
+
+TEST_F(TransportTest, AnswerToALearnedSrcHandleReachesTheReplyToConnection)
+{
+    int Requests = Open("requests"), Answers = Open("answers");
+    ASSERT_GE(Requests, 0);
+    ASSERT_GE(Answers, 0);
+    pid_t Manager = RunChild([&] {
+        SetRZPTransportHandleBase(100);
+        int Send = Open("requests"), Receive = Open("answers");
+        if (Send < 100 || Receive < 100)
+            return 1;
+        GuardedAreas Areas;
+        if (SendPacket(Send, Receive, RZP_PARSER_RETURN_NUMBER_OF_ITEMS, 77, nullptr, 0) != 0 ||
+            ReceiveWithin(Receive, Areas) != 0)
+            return 2;
+        return Areas.Header.LocalSequenceNumber == 77 && Areas.Header.DestHandle == Receive ? 0 : 3;
+    });
+
+    GuardedAreas Areas;
+    ASSERT_EQ(ReceiveWithin(Requests, Areas), 0);
+    RZP_HEADER_PACKET Answer = Areas.Header;
+    EXPECT_GE(Answer.SrcHandle, 100) << "the peer's handle base is honoured";
+    Answer.DestHandle = Answer.SrcHandle;
+    EXPECT_EQ(SendRZPDataRaw(&Answer, nullptr, "TEST"), 0);
+    EXPECT_EQ(ExitCodeOf(Manager), 0);
+
+    Answer.DestHandle = 4242;
+    EXPECT_LT(SendRZPDataRaw(&Answer, nullptr, "TEST"), 0) << "a handle never seen";
+    Answer.DestHandle = Answer.SrcHandle;
+    EXPECT_EQ(CloseRZPTransport(Answers), 0);
+    EXPECT_LT(SendRZPDataRaw(&Answer, nullptr, "TEST"), 0)
+        << "the reply-to connection is closed here";
+    EXPECT_LT(ReceiveRZPDataAsyncRaw(Answers, &Areas.Header, Areas.Buffer, "TEST"), -1);
+    EXPECT_LT(CloseRZPTransport(Answers), 0);
+}
+
+TEST_F(TransportTest, OpenAndSendRefuseBadArguments)
+{
+    int Handle = Open("fifo");
+    ASSERT_GE(Handle, 0);
+    struct stat Info = {};
+    ASSERT_EQ(lstat(Path("fifo").c_str(), &Info), 0);
+    EXPECT_EQ(Info.st_mode & 0777, 0600u);
+    close(creat(Path("file").c_str(), 0600));
+    mkdir(Path("dir").c_str(), 0700);
+    ASSERT_EQ(symlink(Path("fifo").c_str(), Path("link").c_str()), 0);
+    EXPECT_LT(Open("file"), 0);
+    EXPECT_LT(Open("dir"), 0);
+    EXPECT_LT(Open("link"), 0) << "a link is refused even when it points to a FIFO";
+    EXPECT_LT(Open(std::string(RZP_MAX_REPLY_NAME, 'n').c_str()), 0)
+        << "too long to travel as reply-to";
+
+    unsigned char Payload[8] = {};
+    EXPECT_LT(SendPacket(Handle, Handle, 1, 1, Payload, -1), 0);
+    EXPECT_LT(SendPacket(Handle, Handle, 1, 1, Payload, RZP_MAX_PAYLOAD + 1), 0);
+    EXPECT_LT(SendPacket(Handle, Handle, 1, 1, nullptr, 5), 0);
+    GuardedAreas Areas;
+    EXPECT_EQ(ReceiveRZPDataAsyncRaw(Handle, &Areas.Header, Areas.Buffer, "TEST"), -1)
+        << "nothing was written";
+}
+
+} // namespace
