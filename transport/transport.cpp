@@ -13,7 +13,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/file.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -50,6 +49,7 @@ struct RZP_CONNECTION {
     int ReadLockFd = -1; // "<Name>.lock", flocked by readers
     pid_t OwnerPid = 0;  // the process that opened it; flock does not order a fork's copies
     bool Closed = false; // set under both mutexes by CloseRZPTransport
+    bool MagicConsumed = false; // under ReceiveMutex: the next frame's magic is already read
     std::string Name;
     std::mutex SendMutex;
     std::mutex ReceiveMutex;
@@ -301,45 +301,24 @@ static int TransferAll(int Fd, unsigned char *Data, size_t Done, size_t Length, 
 }
 
 // Reads and drops the bytes that the FIFO holds right now (no more: senders may go on writing).
-static void DropReadable(int Fd)
+// After a refused frame nothing marks where the next frame starts, so the reader skips what is
+// readable up to and including the next magic: the garbage and the rest of the refused frame
+// go, and a frame that was queued behind them is still received. Returns true when a magic was
+// consumed (the next read then starts 4 bytes into a frame), false when the readable bytes ran
+// out first. A refused frame's payload that itself holds the four magic bytes is read as the
+// start of a frame; such a frame is refused in turn or, at worst, read as one more packet.
+static bool SkipToMagic(int Fd)
 {
-    int Waiting = 0;
-    if (ioctl(Fd, FIONREAD, &Waiting) != 0)
-        return;
-    unsigned char Scratch[4096];
-    while (Waiting > 0) {
-        ssize_t Got = read(
-            Fd, Scratch, sizeof Scratch < static_cast<size_t>(Waiting) ? sizeof Scratch : Waiting);
-        if (Got <= 0)
-            return;
-        Waiting -= static_cast<int>(Got);
+    unsigned char Window[4] = {0, 0, 0, 0};
+    unsigned char Byte;
+    pollfd Poll{Fd, POLLIN, 0};
+    while (poll(&Poll, 1, 0) > 0 && (Poll.revents & POLLIN) != 0 && read(Fd, &Byte, 1) == 1) {
+        memmove(Window, Window + 1, 3);
+        Window[3] = Byte;
+        if (memcmp(Window, RZP_FRAME_MAGIC, 4) == 0)
+            return true;
     }
-}
-
-// After a refused frame nothing marks where the next frame starts. The reader empties the FIFO
-// at a moment when it holds the senders' locks too, so no sender is inside a frame and the next
-// byte is the start of a frame. Frames that were waiting behind the bad bytes are dropped with
-// them. Senders' locks are only tried, never waited for, and the FIFO is drained meanwhile, so
-// a sender blocked on a full FIFO finishes its frame and lets go.
-static void Resynchronise(RZP_CONNECTION &Connection)
-{
-    long long Deadline = NowMs() + RZPT_WAIT_MS;
-    for (;;) {
-        DropReadable(Connection.Handle);
-        if (Connection.SendMutex.try_lock()) {
-            bool Held = flock(Connection.Handle, LOCK_EX | LOCK_NB) == 0;
-            if (Held) {
-                DropReadable(Connection.Handle);
-                flock(Connection.Handle, LOCK_UN);
-            }
-            Connection.SendMutex.unlock();
-            if (Held)
-                return;
-        }
-        if (NowMs() >= Deadline)
-            return;
-        SleepBriefly();
-    }
+    return false;
 }
 
 // ---- frames -----------------------------------------------------------------------------
@@ -408,18 +387,24 @@ static int SendFrame(RZP_CONNECTION &Connection, std::vector<unsigned char> Fram
 static int ReadFrame(RZP_CONNECTION &Connection, PRZP_HEADER_PACKET Header, unsigned char *Buffer)
 {
     unsigned char Prefix[RZP_FRAME_PREFIX];
-    ssize_t Got = read(Connection.Handle, Prefix, sizeof Prefix);
+    size_t Have = 0;
+    if (Connection.MagicConsumed) {
+        memcpy(Prefix, RZP_FRAME_MAGIC, 4);
+        Have = 4;
+    }
+    ssize_t Got = read(Connection.Handle, Prefix + Have, sizeof Prefix - Have);
     if (Got <= 0)
         return RZPT_NOTHING_WAITING; // another reader took what was there
+    Connection.MagicConsumed = false;
     long long Deadline = NowMs() + RZPT_WAIT_MS;
-    int Result = TransferAll(Connection.Handle, Prefix, static_cast<size_t>(Got), sizeof Prefix,
-                             POLLIN, Deadline);
+    int Result = TransferAll(Connection.Handle, Prefix, Have + static_cast<size_t>(Got),
+                             sizeof Prefix, POLLIN, Deadline);
     if (Result < 0)
         return Result;
     RZP_HEADER_PACKET Received{};
     uint32_t ReplyToLength = 0;
     if (!ParsePrefix(Prefix, &Received, &ReplyToLength)) {
-        Resynchronise(Connection);
+        Connection.MagicConsumed = SkipToMagic(Connection.Handle);
         return RZPT_BAD_FRAME;
     }
     std::vector<unsigned char> Rest(ReplyToLength + static_cast<size_t>(Received.DataLength));

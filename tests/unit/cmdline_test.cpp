@@ -138,8 +138,9 @@ TEST(CommandLine, ValueOptionFailuresPrintTheirMessageAndStopTheScan)
         EXPECT_EQ(Scan(C.Args, &Output), BADPARM);
         EXPECT_EQ(Parser_Exiting.load(), 1);
         EXPECT_EQ(OK_TO_RUN, 0) << "an argument after the failure was examined";
-        if (C.Message != nullptr)
+        if (C.Message != nullptr) {
             EXPECT_EQ(Output, C.Message);
+        }
     }
     std::string Output;
     Scan({"--INPUTFILE", Long}, &Output);
