@@ -7,7 +7,7 @@
 // The tree belongs to the file named by CurrentXMLFileParsed. Pointers handed out by the
 // lookups point into the tree and stay valid until the tree is deleted, which happens when a
 // reader names another file (UseXMLFile): callers copy what they keep. The strings of the
-// tree live inside their records: change their bytes in place if need be (strupr), never
+// tree live in the tree's own memory: change their bytes in place if need be (strupr), never
 // free or replace them. The dialect is described in docs/xml-dialect.md.
 #pragma once
 
