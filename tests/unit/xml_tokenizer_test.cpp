@@ -242,21 +242,30 @@ TEST_F(XmlTokenizer, CurrentFileRuleParsesOncePerPathAndReplacesOnSwitch)
     ASSERT_EQ(chdir(Saved), 0);
 }
 
-TEST_F(XmlTokenizer, InputsThatOnceCrashedParseCleanly)
+// Replays the fuzzer's seed corpus and every input that once crashed the tokenizer (kept
+// under tests/data/xml/crashes when the fuzzer finds one) through a parse and a delete.
+TEST_F(XmlTokenizer, FuzzCorpusAndCrashInputsParseCleanly)
 {
-    std::string Crashes = std::string(ZEL_TEST_DATA) + "/xml/crashes";
-    DIR *Directory = opendir(Crashes.c_str());
-    if (Directory == nullptr)
-        GTEST_SKIP() << "no crash inputs kept";
+    const std::string Directories[] = {std::string(ZEL_TEST_DATA) + "/../../fuzz/corpus",
+                                       std::string(ZEL_TEST_DATA) + "/xml/crashes"};
+    int Parsed = 0;
     testing::internal::CaptureStdout();
-    while (struct dirent *Entry = readdir(Directory)) {
-        if (Entry->d_name[0] == '.')
+    for (const std::string &Path : Directories) {
+        DIR *Directory = opendir(Path.c_str());
+        if (Directory == nullptr)
             continue;
-        DeleteTree();
-        ParseFile((Crashes + "/" + Entry->d_name).c_str());
+        while (struct dirent *Entry = readdir(Directory)) {
+            if (Entry->d_name[0] == '.')
+                continue;
+            DeleteTree();
+            ParseFile((Path + "/" + Entry->d_name).c_str());
+            Parsed++;
+        }
+        closedir(Directory);
     }
+    DeleteTree();
     testing::internal::GetCapturedStdout();
-    closedir(Directory);
+    EXPECT_GT(Parsed, 10); // the seed corpus is there
 }
 
 } // namespace
