@@ -229,6 +229,11 @@ int RetrievePCIDevicesFromXML(const char *XMLFileName, unsigned char *Buffer, in
 // The child named SectionName of Parent with the 0-based Index among the children of that name
 // (the first one, then Index times GetNextSibling); NULL when there are fewer or Index < 0.
 SECTIONPTR FindNthChildOf(SECTIONPTR Parent, const char *SectionName, int Index);
+// Entry LineNumber of a list below the installed distribution's element of a component file
+// (zel_package/platform_specific/LINUX/<CurrentlyInstalledOS>/ListName/EntryName), with the
+// shared walk's messages; NULL when the walk or the list runs out.
+SECTIONPTR FindPlatformEntry(const char *XMLFileName, const char *ListName, const char *EntryName,
+                             int LineNumber);
 // The leading decimal digits of Text as an unsigned number: 0 when Text is NULL or does not
 // start with a digit; a value beyond 32 bits gives 4294967295.
 uint32_t DecimalValue(const char *Text);

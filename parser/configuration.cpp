@@ -157,14 +157,7 @@ static int GetConfigurationInfo(const CONFIGURATION_LIST *List, const char *XMLF
     if (Config == nullptr)
         return RZP_OUT_OF_MEMORY;
     SetConfigurationTypes(Config);
-    const XMLSTEP Steps[] = {{"zel_package", "zel_package"},
-                             {"platform_specific", nullptr},
-                             {"LINUX", nullptr},
-                             {XML_INSTALLED_OS, nullptr},
-                             {List->Section, List->Section}};
-    int Failure = XML_WALK_OK;
-    SECTIONPTR Section = WalkToSection(XMLFileName, Steps, 5, &Failure);
-    SECTIONPTR Entry = FindNthChildOf(Section, List->Entry, LineNumber);
+    SECTIONPTR Entry = FindPlatformEntry(XMLFileName, List->Section, List->Entry, LineNumber);
     if (Entry == nullptr)
         return RZP_PARSER_BAD_XML;
     int Result = ReadRequirements(Entry, Config);

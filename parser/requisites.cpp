@@ -26,6 +26,19 @@ SECTIONPTR FindNthChildOf(SECTIONPTR Parent, const char *SectionName, int Index)
     return Section;
 }
 
+SECTIONPTR FindPlatformEntry(const char *XMLFileName, const char *ListName, const char *EntryName,
+                             int LineNumber)
+{
+    const XMLSTEP Steps[] = {{"zel_package", "zel_package"},
+                             {"platform_specific", nullptr},
+                             {"LINUX", nullptr},
+                             {XML_INSTALLED_OS, nullptr},
+                             {ListName, ListName}};
+    int Failure = XML_WALK_OK;
+    SECTIONPTR List = WalkToSection(XMLFileName, Steps, 5, &Failure);
+    return FindNthChildOf(List, EntryName, LineNumber);
+}
+
 uint32_t DecimalValue(const char *Text)
 {
     uint64_t Value = 0;
@@ -55,14 +68,7 @@ static int RefuseLongAttribute(const char *Entry, int LineNumber, const char *At
 static int GetRequisite(const REQUISITE_LIST *List, const char *XMLFileName, char *SubType,
                         char *SubTypeValue, int LineNumber)
 {
-    const XMLSTEP Steps[] = {{"zel_package", "zel_package"},
-                             {"platform_specific", nullptr},
-                             {"LINUX", nullptr},
-                             {XML_INSTALLED_OS, nullptr},
-                             {List->Section, List->Section}};
-    int Failure = XML_WALK_OK;
-    SECTIONPTR Section = WalkToSection(XMLFileName, Steps, 5, &Failure);
-    SECTIONPTR Entry = FindNthChildOf(Section, List->Entry, LineNumber);
+    SECTIONPTR Entry = FindPlatformEntry(XMLFileName, List->Section, List->Entry, LineNumber);
     if (Entry == nullptr)
         return RZP_PARSER_BAD_XML;
     const char *TypeText = GetAttribute(Entry, "SubType");
