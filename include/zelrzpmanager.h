@@ -92,7 +92,8 @@ int ZmStart(ZmSession *S, const ZmConfig &Config, std::string *Error = nullptr);
 // sequence number. 0 with *Answer filled, -1 on timeout or when the sub-service ended.
 int ZmRequest(ZmSession *S, uint32_t OpCode, const std::vector<unsigned char> &Payload,
               ZmPacket *Answer, int TimeoutMs = -1);
-// Sends a packet whose header the caller filled (recorded like any other). 0 or negative.
+// Sends a packet whose header the caller filled (recorded like any other); a DataLength of 0
+// is taken as the payload's size, any other value is sent as it is. 0 or negative.
 int ZmSendPacket(ZmSession *S, RZP_HEADER_PACKET Header, const std::vector<unsigned char> &Payload);
 // Writes raw bytes on the sub-service's read connection (malformed frames). 0 or -1.
 int ZmSendBytes(ZmSession *S, const void *Bytes, size_t Length);

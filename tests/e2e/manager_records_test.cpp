@@ -1,0 +1,310 @@
+// The manager's record decoder on hand-built byte strings (made with the transport's own
+// encoder, then damaged), its payload helpers, and one session against the real sub-service.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+
+#include "sandbox.h"
+#include "zelrzpmanager.h"
+#include "zelrzptransport.h"
+
+namespace {
+
+typedef std::vector<unsigned char> Bytes;
+
+void Append(Bytes *Out, const unsigned char *Data, int Length)
+{
+    ASSERT_GE(Length, 0);
+    Out->insert(Out->end(), Data, Data + Length);
+}
+
+// Main body as the sub-service's builder encodes it.
+void PutBody(Bytes *Out, const char *File, bool Prereq, bool PreConfig, bool PostConfig, bool Postreq)
+{
+    unsigned char B[RZP_MAX_PAYLOAD];
+    const char *Strings[8] = {"SUCCESS", File, "Driver", "A driver", "1.2", "rpm -i x", "MG", "MG"};
+    int N = Tokenize(B, RZP_INSTALL_BODY_FORMAT, 201, 1, Prereq, 201, 1, PreConfig, 201, 1, 0, 201,
+                     1, PostConfig, 201, 1, 0, 201, 1, Postreq, 201, 1, 1, 207, 4, 0, 208,
+                     (unsigned)strlen(Strings[0]) + 1, Strings[0], 208, (unsigned)strlen(Strings[1]) + 1,
+                     Strings[1], 208, (unsigned)strlen(Strings[2]) + 1, Strings[2], 208,
+                     (unsigned)strlen(Strings[3]) + 1, Strings[3], 208, (unsigned)strlen(Strings[4]) + 1,
+                     Strings[4], 208, (unsigned)strlen(Strings[5]) + 1, Strings[5], 208, 3u, "MG", 208,
+                     3u, "MG");
+    Append(Out, B, N);
+}
+
+void PutRequisite(Bytes *Out, unsigned Structure, unsigned SubType, const char *Value)
+{
+    unsigned char B[2048];
+    unsigned Length = (unsigned)strlen(Value) + 1;
+    int Body = Tokenize(B, "%U%U%S", SubType, Length, Value);
+    Append(Out, B, Tokenize(B, "%U%U%U%U%S", Structure, (unsigned)Body, SubType, Length, Value));
+}
+
+// A configuration variable whose prompt is set and whose other strings are absent (NULL).
+void PutConfiguration(Bytes *Out, unsigned Structure, const char *Name)
+{
+    unsigned char B[4096];
+    const char *Prompt = "Password:";
+    int Body = Tokenize(B + 8, RZP_CONFIGURATION_FORMAT, 201, 1, 1, 204, 4, 8u, 204, 4, 16384u, 208,
+                        (unsigned)strlen(Prompt) + 1, Prompt, 208, 0u, (const char *)nullptr, 208, 0u,
+                        (const char *)nullptr, 204, 4, 2u, 208, (unsigned)strlen(Name) + 1, Name,
+                        208, 0u, (const char *)nullptr, 208, 0u, (const char *)nullptr, 208, 0u,
+                        (const char *)nullptr, 204, 4, 0x1fu);
+    Tokenize(B, "%U%U", Structure, (unsigned)Body);
+    Append(Out, B, Body + 8);
+}
+
+void PutU32s(Bytes *Out, std::initializer_list<uint32_t> Values)
+{
+    for (uint32_t V : Values)
+        ZmPutU32(Out, V);
+}
+
+// Record 7: a device, one prerequisite, a postrequisite, one pre- and one post-configuration.
+Bytes FullRecord()
+{
+    Bytes R;
+    PutU32s(&R, {204, 4, 7});
+    PutBody(&R, "e100.rpm", true, true, true, true);
+    PutRequisite(&R, 301, 8, "8086.1229.0000.0000");
+    PutRequisite(&R, 301, 3, "/sbin/lsmod");
+    PutRequisite(&R, 302, 11, "snmpd");
+    PutConfiguration(&R, 303, "ADMINPASSWD");
+    PutConfiguration(&R, 304, "COMMUNITY");
+    PutU32s(&R, {999, 0});
+    return R;
+}
+
+// Decodes from a heap copy of exactly the given bytes, so any read past them is caught.
+int Decode(const Bytes &B, ZmRecord *R, std::string *Error)
+{
+    std::unique_ptr<unsigned char[]> Copy(new unsigned char[B.size() + 1]);
+    if (!B.empty())
+        memcpy(Copy.get(), B.data(), B.size());
+    return ZmDecodeRecord(B.empty() ? nullptr : Copy.get(), B.size(), R, Error);
+}
+
+size_t Find(const Bytes &B, const Bytes &What)
+{
+    return std::search(B.begin(), B.end(), What.begin(), What.end()) - B.begin();
+}
+
+void SetU32(Bytes *B, size_t At, uint32_t Value)
+{
+    Bytes V;
+    ZmPutU32(&V, Value);
+    std::copy(V.begin(), V.end(), B->begin() + At);
+}
+
+} // namespace
+
+TEST(ManagerRecords, DecodesEveryFieldOfARecordMadeByTheTransportEncoder)
+{
+    ZmRecord R;
+    std::string Error;
+    ASSERT_EQ(Decode(FullRecord(), &R, &Error), 0) << Error;
+    EXPECT_EQ(R.Number, 7u);
+    EXPECT_TRUE(R.HasPrerequisites && R.RequiresPreConfiguration && R.HasPostrequisites);
+    EXPECT_FALSE(R.RequiresPreCompilation || R.RequiresPostCompilation);
+    EXPECT_TRUE(R.ComponentRequiresReboot);
+    EXPECT_EQ(R.FailureReasonString, "SUCCESS");
+    EXPECT_EQ(R.FileName, "e100.rpm");
+    EXPECT_EQ(R.InstallCommand, "rpm -i x");
+    EXPECT_EQ(R.ConfigurationOutputFileName, "MG");
+    ASSERT_EQ(R.Requisites.size(), 3u);
+    EXPECT_EQ(R.Requisites[0].SubType, 8u);
+    EXPECT_EQ(R.Requisites[1].Value, "/sbin/lsmod");
+    EXPECT_EQ(R.Requisites[2].Structure, 302u);
+    ASSERT_EQ(R.Configuration.size(), 2u);
+    const ZmConfigVariable &V = R.Configuration[0];
+    EXPECT_EQ(V.Structure, 303u);
+    EXPECT_TRUE(V.IsVariableRequired && V.HasPrompt && V.HasOutputName);
+    EXPECT_FALSE(V.HasAcceptableCharacters || V.HasDefaultValue || V.HasOutputFileName);
+    EXPECT_EQ(V.Prompt, "Password:");
+    EXPECT_EQ(V.OutputName, "ADMINPASSWD");
+    EXPECT_EQ(V.MaximumLength, 16384u);
+    EXPECT_EQ(V.Attributes, 0x1fu);
+    EXPECT_EQ(R.Configuration[1].Structure, 304u);
+}
+
+TEST(ManagerRecords, AcceptsSubRecordsInAnyOrderAndAMinimalRecord)
+{
+    Bytes R;
+    PutU32s(&R, {204, 4, 0});
+    PutBody(&R, "x.rpm", false, false, false, false);
+    PutU32s(&R, {999, 0});
+    ZmRecord Out;
+    ASSERT_EQ(Decode(R, &Out, nullptr), 0);
+    EXPECT_TRUE(Out.Requisites.empty() && Out.Configuration.empty());
+
+    R.resize(R.size() - 8);
+    PutConfiguration(&R, 304, "B");
+    PutRequisite(&R, 302, 1, "libc.so.6");
+    PutRequisite(&R, 301, 2, "true");
+    PutU32s(&R, {999, 0});
+    ASSERT_EQ(Decode(R, &Out, nullptr), 0);
+    ASSERT_EQ(Out.Requisites.size(), 2u);
+    EXPECT_EQ(Out.Requisites[0].Structure, 302u);
+    EXPECT_EQ(Out.Configuration.size(), 1u);
+}
+
+TEST(ManagerRecords, RefusesEveryTruncationWithoutReadingPastIt)
+{
+    Bytes Full = FullRecord();
+    for (size_t N = 0; N < Full.size(); N++) {
+        Bytes Cut(Full.begin(), Full.begin() + N);
+        ZmRecord R;
+        std::string Error;
+        EXPECT_EQ(Decode(Cut, &R, &Error), -1) << "prefix of " << N << " bytes";
+        EXPECT_FALSE(Error.empty());
+    }
+}
+
+TEST(ManagerRecords, RefusesLyingLengthsAndUnknownCodes)
+{
+    const Bytes Full = FullRecord();
+    size_t DeviceAt = Find(Full, {0x2d, 1, 0, 0}); // 301, little-endian
+    ASSERT_LT(DeviceAt, Full.size());
+    size_t ConfigAt = Find(Full, {0x2f, 1, 0, 0}); // 303
+    ASSERT_LT(ConfigAt, Full.size());
+    struct Case {
+        const char *What;
+        size_t At;
+        uint32_t Value;
+    } Cases[] = {
+        {"requisite body one byte longer", DeviceAt + 4, 4 + 4 + 20 + 1},
+        {"requisite body one byte shorter", DeviceAt + 4, 4 + 4 + 20 - 1},
+        {"requisite body past the end", DeviceAt + 4, 0xffffffffu},
+        {"requisite value length", DeviceAt + 12, 5},
+        {"configuration body length", ConfigAt + 4, 12},
+        {"record number type", 0, 207},
+        {"record number length", 4, 2},
+        {"boolean length", 16, 4},
+        {"failure reason type", 12 + 7 * 9, 204},
+        {"unknown structure code", DeviceAt, 305},
+        {"end of list value", Full.size() - 4, 1},
+    };
+    for (const Case &C : Cases) {
+        Bytes B = Full;
+        SetU32(&B, C.At, C.Value);
+        ZmRecord R;
+        std::string Error;
+        EXPECT_EQ(Decode(B, &R, &Error), -1) << C.What;
+        EXPECT_FALSE(Error.empty()) << C.What;
+    }
+    Bytes Trailing = Full;
+    Trailing.push_back(0);
+    EXPECT_EQ(Decode(Trailing, nullptr, nullptr), -1);
+}
+
+TEST(ManagerRecords, StringLengthsMustMatchTheirText)
+{
+    Bytes B = FullRecord();
+    size_t File = Find(B, {'e', '1', '0', '0', '.'});
+    ASSERT_LT(File, B.size());
+    SetU32(&B, File - 4, 8); // "e100.rpm" is 8 characters: its NUL is not counted
+    std::string Error;
+    EXPECT_EQ(Decode(B, nullptr, &Error), -1);
+    EXPECT_NE(Error.find("ComponentFileName"), std::string::npos) << Error;
+
+    Bytes NoNul = B;
+    NoNul.resize(File + 3); // the record stops inside the file name
+    EXPECT_EQ(Decode(NoNul, nullptr, &Error), -1);
+    EXPECT_NE(Error.find("NUL"), std::string::npos) << Error;
+}
+
+TEST(ManagerRecords, PayloadHelpersMatchTheTransportEncoder)
+{
+    unsigned char B[64];
+    int N = Tokenize(B, "%U%U%S", 208u, 4u, "abc");
+    EXPECT_EQ(ZmStringItem("abc"), Bytes(B, B + N));
+    N = Tokenize(B, "%U%U%U", 204u, 4u, 4101u);
+    EXPECT_EQ(ZmULongItem(4101), Bytes(B, B + N));
+    Bytes Open = ZmStringItem("Performing TQR Install.", 23);
+    ZmReader Strict = ZmReaderOf(Open), Loose = ZmReaderOf(Open);
+    std::string Text;
+    EXPECT_FALSE(ZmReadStringItem(&Strict, "name", &Text));
+    EXPECT_TRUE(ZmReadStringItem(&Loose, "name", &Text, nullptr, false));
+    EXPECT_EQ(Text, "Performing TQR Install.");
+    EXPECT_STREQ(ZmSubTypeName(8), "SUBTYPE_PCI_DEVICE_PRESENT");
+    EXPECT_STREQ(ZmSubTypeName(0), "SUBTYPE_UNKNOWN");
+    EXPECT_STREQ(ZmSubTypeName(12), "SUBTYPE_UNKNOWN");
+}
+
+// ---- A whole session against the sub-service ---------------------------------------------------
+
+namespace {
+
+ZmConfig ExampleConfig()
+{
+    ZmConfig C;
+    C.ParserPath = ZEL_PARSER_PATH;
+    C.BundleDir = ZEL_EXAMPLES "/server-bundle";
+    return C;
+}
+
+bool EnterRedHat73()
+{
+    return SandboxEnter() == 0 && SandboxClearReleaseFiles() == 0 &&
+           SandboxSetFile("/etc/redhat-release", "Red Hat Linux release 7.3 (Valhalla)\n") == 0;
+}
+
+bool IsDeregistration(const ZmPacket &P, const void *)
+{
+    return P.Connection == "/dev/zelrzp_np1" && P.Header.opCode == RZP_SHUTDOWN;
+}
+
+} // namespace
+
+TEST(ManagerSession, AnswersSupportQueriesAndErrataQuestionsAsConfigured)
+{
+    ASSERT_TRUE(EnterRedHat73());
+    ZmConfig C = ExampleConfig();
+    C.NotSupportedAnswers[RZP_IS_COMPONENT_SUPPORTED_ON_THIS_ERRATA] = 2;
+    C.ErrataUnsupported.insert("raidutil-1.7-2.i386.rpm");
+    ZmSession S;
+    std::string Error;
+    ASSERT_EQ(ZmStart(&S, C, &Error), 0) << Error;
+    ZmPacket A;
+    ASSERT_EQ(ZmRequest(&S, RZP_PARSER_OPEN_INPUT_FILE, {}, &A), 0);
+    ASSERT_EQ(A.Header.ReturnCode, 0);
+    ASSERT_EQ(ZmRequest(&S, RZP_PARSER_PARSE_INPUT_FILE, {}, &A), 0);
+    std::vector<ZmRecord> Records;
+    int32_t Items = -1;
+    ASSERT_EQ(ZmFetchAllRecords(&S, nullptr, &Records, &Items, &Error), 0) << Error;
+    ASSERT_EQ(Records.size(), 2u);
+    EXPECT_EQ(Items, 2);
+    EXPECT_EQ(Records[1].FileName, "mgmtagent-5.0.2-3.i386.rpm");
+    EXPECT_EQ(Records[1].Number, 1u);
+    {
+        std::lock_guard<std::mutex> Guard(S.Lock);
+        // Two refusals, then one query per component built: three components reach the builder.
+        EXPECT_EQ(S.SupportQueries[RZP_IS_COMPONENT_SUPPORTED_ON_THIS_ERRATA], 5);
+        EXPECT_EQ(S.ErrataQuestions.size(), 3u);
+        EXPECT_TRUE(S.Problems.empty()) << S.Problems[0];
+        EXPECT_FALSE(S.ScreenTexts.empty());
+        EXPECT_EQ(S.ScreenTexts.size(), S.LogTexts.size() - 2); // two banner lines are log only
+    }
+    EXPECT_EQ(ZmStop(&S), 0);
+    size_t From = 0;
+    EXPECT_EQ(ZmWaitForPacket(&S, IsDeregistration, nullptr, &From, nullptr, 0), 0);
+    ZmClose(&S);
+}
+
+TEST(ManagerSession, StartReportsASubServiceThatEndsBeforeRegistering)
+{
+    ASSERT_TRUE(EnterRedHat73());
+    ZmConfig C = ExampleConfig();
+    C.PassMG = false;
+    ZmSession S;
+    std::string Error;
+    EXPECT_EQ(ZmStart(&S, C, &Error), -1);
+    EXPECT_NE(Error.find("status 255"), std::string::npos) << Error;
+    EXPECT_NE(ZmConsoleSnapshot(&S).find("can only be executed"), std::string::npos);
+    ZmPacket A;
+    EXPECT_EQ(ZmRequest(&S, RZP_PARSER_OPEN_INPUT_FILE, {}, &A, 100), -1);
+    ZmClose(&S);
+    ZmClose(&S);
+}
