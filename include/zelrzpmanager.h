@@ -111,6 +111,9 @@ int ZmStop(ZmSession *S, int TimeoutMs = -1);
 int ZmWaitExit(ZmSession *S, int TimeoutMs = -1);
 // Ends everything (kills the sub-service if needed, joins threads, closes connections).
 void ZmClose(ZmSession *S);
+// The number of closed sessions whose sub-service printed a sanitizer report (AddressSanitizer,
+// LeakSanitizer, ThreadSanitizer, UndefinedBehaviorSanitizer) in this process.
+int ZmSanitizerReports(void);
 
 // Copies of the recorded state, taken under the lock.
 std::vector<ZmPacket> ZmPacketsSnapshot(ZmSession *S);

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 
 #include "zelrzpmanager.h"
@@ -660,6 +661,32 @@ int ZmStop(ZmSession *S, int TimeoutMs)
 
 int ZmWaitExit(ZmSession *S, int TimeoutMs) { return WaitForExit(S, TimeoutMs); }
 
+static std::atomic<int> SanitizerReports{0};
+
+// Counts (and shows on standard error) a sanitizer's report in the sub-service's console, so
+// that a test whose sub-service misbehaved under a sanitizer build fails even when the test
+// looked only at packets.
+static void CheckSanitizerReports(ZmSession *S)
+{
+    static const char *const Markers[] = {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
+                                          "WARNING: ThreadSanitizer", "runtime error:"};
+    std::lock_guard<std::mutex> Guard(S->Lock);
+    for (const char *Marker : Markers) {
+        size_t At = S->Console.find(Marker);
+        if (At == std::string::npos)
+            continue;
+        SanitizerReports++;
+        fprintf(stderr, "zelrzp-manager: the sub-service's console holds a sanitizer report:\n%s\n",
+                S->Console.substr(At > 200 ? At - 200 : 0, 4000).c_str());
+        return;
+    }
+}
+
+int ZmSanitizerReports(void)
+{
+    return SanitizerReports.load();
+}
+
 void ZmClose(ZmSession *S)
 {
     S->Stopping = true;
@@ -676,6 +703,7 @@ void ZmClose(ZmSession *S)
     if (S->ConsoleFd >= 0)
         close(S->ConsoleFd);
     S->ConsoleFd = -1;
+    CheckSanitizerReports(S);
     std::lock_guard<std::mutex> Guard(S->Lock);
     for (int *Handle : {&S->RegistrationHandle, &S->ReceiveHandle, &S->SendHandle}) {
         if (*Handle >= 0)
