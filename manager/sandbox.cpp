@@ -11,6 +11,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -36,6 +38,12 @@ static const char *const DevLinks[][2] = {{"fd", "/proc/self/fd"},
                                           {"stderr", "/proc/self/fd/2"}};
 static const char *const ReleaseFiles[] = {"/etc/redhat-release", "/etc/UnitedLinux-release",
                                            "/etc/SuSE-release"};
+
+// Directories directly under the host's /tmp in which the caller itself lives (a checkout or
+// build tree under /tmp): they are bound back into the fresh /tmp, so that the programs and
+// data the caller names stay reachable, and a reset never empties them.
+static std::vector<std::string> TmpKeepNames;
+static std::vector<const char *> TmpKeep; // TmpKeepNames as a NULL-terminated list
 
 static int Fail(const char *What, const char *Path)
 {
@@ -138,12 +146,62 @@ static int BuildDevices(void)
     return 0;
 }
 
+static void KeepHostTmpDirectoryOf(const char *Path)
+{
+    char Resolved[PATH_MAX];
+    if (Path == nullptr || realpath(Path, Resolved) == nullptr || strncmp(Resolved, "/tmp/", 5) != 0)
+        return;
+    std::string Name(Resolved + 5);
+    Name = Name.substr(0, Name.find('/'));
+    for (const std::string &Kept : TmpKeepNames)
+        if (Kept == Name)
+            return;
+    if (!Name.empty())
+        TmpKeepNames.push_back(Name);
+}
+
+// Opens the kept host directories (inside the new namespace, before /tmp is covered): their
+// descriptors still reach them afterwards.
+static int OpenHostTmpKeeps(std::vector<int> *Fds)
+{
+    char Directory[PATH_MAX];
+    KeepHostTmpDirectoryOf("/proc/self/exe");
+    KeepHostTmpDirectoryOf(getcwd(Directory, sizeof Directory));
+    for (const std::string &Name : TmpKeepNames) {
+        int Fd = open(("/tmp/" + Name).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+        if (Fd < 0)
+            return Fail("opening", ("/tmp/" + Name).c_str());
+        Fds->push_back(Fd);
+        TmpKeep.push_back(Name.c_str());
+    }
+    TmpKeep.push_back(nullptr);
+    return 0;
+}
+
+// Binds the kept host directories into the fresh /tmp under their own names.
+static int BindHostTmpKeeps(const std::vector<int> &Fds)
+{
+    int Result = 0;
+    for (size_t i = 0; i < Fds.size(); i++) {
+        std::string Target = "/tmp/" + TmpKeepNames[i];
+        std::string Source = "/proc/self/fd/" + std::to_string(Fds[i]);
+        if (MakeDirectory(Target.c_str()) != 0 ||
+            mount(Source.c_str(), Target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0)
+            Result = Fail("binding the host directory", Target.c_str());
+        close(Fds[i]);
+    }
+    return Result;
+}
+
 static int FirstEntry(void)
 {
+    std::vector<int> KeptFds;
     if (unshare(CLONE_NEWNS) != 0)
         return Fail("unshare of the mount namespace", "");
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
         return Fail("making private", "/");
+    if (OpenHostTmpKeeps(&KeptFds) != 0)
+        return -1;
     if (MountTmpfs(STAGE_DIR, "mode=0700") != 0 || BuildDevices() != 0)
         return -1;
     if (mount(STAGE_DEV, "/dev", nullptr, MS_MOVE, nullptr) != 0)
@@ -153,13 +211,15 @@ static int FirstEntry(void)
     if (mount("zelsandbox", "/etc", "overlay", 0,
               "lowerdir=/etc,upperdir=" STAGE_UPPER ",workdir=" STAGE_WORK) != 0)
         return Fail("mounting the overlay on", "/etc");
-    return MountTmpfs("/tmp", "mode=1777");
+    if (MountTmpfs("/tmp", "mode=1777") != 0)
+        return -1;
+    return BindHostTmpKeeps(KeptFds);
 }
 
 int SandboxEnter(void)
 {
     if (SandboxIsActive) {
-        int Result = EmptyPath("/tmp", nullptr);
+        int Result = EmptyPath("/tmp", TmpKeep.data());
         if (EmptyPath("/dev", DevKeep) != 0)
             Result = -1;
         return Result;

@@ -246,7 +246,7 @@ TEST_F(XmlTokenizer, CurrentFileRuleParsesOncePerPathAndReplacesOnSwitch)
 // under tests/data/xml/crashes when the fuzzer finds one) through a parse and a delete.
 TEST_F(XmlTokenizer, FuzzCorpusAndCrashInputsParseCleanly)
 {
-    const std::string Directories[] = {std::string(ZEL_TEST_DATA) + "/../../fuzz/corpus",
+    const std::string Directories[] = {ZEL_FUZZ_CORPUS,
                                        std::string(ZEL_TEST_DATA) + "/xml/crashes"};
     int Parsed = 0;
     testing::internal::CaptureStdout();
