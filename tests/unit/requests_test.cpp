@@ -28,7 +28,7 @@ struct ScriptedManager {
     std::thread Thread;
 };
 
-void AnswerOne(ScriptedManager *M, const RZP_HEADER_PACKET &Request)
+void AnswerOne(ScriptedManager *M, const RZP_HEADER_PACKET &Request, const unsigned char *Asked)
 {
     RZP_HEADER_PACKET Answer = Request;
     unsigned char Payload[RZP_MAX_PAYLOAD] = {};
@@ -47,6 +47,11 @@ void AnswerOne(ScriptedManager *M, const RZP_HEADER_PACKET &Request)
         Answer.DataLength = Tokenize(Payload, "%U%U%S", 208u,
                                      static_cast<uint32_t>(M->LogFileName.size() + 1),
                                      M->LogFileName.c_str());
+    if (Request.opCode == RZP_PROMPT_FOR_NUMBER) { // the request's items, then the answer
+        memcpy(Payload, Asked, Request.DataLength);
+        Answer.DataLength = Request.DataLength +
+                            Tokenize(Payload + Request.DataLength, "%U%U%S", 208u, 2u, "3");
+    }
     Enqueue(&Answer, Payload);
 }
 
@@ -56,7 +61,7 @@ void RunManager(ScriptedManager *M)
     static thread_local unsigned char Payload[RZP_MAX_PAYLOAD];
     while (!M->Stop) {
         if (ReceiveDataAsyncRaw(ParserQueue->WriteConnectionHandle, &Request, Payload, "TEST") == 0)
-            AnswerOne(M, Request);
+            AnswerOne(M, Request, Payload);
         else
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
@@ -176,6 +181,26 @@ TEST_F(Requests, APromptRefusedByTheManagerReturnsItsCodeWithoutDecoding)
     std::lock_guard<std::mutex> Guard(Manager.Lock);
     ASSERT_EQ(Manager.OpCodes.size(), 3u);
     EXPECT_EQ(Manager.OpCodes[2], RZP_PROMPT_FOR_CHARACTER);
+}
+
+TEST_F(Requests, ANumberPromptAnswerIsDecodedAndShownInDebugMode)
+{
+    StartManager();
+    DEBUG_FLAG = 1;
+    testing::internal::CaptureStdout();
+    int Result = SendPromptForNumberPacket();
+    fflush(stdout);
+    std::string Out = testing::internal::GetCapturedStdout();
+    DEBUG_FLAG = 0;
+    EXPECT_EQ(Result, 75); // the bytes decoded: 41 + 12 + 12 + 10
+    EXPECT_NE(Out.find("RZP_PROMPT_FOR_NUMBER is supported.\n"), std::string::npos);
+    EXPECT_NE(Out.find("Parser...PromptType: 208   PromptLength: 32    Prompt:  Please enter a "
+                       "value from 0 to 6\n"
+                       "Parser...Min Type: 207   Min Length: 4     Minimum: 0\n"
+                       "Parser...Max Type: 207   Max Length: 4     Maximum: 6\n"
+                       "Parser...Returned Type: 208   Returned Length: 2     Returned Number: 3\n"),
+              std::string::npos)
+        << Out;
 }
 
 } // namespace
