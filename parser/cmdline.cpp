@@ -116,49 +116,54 @@ int StoreTQRPackage(const char *Value, int *Slot)
     return 0;
 }
 
-int ScanInputFile(int argc, char **argv, int *i)
+int StoreInputFile(const char *Value, int *)
 {
-    int Result = 0;
-    const char *Value = TakeValue(argc, argv, *i, "\n%s is an invalid filename.\n",
-                                  "\nInvalid inputfile parameter...No filename provided.\n%s",
-                                  &Result);
-    if (Value == nullptr)
-        return Result;
     CopyBounded(InputFileName, sizeof InputFileName, Value);
     INPUT_FILE_FOUND = 1;
-    (*i)++;
     return 0;
 }
 
-int ScanTQRPackage(int argc, char **argv, int *i, int *Slot)
+int StoreView(const char *Value, int *)
 {
-    int Result = 0;
-    const char *Value = TakeValue(argc, argv, *i, "\n%s is an invalid filename.\n",
-                                  "\nInvalid command line parameter...No packagename provided.\n%s",
-                                  &Result);
-    if (Value == nullptr)
-        return Result;
-    (*i)++;
-    return StoreTQRPackage(Value, Slot);
-}
-
-int ScanView(int argc, char **argv, int *i)
-{
-    if (VIEW_ONLY == 1)
-        return FailOption("\nInvalid view parameter...Multiple view options, only one allowed.\n%s",
-                          "");
-    int Result = 0;
-    const char *Value = TakeValue(argc, argv, *i, "\n%s is an invalid package name.\n",
-                                  "\nInvalid view parameter...No package name provided.\n%s",
-                                  &Result);
-    if (Value == nullptr)
-        return Result;
     CopyBounded(PackageName, sizeof PackageName, Value);
     if (strcmp(PackageName, "e100") == 0)
         CopyBounded(PackageName, sizeof PackageName, "e100-");
     VIEW_ONLY = 1;
-    (*i)++;
     return 0;
+}
+
+// An option that takes the next argument as its value, and its messages.
+struct ValueOption {
+    const char *TooLong; // "%s" is the value
+    const char *Missing;
+    const int *Given;     // when set and 1, the option was given before and is refused
+    const char *Repeated; // the message for that
+    int (*Store)(const char *Value, int *Slot);
+};
+
+const ValueOption InputFileOption = {"\n%s is an invalid filename.\n",
+                                     "\nInvalid inputfile parameter...No filename provided.\n%s",
+                                     nullptr, nullptr, StoreInputFile};
+const ValueOption TQRPackageOption = {
+    "\n%s is an invalid filename.\n",
+    "\nInvalid command line parameter...No packagename provided.\n%s", nullptr, nullptr,
+    StoreTQRPackage};
+const ValueOption ViewOption = {
+    "\n%s is an invalid package name.\n", "\nInvalid view parameter...No package name provided.\n%s",
+    &VIEW_ONLY, "\nInvalid view parameter...Multiple view options, only one allowed.\n%s",
+    StoreView};
+
+// Takes the value of the option at argv[*i] and stores it; *i then names the value.
+int ScanValueOption(int argc, char **argv, int *i, const ValueOption &Option, int *Slot)
+{
+    if (Option.Given != nullptr && *Option.Given == 1)
+        return FailOption(Option.Repeated, "");
+    int Result = 0;
+    const char *Value = TakeValue(argc, argv, *i, Option.TooLong, Option.Missing, &Result);
+    if (Value == nullptr)
+        return Result;
+    (*i)++;
+    return Option.Store(Value, Slot);
 }
 
 } // namespace
@@ -181,11 +186,11 @@ int CheckCommandLineParameters(int argc, char **argv)
         if (MatchesFlagOption(Copy))
             Result = 0;
         else if (strncmp(Copy, "--INPUTFILE", 11) == 0)
-            Result = ScanInputFile(argc, argv, &i);
+            Result = ScanValueOption(argc, argv, &i, InputFileOption, &Slot);
         else if (strcmp(Copy, "-C") == 0 || strcmp(Copy, "/C") == 0)
-            Result = ScanTQRPackage(argc, argv, &i, &Slot);
+            Result = ScanValueOption(argc, argv, &i, TQRPackageOption, &Slot);
         else if (strncmp(Copy, "--VIEW", 6) == 0 || strncmp(Copy, "-VIEW", 5) == 0)
-            Result = ScanView(argc, argv, &i);
+            Result = ScanValueOption(argc, argv, &i, ViewOption, &Slot);
         else
             Result = 0;
     }
