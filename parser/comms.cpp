@@ -1,6 +1,12 @@
 // comms.cpp - the binding of the transport library, the three connections and their locks,
-// and the shut-down thread. Owns ParserQueue, TransportLibrary and the seven entry-point
-// pointers; Shutdown releases everything the service holds.
+// and the shut-down thread. Owns ParserQueue, TransportLibrary, the seven entry-point
+// pointers, ManagerProcessId and ThreadCountMutex; Shutdown releases everything the service
+// holds.
+//
+// The shut-down thread sleeps on ThreadCountChanged, which every thread that uncounts itself
+// signals, so it goes on as soon as the last worker has ended; it still wakes at least once a
+// second, and then also looks whether the manager that started the process is still its
+// parent. A manager that has gone ends the service as opcode 2 does.
 #include <dlfcn.h>
 #include <time.h>
 #include <unistd.h>
@@ -26,6 +32,8 @@ Tokenize_t Tokenize = nullptr;
 struct flock ReadConnectionFileLock;
 struct flock WriteConnectionFileLock;
 struct flock RegistrationConnectionFileLock;
+pid_t ManagerProcessId = 0;
+pthread_mutex_t ThreadCountMutex = PTHREAD_MUTEX_INITIALIZER;
 
 // The library could not be loaded, or lacks an entry point.
 #define RZP_TRANSPORT_UNAVAILABLE -114
@@ -147,10 +155,41 @@ void *LoadTransportLibrary(void)
     return nullptr;
 }
 
-void SleepOneSecond(void)
+pthread_cond_t ThreadCountChanged = PTHREAD_COND_INITIALIZER;
+
+// True once the process that started the service is no longer its parent (it ended and the
+// process was handed to another). Nothing is known without a remembered parent.
+bool ManagerHasGone(void)
 {
-    struct timespec Delay = {1, 0};
-    nanosleep(&Delay, nullptr);
+    return ManagerProcessId > 0 && getppid() != ManagerProcessId;
+}
+
+// Waits on ThreadCountChanged for at most one second. Called under ThreadCountMutex.
+void WaitOneSecond(void)
+{
+    struct timespec Deadline;
+    clock_gettime(CLOCK_REALTIME, &Deadline);
+    Deadline.tv_sec += 1;
+    pthread_cond_timedwait(&ThreadCountChanged, &ThreadCountMutex, &Deadline);
+}
+
+// Returns when only the main thread and this one are left. Ends the service (the listener
+// leaves its loop, waits for answers end) when the manager has gone.
+void WaitForLastThread(void)
+{
+    bool Reported = false;
+    pthread_mutex_lock(&ThreadCountMutex);
+    while (ThreadCount != 2) {
+        WaitOneSecond();
+        if (!Reported && ManagerHasGone()) {
+            Reported = true;
+            Parser_Exiting = 1;
+            printf("Parser's manager (process %d) has ended; the parser sub-service is shutting "
+                   "down.\n",
+                   static_cast<int>(ManagerProcessId));
+        }
+    }
+    pthread_mutex_unlock(&ThreadCountMutex);
 }
 
 } // namespace
@@ -240,11 +279,17 @@ void UnlockConnection(int Handle, struct flock *Lock)
     fcntl(Handle, F_SETLKW, Lock);
 }
 
+void UncountThread(void)
+{
+    pthread_mutex_lock(&ThreadCountMutex);
+    ThreadCount--;
+    pthread_cond_broadcast(&ThreadCountChanged);
+    pthread_mutex_unlock(&ThreadCountMutex);
+}
+
 void *Shutdown(void *)
 {
-    do
-        SleepOneSecond();
-    while (ThreadCount != 2);
+    WaitForLastThread();
     DeRegisterWithRZPManager();
     if (ParserQueue != nullptr) {
         CloseTransport(ParserQueue->ReadConnectionHandle);

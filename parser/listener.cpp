@@ -6,8 +6,14 @@
 // (counted in ThreadCount before it is created). It holds the read connection's lock only
 // around a receive, SendDataMutex only for the not-supported answer, PendingIOMutex only
 // inside Enqueue.
+//
+// Between receives the listener waits in poll on the read connection's descriptor (the
+// handle on which its record locks are taken) for at most 10 ms, so a packet is taken as soon
+// as it arrives and Parser_Exiting is still seen within 10 ms when idle.
+#include <poll.h>
 #include <time.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -84,7 +90,7 @@ void StartWorker(PRZP_HEADER_PACKET Header, unsigned char *Payload, void *(*Work
     pthread_attr_init(&Attributes);
     pthread_attr_setdetachstate(&Attributes, PTHREAD_CREATE_DETACHED);
     if (pthread_create(&Thread, &Attributes, Worker, nullptr) != 0) {
-        ThreadCount--;
+        UncountThread();
         printf("Unable to start a worker for opCode %d.\n", static_cast<int>(Header->opCode));
     }
     pthread_attr_destroy(&Attributes);
@@ -101,10 +107,27 @@ void AnswerNotSupported(PRZP_HEADER_PACKET Header, unsigned char *Payload)
     SendPacketLocked(Header, Header->DataLength > 0 ? Payload : nullptr);
 }
 
+const int PollMilliseconds = 10;
+
 void SleepPoll(void)
 {
-    struct timespec Delay = {0, 10000000};
+    struct timespec Delay = {0, PollMilliseconds * 1000000L};
     nanosleep(&Delay, nullptr);
+}
+
+// Waits until the connection shows data (or hangs up, or fails) or 10 ms have passed. True
+// when it showed something: if the next receive then takes nothing, that round sleeps instead
+// of polling again, so a connection that stays readable without yielding a packet is not spun
+// on.
+bool WaitForData(int Handle)
+{
+    struct pollfd Wait = {Handle, POLLIN, 0};
+    int Ready = poll(&Wait, 1, PollMilliseconds);
+    if (Ready < 0 && errno != EINTR) {
+        SleepPoll();
+        return false;
+    }
+    return Ready > 0;
 }
 
 } // namespace
@@ -159,15 +182,19 @@ void *Listen(void *)
         printf("Unable to allocate memory for the listener.\n");
         Parser_Exiting = 1;
     }
+    bool ShowedData = false;
     while (Parser_Exiting == 0) {
         LockConnection(ParserQueue->ReadConnectionHandle, &ReadConnectionFileLock);
         int Result = ReceiveDataAsyncRaw(ParserQueue->ReadConnectionHandle, Header, Payload,
                                          PARSER_CALLER);
         UnlockConnection(ParserQueue->ReadConnectionHandle, &ReadConnectionFileLock);
         if (Result < 0) {
-            SleepPoll();
+            if (ShowedData)
+                SleepPoll();
+            ShowedData = !ShowedData && WaitForData(ParserQueue->ReadConnectionHandle);
             continue;
         }
+        ShowedData = false;
         HandleIncomingPacket(Header, Payload);
         memset(Header, 0, sizeof *Header);
         memset(Payload, 0, RZP_MAX_PAYLOAD);
@@ -176,6 +203,6 @@ void *Listen(void *)
         printf("Exiting Listen thread\n");
     free(Header);
     free(Payload);
-    ThreadCount--;
+    UncountThread();
     return nullptr;
 }

@@ -1,6 +1,8 @@
 // main.cpp - entry of the sub-service: the root and context checks, the command line, the
 // start-up of the transport, the listener, the registration and the shut-down thread.
+// Writes ManagerProcessId (the parent that started the process) before any thread starts.
 #include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -51,6 +53,10 @@ int RunService(void)
 int main(int argc, char **argv)
 {
     setvbuf(stdout, nullptr, _IOLBF, 0);
+    // A console whose reader has gone (the manager died) must not kill the service before it
+    // has shut down in order.
+    signal(SIGPIPE, SIG_IGN);
+    ManagerProcessId = getppid();
     if (getuid() != 0) {
         printf("Root access required to use the Parser utility.\n");
         return -1;

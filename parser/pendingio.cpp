@@ -1,8 +1,13 @@
 // pendingio.cpp - the pending-I/O list: packets parked by the listener for the thread that
 // waits for them (answers, by sequence number) or serves them (requests, by opcode).
-// Owns PendingIOList and PendingIOMutex. Every access to the list, the copies into the
-// caller's areas included, happens under PendingIOMutex. Parking also signals PendingIOParked
-// so that a waiter wakes as soon as its packet arrives instead of at its next poll.
+// Owns PendingIOList, its tail and count, the list of expected answers and PendingIOMutex.
+// Every access to them, the copies into the caller's areas included, happens under
+// PendingIOMutex. Parking also signals PendingIOParked so that a waiter wakes as soon as its
+// packet arrives instead of at its next poll.
+//
+// The list is bounded: beyond PENDING_IO_LIMIT parked packets, parking drops the oldest answer
+// that no thread expects. Parser requests (a worker is about to take them) and answers that a
+// thread expects are never dropped. A node's buffer holds exactly its payload.
 #include <time.h>
 
 #include <cstdio>
@@ -17,7 +22,12 @@ pthread_mutex_t PendingIOMutex = PTHREAD_MUTEX_INITIALIZER;
 namespace {
 
 pthread_cond_t PendingIOParked = PTHREAD_COND_INITIALIZER;
+PPENDINGIO PendingIOTail = nullptr;  // last node, or null
+int PendingIOCount = 0;              // nodes on the list
+PPENDINGWAIT ExpectedAnswers = nullptr; // the waits in progress, each on its waiter's stack
+long DroppedPackets = 0;
 const long PollNanoseconds = 10000000; // 10 milliseconds
+const long DropReportInterval = 1000;  // a console line for the first drop and every 1000th
 
 void FreeNode(PPENDINGIO Node)
 {
@@ -37,16 +47,28 @@ void DumpPromptBuffer(const unsigned char *Payload, int Length)
     printf("\nEnd PARSER BUFFER DUMP\n");
 }
 
-// Copies the node to the caller's areas and unlinks it. Called under PendingIOMutex.
-void TakeNode(PPENDINGIO *Link, PRZP_HEADER_PACKET Header, unsigned char *Payload)
+// Takes Node (after Previous, or the head) off the list. Called under PendingIOMutex.
+void UnlinkNode(PPENDINGIO Previous, PPENDINGIO Node)
 {
-    PPENDINGIO Node = *Link;
+    if (Previous == nullptr)
+        PendingIOList = Node->Next;
+    else
+        Previous->Next = Node->Next;
+    if (PendingIOTail == Node)
+        PendingIOTail = Previous;
+    PendingIOCount--;
+}
+
+// Copies the node to the caller's areas, unlinks and frees it. Called under PendingIOMutex.
+void TakeNode(PPENDINGIO Previous, PPENDINGIO Node, PRZP_HEADER_PACKET Header,
+              unsigned char *Payload)
+{
     memcpy(Header, Node->Header, sizeof *Header);
     if (Node->Header->DataLength > 0 && Node->Buffer != nullptr)
         memcpy(Payload, Node->Buffer, Node->Header->DataLength);
     else
         Payload[0] = 0;
-    *Link = Node->Next;
+    UnlinkNode(Previous, Node);
     FreeNode(Node);
 }
 
@@ -54,11 +76,12 @@ void TakeNode(PPENDINGIO *Link, PRZP_HEADER_PACKET Header, unsigned char *Payloa
 template <typename MatchFn, typename TraceFn>
 bool TakeFirst(PRZP_HEADER_PACKET Header, unsigned char *Payload, MatchFn Match, TraceFn Trace)
 {
-    for (PPENDINGIO *Link = &PendingIOList; *Link != nullptr; Link = &(*Link)->Next) {
+    PPENDINGIO Previous = nullptr;
+    for (PPENDINGIO Node = PendingIOList; Node != nullptr; Previous = Node, Node = Node->Next) {
         if (DEBUG_FLAG)
-            Trace((*Link)->Header);
-        if (Match((*Link)->Header)) {
-            TakeNode(Link, Header, Payload);
+            Trace(Node->Header);
+        if (Match(Node->Header)) {
+            TakeNode(Previous, Node, Header, Payload);
             return true;
         }
     }
@@ -78,33 +101,98 @@ void WaitParked(void)
     pthread_cond_timedwait(&PendingIOParked, &PendingIOMutex, &Deadline);
 }
 
-} // namespace
-
-int Enqueue(PRZP_HEADER_PACKET Header, unsigned char *Payload)
+bool IsParserRequest(uint32_t OpCode)
 {
-    pthread_mutex_lock(&PendingIOMutex);
-    PPENDINGIO Node = static_cast<PPENDINGIO>(calloc(1, sizeof(PENDINGIO)));
-    if (Node != nullptr)
-        Node->Header = static_cast<PRZP_HEADER_PACKET>(malloc(sizeof(RZP_HEADER_PACKET)));
-    bool HasPayload = Node != nullptr && Header->DataLength > 0;
-    if (HasPayload)
-        Node->Buffer = static_cast<unsigned char *>(calloc(RZP_MAX_PAYLOAD, 1));
-    if (Node == nullptr || Node->Header == nullptr || (HasPayload && Node->Buffer == nullptr)) {
-        if (Node != nullptr)
+    return (OpCode >= RZP_PARSER_OPEN_INPUT_FILE && OpCode <= RZP_PARSER_CLOSE_INPUT_FILE) ||
+           (OpCode >= RZP_PARSER_RETURN_NUMBER_OF_ITEMS && OpCode <= RZP_PARSER_RETURN_LAST_ITEM);
+}
+
+// True when a worker or a waiting requester will take the packet. Called under PendingIOMutex.
+bool IsWanted(const RZP_HEADER_PACKET *Header)
+{
+    if (IsParserRequest(Header->opCode))
+        return true;
+    for (PPENDINGWAIT Wait = ExpectedAnswers; Wait != nullptr; Wait = Wait->Next) {
+        if (Wait->ByOpCode ? Wait->OpCode == Header->opCode
+                           : Wait->SequenceNumber == Header->LocalSequenceNumber)
+            return true;
+    }
+    return false;
+}
+
+// Makes room for one more node by dropping the oldest packet that nobody wants; the dropped
+// header is copied to *Dropped. False when every parked packet is wanted (the list then grows
+// past the bound). Called under PendingIOMutex.
+bool DropOldestUnwanted(RZP_HEADER_PACKET *Dropped)
+{
+    PPENDINGIO Previous = nullptr;
+    for (PPENDINGIO Node = PendingIOList; Node != nullptr; Previous = Node, Node = Node->Next) {
+        if (!IsWanted(Node->Header)) {
+            *Dropped = *Node->Header;
+            UnlinkNode(Previous, Node);
             FreeNode(Node);
-        Parser_Exiting = 1;
-        pthread_mutex_unlock(&PendingIOMutex);
-        return RZP_OUT_OF_MEMORY;
+            DroppedPackets++;
+            return true;
+        }
+    }
+    return false;
+}
+
+// A node holding a copy of the header and of DataLength payload bytes; null when out of memory.
+PPENDINGIO NewNode(PRZP_HEADER_PACKET Header, const unsigned char *Payload)
+{
+    PPENDINGIO Node = static_cast<PPENDINGIO>(calloc(1, sizeof(PENDINGIO)));
+    if (Node == nullptr)
+        return nullptr;
+    Node->Header = static_cast<PRZP_HEADER_PACKET>(malloc(sizeof(RZP_HEADER_PACKET)));
+    bool HasPayload = Header->DataLength > 0;
+    if (HasPayload)
+        Node->Buffer = static_cast<unsigned char *>(malloc(Header->DataLength));
+    if (Node->Header == nullptr || (HasPayload && Node->Buffer == nullptr)) {
+        FreeNode(Node);
+        return nullptr;
     }
     memcpy(Node->Header, Header, sizeof *Header);
     if (HasPayload)
         memcpy(Node->Buffer, Payload, Header->DataLength);
-    PPENDINGIO *Tail = &PendingIOList;
-    while (*Tail != nullptr)
-        Tail = &(*Tail)->Next;
-    *Tail = Node;
+    return Node;
+}
+
+void ReportDrop(const RZP_HEADER_PACKET &Dropped, long Count)
+{
+    if (Count != 1 && Count % DropReportInterval != 0)
+        return;
+    printf("Parser dropped an unrequested packet for opCode %d (sequence number %d): %d packets "
+           "were already waiting. %ld dropped so far.\n",
+           static_cast<int>(Dropped.opCode), Dropped.LocalSequenceNumber, PENDING_IO_LIMIT, Count);
+}
+
+} // namespace
+
+int Enqueue(PRZP_HEADER_PACKET Header, unsigned char *Payload)
+{
+    if (Header->DataLength > RZP_MAX_PAYLOAD)
+        return RZP_OUT_OF_MEMORY; // refused before it is parked (the listener never offers one)
+    PPENDINGIO Node = NewNode(Header, Payload);
+    pthread_mutex_lock(&PendingIOMutex);
+    if (Node == nullptr) {
+        Parser_Exiting = 1;
+        pthread_mutex_unlock(&PendingIOMutex);
+        return RZP_OUT_OF_MEMORY;
+    }
+    RZP_HEADER_PACKET Dropped;
+    bool Drop = PendingIOCount >= PENDING_IO_LIMIT && DropOldestUnwanted(&Dropped);
+    long DroppedSoFar = DroppedPackets;
+    if (PendingIOTail == nullptr)
+        PendingIOList = Node;
+    else
+        PendingIOTail->Next = Node;
+    PendingIOTail = Node;
+    PendingIOCount++;
     pthread_cond_broadcast(&PendingIOParked);
     pthread_mutex_unlock(&PendingIOMutex);
+    if (Drop)
+        ReportDrop(Dropped, DroppedSoFar);
     return 0;
 }
 
@@ -156,24 +244,89 @@ int DequeueByOpCode(PRZP_HEADER_PACKET Header, unsigned char *Payload, uint32_t 
     return Result;
 }
 
+namespace {
+
+void LinkExpectation(PPENDINGWAIT Wait)
+{
+    pthread_mutex_lock(&PendingIOMutex);
+    Wait->Next = ExpectedAnswers;
+    ExpectedAnswers = Wait;
+    pthread_mutex_unlock(&PendingIOMutex);
+}
+
+// Called under PendingIOMutex.
+void UnlinkExpectation(PPENDINGWAIT Wait)
+{
+    for (PPENDINGWAIT *Link = &ExpectedAnswers; *Link != nullptr; Link = &(*Link)->Next) {
+        if (*Link == Wait) {
+            *Link = Wait->Next;
+            return;
+        }
+    }
+}
+
+} // namespace
+
+void ExpectAnswer(PPENDINGWAIT Wait, int SequenceNumber)
+{
+    Wait->ByOpCode = 0;
+    Wait->SequenceNumber = SequenceNumber;
+    Wait->OpCode = 0;
+    Wait->Next = nullptr;
+    if (SequenceNumber != -1)
+        LinkExpectation(Wait);
+}
+
+void ExpectAnswerByOpCode(PPENDINGWAIT Wait, uint32_t OpCode)
+{
+    Wait->ByOpCode = 1;
+    Wait->SequenceNumber = -1;
+    Wait->OpCode = OpCode;
+    Wait->Next = nullptr;
+    LinkExpectation(Wait);
+}
+
 // The wait of every request: try, then sleep on the parked signal for at most 10 ms, until
 // the packet is taken or the service is ending. The try and the sleep happen under one hold
 // of the mutex, so a packet parked in between is never missed.
-void WaitForAnswer(PRZP_HEADER_PACKET Header, unsigned char *Payload, int SequenceNumber)
+void WaitForExpectedAnswer(PPENDINGWAIT Wait, PRZP_HEADER_PACKET Header, unsigned char *Payload)
 {
-    memset(Header, 0, sizeof *Header);
-    if (SequenceNumber == -1)
+    if (!Wait->ByOpCode)
+        memset(Header, 0, sizeof *Header);
+    if (!Wait->ByOpCode && Wait->SequenceNumber == -1)
         return;
     pthread_mutex_lock(&PendingIOMutex);
-    while (Parser_Exiting != 1 && DequeueLocked(Header, Payload, SequenceNumber) != 0)
+    for (;;) {
+        if (Parser_Exiting == 1)
+            break;
+        int Result = Wait->ByOpCode ? DequeueByOpCodeLocked(Header, Payload, Wait->OpCode)
+                                    : DequeueLocked(Header, Payload, Wait->SequenceNumber);
+        if (Result == 0)
+            break;
         WaitParked();
+    }
+    UnlinkExpectation(Wait);
     pthread_mutex_unlock(&PendingIOMutex);
+}
+
+void WaitForAnswer(PRZP_HEADER_PACKET Header, unsigned char *Payload, int SequenceNumber)
+{
+    PENDINGWAIT Wait;
+    ExpectAnswer(&Wait, SequenceNumber);
+    WaitForExpectedAnswer(&Wait, Header, Payload);
 }
 
 void WaitForAnswerByOpCode(PRZP_HEADER_PACKET Header, unsigned char *Payload, uint32_t OpCode)
 {
+    PENDINGWAIT Wait;
+    ExpectAnswerByOpCode(&Wait, OpCode);
+    WaitForExpectedAnswer(&Wait, Header, Payload);
+}
+
+int PendingIOLength(void)
+{
     pthread_mutex_lock(&PendingIOMutex);
-    while (Parser_Exiting != 1 && DequeueByOpCodeLocked(Header, Payload, OpCode) != 0)
-        WaitParked();
+    int Count = PendingIOCount;
     pthread_mutex_unlock(&PendingIOMutex);
+    return Count;
 }

@@ -115,11 +115,13 @@ int SendPrompt(const PromptKind &Kind)
     Header.opCode = Kind.OpCode;
     Header.ReturnCode = RZP_NO_RESULT_YET;
     Header.DataLength = EncodePrompt(Payload.data(), Kind);
+    PENDINGWAIT Wait;
+    ExpectAnswerByOpCode(&Wait, Kind.OpCode);
     SendPacketLocked(&Header, Payload.data());
     // The answer is the first parked packet of the prompt's opcode. The header is not cleared
     // first: a wait ended by the exit flag leaves the request's own -106.
     std::fill(Payload.begin(), Payload.end(), 0);
-    WaitForAnswerByOpCode(&Header, Payload.data(), Kind.OpCode);
+    WaitForExpectedAnswer(&Wait, &Header, Payload.data());
     int Result = Header.ReturnCode;
     if (Result != 0)
         return Result;

@@ -26,13 +26,14 @@ void BuildRequestHeader(PRZP_HEADER_PACKET Header, uint32_t OpCode, int DataLeng
     Header->DataLength = DataLength;
 }
 
-// Sends one request and waits for its answer; Header holds the answer's header afterwards
+// Sends one request and waits for its answer, expected from before the send; Header holds the answer's header afterwards
 // (zeroed when the wait ended because the service is ending), Answer its payload.
 void RoundTrip(PRZP_HEADER_PACKET Header, unsigned char *Payload, unsigned char *Answer)
 {
-    int SequenceNumber = Header->LocalSequenceNumber;
+    PENDINGWAIT Wait;
+    ExpectAnswer(&Wait, Header->LocalSequenceNumber);
     SendPacketLocked(Header, Header->DataLength > 0 ? Payload : nullptr);
-    WaitForAnswer(Header, Answer, SequenceNumber);
+    WaitForExpectedAnswer(&Wait, Header, Answer);
 }
 
 // A request whose payload the caller encoded: returns the answer's ReturnCode.

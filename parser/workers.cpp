@@ -53,7 +53,7 @@ void EndParserWork(PPARSERWORK Work)
     free(Work->Buffer);
     Work->Header = nullptr;
     Work->Buffer = nullptr;
-    ThreadCount.fetch_sub(1);
+    UncountThread();
 }
 
 int EncodeStringItem(unsigned char *Buffer, size_t BufferSize, const char *Text, int CountNul)
