@@ -66,6 +66,8 @@ struct ZmSession {
     int ReceiveHandle = -1;          // "/dev/zelparser_write", we receive
     int SendHandle = -1;             // "/dev/zelparser_read", we send
     int ConsoleFd = -1;              // read end of the sub-service's stdout and stderr
+    int PidFd = -1;                  // readable once the sub-service has ended (-1: none)
+    int WakeFd = -1;                 // eventfd, readable once Stopping is set
     std::atomic<int> NextSequence{1000};
     std::atomic<bool> Stopping{false};
     std::thread Pump;                // receives, answers, records
@@ -78,6 +80,7 @@ struct ZmSession {
     std::vector<std::string> LogTexts;    // decoded log requests (2002)
     std::map<uint32_t, int> SupportQueries; // opcode asked about -> queries so far
     int RegistrationsSeen = 0;
+    bool ConsoleEnded = false;       // the console reader has stopped reading
     std::vector<std::string> ErrataQuestions; // ComponentFileName of each errata question (6007)
     std::vector<std::string> Problems;  // malformed packets of the sub-service, one line each
     std::mutex SendLock;             // keeps our frames whole on the read connection

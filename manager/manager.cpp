@@ -7,10 +7,17 @@
 // packet and reaps the process; the console reader, which appends the sub-service's standard
 // output and error. S->Lock guards the recorded state, the handles and ExitStatus, and
 // S->Changed is notified on every change; S->SendLock keeps each frame we write whole.
+//
+// Both threads sleep in poll: the pump on our two receiving connections, a pidfd of the
+// sub-service (readable when it exits) and S->WakeFd (written by ZmClose); the console reader
+// on the console pipe and S->WakeFd. Where pidfd_open is missing, the pump looks at the process
+// every 10 ms instead.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -305,34 +312,61 @@ static void Dispatch(ZmSession *S, const ZmPacket &P)
     // Anything else answers one of our requests: recorded, and the waiters look for it.
 }
 
-// Takes one frame from a connection. False when none was waiting.
-static bool ReceiveOne(ZmSession *S, int Handle, const char *Connection, unsigned char *Buffer)
+enum { ZM_NONE, ZM_TAKEN, ZM_REFUSED };
+
+// Takes one frame from a connection into *P: ZM_NONE when none was waiting, ZM_REFUSED for a
+// frame we could not read (noted).
+static int TakeFrame(ZmSession *S, int Handle, const char *Connection, unsigned char *Buffer,
+                     ZmPacket *P)
 {
     if (Handle < 0)
-        return false;
-    ZmPacket P;
-    int Result = ReceiveRZPDataAsyncRaw(Handle, &P.Header, Buffer, ZM_CALLER);
+        return ZM_NONE;
+    int Result = ReceiveRZPDataAsyncRaw(Handle, &P->Header, Buffer, ZM_CALLER);
     if (Result == -1)
-        return false;
-    if (Result < 0 || P.Header.DataLength < 0 || P.Header.DataLength > RZP_MAX_PAYLOAD) {
+        return ZM_NONE;
+    if (Result < 0 || P->Header.DataLength < 0 || P->Header.DataLength > RZP_MAX_PAYLOAD) {
         Note(S, std::string("refused frame on ") + Connection);
-        return true;
+        return ZM_REFUSED;
     }
-    P.Direction = ZM_FROM_PARSER;
-    P.Connection = Connection;
-    P.Payload.assign(Buffer, Buffer + P.Header.DataLength);
-    Record(S, P.Direction, Connection, P.Header, Buffer, P.Payload.size());
-    Dispatch(S, P);
-    return true;
+    P->Direction = ZM_FROM_PARSER;
+    P->Connection = Connection;
+    P->Payload.assign(Buffer, Buffer + P->Header.DataLength);
+    return ZM_TAKEN;
 }
 
+static void Deliver(ZmSession *S, const ZmPacket &P)
+{
+    Record(S, P.Direction, P.Connection.c_str(), P.Header, P.Payload.data(), P.Payload.size());
+    Dispatch(S, P);
+}
+
+// Takes, records and answers one frame of a connection. False when none was waiting.
+static bool ReceiveOne(ZmSession *S, int Handle, const char *Connection, unsigned char *Buffer)
+{
+    ZmPacket P;
+    int Taken = TakeFrame(S, Handle, Connection, Buffer, &P);
+    if (Taken == ZM_TAKEN)
+        Deliver(S, P);
+    return Taken != ZM_NONE;
+}
+
+// One frame of each connection. A frame of the registration connection is recorded after
+// every frame that already waits on the write connection: those were written before it (the
+// deregistration follows the last answer of a worker), so the record keeps the order in which
+// the sub-service sent them.
 static bool ReceiveRound(ZmSession *S, unsigned char *Buffer)
 {
     int Receive = -1, Send = -1;
     OurHandles(S, &Receive, &Send);
-    bool Got = ReceiveOne(S, S->RegistrationHandle, ZM_REGISTRATION_CONNECTION, Buffer);
-    Got = ReceiveOne(S, Receive, ZM_PARSER_WRITE_CONNECTION, Buffer) || Got;
-    return Got;
+    bool Got = ReceiveOne(S, Receive, ZM_PARSER_WRITE_CONNECTION, Buffer);
+    ZmPacket Registration;
+    int Taken = TakeFrame(S, S->RegistrationHandle, ZM_REGISTRATION_CONNECTION, Buffer, &Registration);
+    if (Taken == ZM_TAKEN) {
+        while (ReceiveOne(S, Receive, ZM_PARSER_WRITE_CONNECTION, Buffer)) {
+        }
+        Deliver(S, Registration);
+    }
+    return Got || Taken != ZM_NONE;
 }
 
 static int DecodeWaitStatus(int Status)
@@ -363,41 +397,93 @@ static bool HasExited(ZmSession *S)
     return S->ExitStatus != ZM_RUNNING;
 }
 
+static bool ProcessEnded(ZmSession *S)
+{
+    siginfo_t Info;
+    memset(&Info, 0, sizeof Info);
+    return waitid(P_PID, (id_t)S->Pid, &Info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           Info.si_pid == S->Pid;
+}
+
+// Sleeps until one of our connections shows data, the sub-service ends, or ZmClose wakes us.
+// Returns true when a descriptor showed something.
+static bool WaitForWork(ZmSession *S, bool Running)
+{
+    int Receive = -1, Send = -1;
+    OurHandles(S, &Receive, &Send);
+    struct pollfd Fds[4];
+    nfds_t Count = 0;
+    for (int Fd : {S->RegistrationHandle, Receive, S->WakeFd, Running ? S->PidFd : -1})
+        if (Fd >= 0)
+            Fds[Count++] = {Fd, POLLIN, 0};
+    // Without a pidfd the exit is only seen by looking: every 10 ms. A timeout also bounds the
+    // wait for a connection that the pump opened after this poll began (it opens them itself,
+    // so that cannot happen, but the bound costs nothing).
+    int Timeout = Running && S->PidFd < 0 ? 10 : 1000;
+    return poll(Fds, Count, Timeout) > 0;
+}
+
 // Once the process has ended (seen without reaping it), the frames it wrote last are taken
-// before its exit is published, so a waiter for the exit also finds its deregistration.
+// before its exit is published, so a waiter for the exit also finds its deregistration. A
+// round in which a descriptor showed data but no frame came is followed by a 1 ms sleep, so a
+// connection that stays readable is not spun on.
 static void PumpThread(ZmSession *S)
 {
     std::vector<unsigned char> Buffer(RZP_MAX_PAYLOAD);
+    bool ShowedData = false;
     while (!S->Stopping) {
-        if (ReceiveRound(S, Buffer.data()))
+        if (ReceiveRound(S, Buffer.data())) {
+            ShowedData = false;
             continue;
-        siginfo_t Info;
-        memset(&Info, 0, sizeof Info);
-        if (!HasExited(S) && waitid(P_PID, (id_t)S->Pid, &Info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-            Info.si_pid == S->Pid) {
+        }
+        bool Running = !HasExited(S);
+        if (Running && ProcessEnded(S)) {
             while (ReceiveRound(S, Buffer.data()) && !S->Stopping) {
             }
             Reap(S, 0);
             continue;
         }
-        SleepMs(1);
+        if (ShowedData)
+            SleepMs(1);
+        ShowedData = !ShowedData && WaitForWork(S, Running);
     }
 }
 
-// Appends the sub-service's output; after Stopping it drains what is left and ends.
+// Waits until the console pipe has something to read (true). Once Stopping is set it returns
+// false when the pipe is quiet: at once after the process was reaped, after 20 ms of quiet
+// while it may still write.
+static bool ConsoleHasData(ZmSession *S)
+{
+    for (;;) {
+        struct pollfd Fds[2] = {{S->ConsoleFd, POLLIN, 0}, {S->WakeFd, POLLIN, 0}};
+        bool Stopping = S->Stopping;
+        nfds_t Count = Stopping || S->WakeFd < 0 ? 1 : 2;
+        int Timeout = Stopping ? (HasExited(S) ? 0 : 20) : (S->WakeFd < 0 ? 20 : -1);
+        int Ready = poll(Fds, Count, Timeout);
+        if (Ready < 0 && errno != EINTR)
+            return false;
+        if (Ready > 0 && Fds[0].revents != 0)
+            return true;
+        if (Ready == 0 && Stopping)
+            return false;
+    }
+}
+
+static void EndConsole(ZmSession *S)
+{
+    std::lock_guard<std::mutex> Guard(S->Lock);
+    S->ConsoleEnded = true;
+    S->Changed.notify_all();
+}
+
+// Appends the sub-service's output until the pipe ends or the session stops.
 static void ConsoleThread(ZmSession *S)
 {
     char Buffer[4096];
-    for (;;) {
-        struct pollfd P = {S->ConsoleFd, POLLIN, 0};
-        int Ready = poll(&P, 1, 20);
-        if (Ready == 0 && S->Stopping)
-            return;
-        if (Ready <= 0)
-            continue;
+    while (ConsoleHasData(S)) {
         ssize_t N = read(S->ConsoleFd, Buffer, sizeof Buffer);
         if (N <= 0)
-            return;
+            break;
         if (S->Config.EchoConsole) {
             ssize_t Written = write(S->Config.EchoFd, Buffer, (size_t)N);
             (void)Written;
@@ -406,6 +492,7 @@ static void ConsoleThread(ZmSession *S)
         S->Console.append(Buffer, (size_t)N);
         S->Changed.notify_all();
     }
+    EndConsole(S);
 }
 
 // ---- Starting and ending -----------------------------------------------------------------------
@@ -450,6 +537,7 @@ static int StartProcess(ZmSession *S, std::string *Error)
     }
     S->Pid = Pid;
     S->ConsoleFd = Pipe[0];
+    S->PidFd = (int)syscall(SYS_pidfd_open, Pid, 0); // -1 on kernels without it: the pump polls
     return 0;
 }
 
@@ -468,6 +556,7 @@ static void ResetRecorded(ZmSession *S, const ZmConfig &Config)
     S->ErrataQuestions.clear();
     S->Problems.clear();
     S->RegistrationsSeen = 0;
+    S->ConsoleEnded = false;
 }
 
 static int CheckConfig(const ZmConfig &Config, std::string *Error)
@@ -513,6 +602,11 @@ int ZmStart(ZmSession *S, const ZmConfig &Config, std::string *Error)
     if (S->RegistrationHandle < 0)
         return Fail(Error, "cannot open " ZM_REGISTRATION_CONNECTION);
     DrainStale(S->RegistrationHandle);
+    S->WakeFd = eventfd(0, EFD_CLOEXEC);
+    if (S->WakeFd < 0) {
+        ZmClose(S);
+        return Fail(Error, std::string("cannot make an eventfd: ") + strerror(errno));
+    }
     if (StartProcess(S, Error) != 0) {
         ZmClose(S);
         return -1;
@@ -629,14 +723,18 @@ int ZmWaitForConsole(ZmSession *S, const std::string &Text, int TimeoutMs)
                : -1;
 }
 
-// Waits for the exit; after the timeout kills the process and returns -1.
+// Waits for the exit; after the timeout kills the process and returns -1. After the exit the
+// console output is complete once the pipe has ended, which takes a moment more (at most a
+// second is granted: a child of the sub-service may hold the pipe open).
 static int WaitForExit(ZmSession *S, int TimeoutMs)
 {
     ZmGuard Guard(S->Lock);
     if (S->Pid <= 0 && S->ExitStatus == ZM_RUNNING)
         return -1;
-    if (WaitUntil(S, Guard, TimeoutMs, [S] { return S->ExitStatus != ZM_RUNNING; }))
+    if (WaitUntil(S, Guard, TimeoutMs, [S] { return S->ExitStatus != ZM_RUNNING; })) {
+        WaitUntil(S, Guard, 1000, [S] { return S->ConsoleEnded; });
         return S->ExitStatus;
+    }
     kill(S->Pid, SIGKILL);
     WaitUntil(S, Guard, 5000, [S] { return S->ExitStatus != ZM_RUNNING; });
     return -1;
@@ -687,9 +785,20 @@ int ZmSanitizerReports(void)
     return SanitizerReports.load();
 }
 
+// Wakes the pump and the console reader out of their polls; the eventfd stays readable.
+static void WakeThreads(ZmSession *S)
+{
+    if (S->WakeFd < 0)
+        return;
+    uint64_t One = 1;
+    ssize_t Written = write(S->WakeFd, &One, sizeof One);
+    (void)Written;
+}
+
 void ZmClose(ZmSession *S)
 {
     S->Stopping = true;
+    WakeThreads(S);
     if (S->Pump.joinable())
         S->Pump.join();
     {
@@ -700,9 +809,11 @@ void ZmClose(ZmSession *S)
     Reap(S, 0);
     if (S->ConsoleReader.joinable())
         S->ConsoleReader.join();
-    if (S->ConsoleFd >= 0)
-        close(S->ConsoleFd);
-    S->ConsoleFd = -1;
+    for (int *Fd : {&S->ConsoleFd, &S->PidFd, &S->WakeFd}) {
+        if (*Fd >= 0)
+            close(*Fd);
+        *Fd = -1;
+    }
     CheckSanitizerReports(S);
     std::lock_guard<std::mutex> Guard(S->Lock);
     for (int *Handle : {&S->RegistrationHandle, &S->ReceiveHandle, &S->SendHandle}) {

@@ -179,7 +179,9 @@ bool DumpItem(DumpWalk *Walk, int Received)
 
 } // namespace
 
-void DumpPacket(const RZP_HEADER_PACKET *Header, const unsigned char *Payload, int Received)
+namespace {
+
+void DumpPacketLines(const RZP_HEADER_PACKET *Header, const unsigned char *Payload, int Received)
 {
     DumpHeader(Header, Received);
     if (Header->DataLength == 0)
@@ -195,6 +197,17 @@ void DumpPacket(const RZP_HEADER_PACKET *Header, const unsigned char *Payload, i
     DumpWalk Walk = {const_cast<unsigned char *>(Payload), Length, 0};
     while (Walk.Offset < Walk.Length && DumpItem(&Walk, Received)) {
     }
+}
+
+} // namespace
+
+// One dump is one block on the console: stdout's own lock is held across its lines, so the
+// lines of another thread do not fall between them.
+void DumpPacket(const RZP_HEADER_PACKET *Header, const unsigned char *Payload, int Received)
+{
+    flockfile(stdout);
+    DumpPacketLines(Header, Payload, Received);
+    funlockfile(stdout);
 }
 
 uint32_t ReadPayloadU32(PAYLOADREADER *Reader)

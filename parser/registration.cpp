@@ -176,8 +176,11 @@ int HandlePostRegistration(PRZP_HEADER_PACKET Header, unsigned char *Payload)
                Header->DataLength);
         return 0;
     }
-    if (DEBUG_FLAG)
+    if (DEBUG_FLAG) { // one block on the console, as a packet dump
+        flockfile(stdout);
         DumpRegistrationAnswer(&Record);
+        funlockfile(stdout);
+    }
     BOOLEAN *Flag = ProvidesFlag(Record.opCode);
     if (Flag == nullptr)
         printf("PARSER: Found an unknown opCode type of %d\n", Record.opCode);
