@@ -171,6 +171,40 @@ TEST_F(Protocol, QueueServesTheOldestMatchAndCopiesOnlyDataLength)
     EXPECT_EQ(DequeueByOpCode(&H, Out.data(), 4001), RZP_OPCODE_NOT_SUPPORTED);
 }
 
+TEST_F(Protocol, QueueBeyondItsBoundDropsOnlyTheOldestAnswerNobodyExpects)
+{
+    Bytes Payload(100, 0x5a);
+    PENDINGWAIT Expected;
+    ExpectAnswer(&Expected, 7);
+    RZP_HEADER_PACKET Answer = MakeHeader(RZP_LOG_DATA, 7, 100);
+    Answer.ReturnCode = 3;
+    RZP_HEADER_PACKET Request = MakeHeader(RZP_PARSER_RETURN_NEXT_ITEM, 8, 0);
+    ASSERT_EQ(Enqueue(&Answer, Payload.data()), 0);  // oldest, but expected
+    ASSERT_EQ(Enqueue(&Request, nullptr), 0);        // a worker is about to take it
+    for (int i = 2; i < PENDING_IO_LIMIT; i++) {     // answers that nobody asked for
+        RZP_HEADER_PACKET Stray = MakeHeader(RZP_OUTPUT_DATA, 1000 + i, 100);
+        ASSERT_EQ(Enqueue(&Stray, Payload.data()), 0);
+    }
+    ASSERT_EQ(PendingIOLength(), PENDING_IO_LIMIT);
+    testing::internal::CaptureStdout();
+    RZP_HEADER_PACKET Late = MakeHeader(RZP_OUTPUT_DATA, 99999, 100);
+    ASSERT_EQ(Enqueue(&Late, Payload.data()), 0);
+    EXPECT_EQ(Captured(), "Parser dropped an unrequested packet for opCode 2001 (sequence number "
+                          "1002): 4096 packets were already waiting. 1 dropped so far.\n");
+    EXPECT_EQ(PendingIOLength(), PENDING_IO_LIMIT);
+
+    RZP_HEADER_PACKET H;
+    Bytes Out(RZP_MAX_PAYLOAD, 0);
+    EXPECT_EQ(Dequeue(&H, Out.data(), 1002), RZP_NOTHING_PENDING);
+    WaitForExpectedAnswer(&Expected, &H, Out.data());
+    EXPECT_EQ(H.ReturnCode, 3);
+    EXPECT_EQ(Out[99], 0x5a);
+    EXPECT_EQ(DequeueByOpCode(&H, Out.data(), RZP_PARSER_RETURN_NEXT_ITEM), 0);
+    EXPECT_EQ(Dequeue(&H, Out.data(), 1003), 0);
+    EXPECT_EQ(Dequeue(&H, Out.data(), 99999), 0); // appended at the tail after the drop
+    EXPECT_EQ(Out[0], 0x5a);
+}
+
 TEST_F(Protocol, PromptNumberPacketsAreShownInDebugMode)
 {
     Bytes Payload = {0x10, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10};

@@ -1,0 +1,218 @@
+// How long the sub-service lives and what it holds while it does, end to end with the real
+// binary in the sandbox: opcode 2 is the last packet it takes; idle it wakes about 100 times
+// a second and stays; it ends in order when its manager is killed; a flood of answers that
+// nobody asked for does not grow it without bound.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <dirent.h>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sandbox.h"
+#include "zelrzpmanager.h"
+
+namespace {
+
+typedef std::vector<unsigned char> Bytes;
+
+// A field of /proc/PID/status (or of a thread's status) as a number; -1 when missing.
+long StatusField(const std::string &StatusPath, const std::string &Field)
+{
+    std::ifstream Status(StatusPath);
+    std::string Line;
+    while (std::getline(Status, Line))
+        if (Line.compare(0, Field.size() + 1, Field + ":") == 0)
+            return std::stol(Line.substr(Field.size() + 1));
+    return -1;
+}
+
+// Voluntary context switches of all threads of a process: one per sleep that ended.
+long VoluntarySwitches(pid_t Pid)
+{
+    std::string Tasks = "/proc/" + std::to_string(Pid) + "/task";
+    long Sum = 0;
+    DIR *Dir = opendir(Tasks.c_str());
+    if (Dir == nullptr)
+        return -1;
+    while (struct dirent *Entry = readdir(Dir))
+        if (Entry->d_name[0] != '.')
+            Sum += StatusField(Tasks + "/" + Entry->d_name + "/status", "voluntary_ctxt_switches");
+    closedir(Dir);
+    return Sum;
+}
+
+// User and system CPU time of a process in clock ticks.
+long CpuTicks(pid_t Pid)
+{
+    std::ifstream Stat("/proc/" + std::to_string(Pid) + "/stat");
+    std::string Line;
+    std::getline(Stat, Line);
+    std::istringstream Fields(Line.substr(Line.rfind(')') + 2));
+    std::string Skip;
+    for (int Field = 3; Field <= 13; Field++)
+        Fields >> Skip;
+    long User = 0, System = 0;
+    Fields >> User >> System;
+    return User + System;
+}
+
+RZP_HEADER_PACKET HeaderTo(ZmSession *S, uint32_t OpCode, int Sequence, int ReturnCode)
+{
+    RZP_HEADER_PACKET H;
+    memset(&H, 0, sizeof H);
+    H.SrcHandle = S->ReceiveHandle;
+    H.DestHandle = S->SendHandle;
+    H.LocalSequenceNumber = Sequence;
+    H.RemoteSequenceNumber = -1;
+    H.opCode = OpCode;
+    H.ReturnCode = ReturnCode;
+    return H;
+}
+
+bool IsLogRequest(const ZmPacket &P, const void *)
+{
+    return P.Header.opCode == RZP_LOG_DATA;
+}
+
+class Lifecycle : public testing::Test {
+protected:
+    ZmSession Session;
+    ZmConfig Config;
+
+    void SetUp() override
+    {
+        ASSERT_EQ(SandboxEnter(), 0);
+        Config.ParserPath = ZEL_PARSER_PATH;
+        Config.BundleDir = "/tmp";
+        Config.TimeoutMs = 15000;
+    }
+    void Start()
+    {
+        std::string Error;
+        ASSERT_EQ(ZmStart(&Session, Config, &Error), 0) << Error << ZmConsoleSnapshot(&Session);
+    }
+    void TearDown() override { ZmClose(&Session); }
+
+    void ExpectStillServing()
+    {
+        ZmPacket Answer;
+        ASSERT_EQ(ZmRequest(&Session, RZP_PARSER_RETURN_NUMBER_OF_ITEMS, {}, &Answer), 0)
+            << ZmConsoleSnapshot(&Session);
+        EXPECT_EQ(Answer.Header.ReturnCode, 0);
+    }
+};
+
+TEST_F(Lifecycle, ShutDownIsTheLastPacketTheListenerTakes)
+{
+    Start();
+    // Opcode 2 and an unknown opcode right behind it, in one burst: the listener leaves its
+    // loop after the first and never answers the second.
+    ASSERT_EQ(ZmSendPacket(&Session, HeaderTo(&Session, RZP_SHUTDOWN, 1, RZP_NO_RESULT_YET), {}), 0);
+    ASSERT_EQ(ZmSendPacket(&Session, HeaderTo(&Session, 77, 2, RZP_NO_RESULT_YET), {}), 0);
+    EXPECT_EQ(ZmWaitExit(&Session), 0);
+    for (const ZmPacket &P : ZmPacketsSnapshot(&Session))
+        EXPECT_FALSE(P.Direction == ZM_FROM_PARSER && P.Header.opCode == 77);
+    EXPECT_EQ(ZmConsoleSnapshot(&Session).find("opCode 77"), std::string::npos);
+}
+
+TEST_F(Lifecycle, AnIdleSubServiceWakesAboutAHundredTimesASecondAndStays)
+{
+    Start();
+    ExpectStillServing(); // the worker of this request has ended before the idle time starts
+    long Switches = VoluntarySwitches(Session.Pid);
+    long Ticks = CpuTicks(Session.Pid);
+    auto Begin = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+    double Seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - Begin).count();
+    double PerSecond = (VoluntarySwitches(Session.Pid) - Switches) / Seconds;
+    double CpuShare = double(CpuTicks(Session.Pid) - Ticks) / sysconf(_SC_CLK_TCK) / Seconds;
+    // The listener looks at the exit flag every 10 ms, the shut-down thread once a second.
+    // Generous bounds: a loaded machine delays wake-ups, a spinning thread would not sleep.
+    EXPECT_GT(PerSecond, 40);
+    EXPECT_LT(PerSecond, 300);
+    EXPECT_LT(CpuShare, 0.10);
+    // Idle for longer than the shut-down thread's look at its manager: still there.
+    ExpectStillServing();
+    EXPECT_EQ(ZmStop(&Session), 0);
+}
+
+// The manager runs in a child process that starts the sub-service, has it block mid-parse on a
+// log request that is never answered, and is then killed. The orphan is handed to this process
+// (a subreaper), which can then see it end.
+TEST_F(Lifecycle, ASubServiceWhoseManagerWasKilledMidParseEndsInOrder)
+{
+    ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    int Pipe[2];
+    ASSERT_EQ(pipe(Pipe), 0);
+    pid_t Manager = fork();
+    ASSERT_GE(Manager, 0);
+    if (Manager == 0) {
+        close(Pipe[0]);
+        Config.AnswerRequests = false;
+        Config.Args = {"-C", "pkg.rpm"};
+        ZmSession Child;
+        pid_t Pid = -1;
+        size_t From = 0;
+        if (ZmStart(&Child, Config) == 0 &&
+            ZmSendPacket(&Child, HeaderTo(&Child, RZP_PARSER_PARSE_INPUT_FILE, 1,
+                                          RZP_NO_RESULT_YET), {}) == 0 &&
+            ZmWaitForPacket(&Child, IsLogRequest, nullptr, &From, nullptr) == 0)
+            Pid = Child.Pid;
+        ssize_t Written = write(Pipe[1], &Pid, sizeof Pid);
+        (void)Written;
+        pause(); // killed here
+        _exit(1);
+    }
+    close(Pipe[1]);
+    pid_t Parser = -1;
+    ASSERT_EQ(read(Pipe[0], &Parser, sizeof Parser), ssize_t(sizeof Parser));
+    close(Pipe[0]);
+    kill(Manager, SIGKILL);
+    int Status = 0;
+    ASSERT_EQ(waitpid(Manager, &Status, 0), Manager);
+    ASSERT_GT(Parser, 0) << "the child manager could not bring the sub-service mid-parse";
+    // It ends within about a second; 10 s only catches a sub-service that stays.
+    pid_t Ended = 0;
+    for (int i = 0; i < 1000 && Ended == 0; i++) {
+        Ended = waitpid(Parser, &Status, WNOHANG);
+        if (Ended == 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    if (Ended == 0) {
+        kill(Parser, SIGKILL);
+        waitpid(Parser, &Status, 0);
+    }
+    prctl(PR_SET_CHILD_SUBREAPER, 0);
+    ASSERT_EQ(Ended, Parser) << "the sub-service outlived its manager";
+    ASSERT_TRUE(WIFEXITED(Status)) << "ended by signal " << WTERMSIG(Status);
+    EXPECT_EQ(WEXITSTATUS(Status), 0);
+}
+
+TEST_F(Lifecycle, AFloodOfUnrequestedAnswersKeepsMemoryBoundedAndTheServiceServing)
+{
+    Start();
+    std::string StatusPath = "/proc/" + std::to_string(Session.Pid) + "/status";
+    long Before = StatusField(StatusPath, "VmRSS");
+    Bytes Payload = ZmStringItem(std::string(91, 'x')); // 100 bytes
+    for (int i = 0; i < 20000; i++)
+        ASSERT_EQ(ZmSendPacket(&Session, HeaderTo(&Session, RZP_OUTPUT_DATA, 500000 + i, 0), Payload),
+                  0);
+    ExpectStillServing(); // answered after every packet of the flood was taken
+    long After = StatusField(StatusPath, "VmHWM");
+    // Parked whole, 20000 packets in 16 KiB buffers would take over 300 MiB.
+    EXPECT_LT(After - Before, 48 * 1024) << "KiB before " << Before << ", peak " << After;
+    EXPECT_EQ(ZmWaitForConsole(&Session, "Parser dropped an unrequested packet for opCode 2001"), 0);
+    EXPECT_EQ(ZmStop(&Session), 0);
+}
+
+} // namespace
