@@ -9,6 +9,13 @@
 #define RZP_MAX_PAYLOAD 16384 /* every payload, receive, queue and work buffer */
 
 typedef unsigned char BOOLEAN;
+// One-byte truth values of BOOLEAN items and of the yes/no readers (signed char).
+#ifndef TRUE
+#define TRUE 1
+#endif
+#ifndef FALSE
+#define FALSE 0
+#endif
 
 // The header of every packet. Host byte order in memory; the transport writes it
 // little-endian on the wire. Data is reserved: written as 0, ignored on receipt.

@@ -6,8 +6,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "parser.h"
-#include "support.h"
+#include "operations.h"
+#include "protocol.h"
+#include "records.h"
+#include "runflags.h"
+#include "service.h"
 
 #define BUNDLE_STRING_SIZE 1024
 #define PARSE_LANGUAGE "en"

@@ -8,9 +8,9 @@
 #include <cstring>
 #include <string>
 
-#include "parser.h"
+#include "packages.h"
+#include "runflags.h"
 #include "support.h"
-#include "xmltokenizer.h"
 
 #define BUNDLE_VERSION_FAILED -704
 

@@ -8,9 +8,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "parser.h"
+#include "packages.h"
+#include "runflags.h"
 #include "support.h"
-#include "xmltokenizer.h"
 
 #define COMPONENT_READ_FAILED -504
 #define COMPONENT_FILE_EMPTY -101

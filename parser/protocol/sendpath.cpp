@@ -2,7 +2,9 @@
 // which callers hold around every send; the write connection's lock is taken inside.
 #include <cstdio>
 
-#include "parser.h"
+#include "protocol.h"
+#include "runflags.h"
+#include "service.h"
 
 pthread_mutex_t SendDataMutex = PTHREAD_MUTEX_INITIALIZER;
 

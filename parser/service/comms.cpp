@@ -10,7 +10,10 @@
 #include <cstring>
 #include <string>
 
-#include "parser.h"
+#include "protocol.h"
+#include "records.h"
+#include "runflags.h"
+#include "service.h"
 #include "support.h"
 
 PQUEUE ParserQueue = nullptr;
