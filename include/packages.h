@@ -8,8 +8,6 @@
 #include "xmltokenizer.h"
 #include "zelrzp.h"
 
-#define XML_NO_PACKAGES 0x12000 /* GetBundlePackages: nothing to install or unusable */
-
 // Installed OS detection.
 enum { OS_RED_HAT = 1, OS_SUSE = 2, OS_RED_HAT_AS = 3, OS_UNITED_LINUX = 4, OS_RED_HAT_EL = 6 };
 #define RELEASE_OUT_FILE "/tmp/release.out"
@@ -61,12 +59,18 @@ typedef struct _ComponentInfo {
 } ComponentInfo, *COMPONENTINFOPTR;
 #define COMPONENT_FIELD_SIZE 256
 #define COMPONENT_SCRATCH_SIZE 4000
+// Status and InstallStatus of a component record: statuses, not result codes. No operation
+// reads them back; they say how far the parse worker got with the component.
 enum {
     COMPONENT_BUILT = 101,
     COMPONENT_LISTED = 201,
     COMPONENT_FILE_MISSING = 402,
     COMPONENT_BUILD_FAILED = 403,
-    COMPONENT_NOT_INSTALLED = -502,
+};
+enum {
+    INSTALL_STATUS_BUILT = 0,
+    INSTALL_STATUS_NOT_BUILT = -502,        // as created by the bundle reader and the TQR list
+    INSTALL_STATUS_BUILD_FAILED = 0x10100,  // the builder failed (the tokenizer's failure value)
 };
 
 extern COMPONENTINFOPTR ComponentList;

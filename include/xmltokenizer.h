@@ -13,9 +13,8 @@
 
 #include <cstddef>
 
-#define XML_OPEN_FAILED 0x10010L  /* no name, cannot open, empty file; also: no bundle file */
-#define XML_PARSE_FAILED 0x10100L /* read error, unterminated CDATA, over-long line */
-#define XML_NO_MEMORY 0x10001L    /* InsertToken could not allocate */
+#include "zelrzp.h" // the result codes
+
 #define XML_LINE_MAX 16384        /* a logical line with its terminator */
 
 enum { XML_ATTRIBUTE = 1, XML_TEXT = 2, XML_ELEMENT_START = 3, XML_ELEMENT_END = 4, XML_CDATA = 5 };

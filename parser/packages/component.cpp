@@ -9,8 +9,6 @@
 #include "runflags.h"
 #include "support.h"
 
-#define COMPONENT_READ_FAILED -504
-
 // Replaces *Field by a copy of Value (NULL for none). 0, or -1 when memory runs out.
 static int SetField(char **Field, const char *Value)
 {
@@ -29,7 +27,7 @@ static int FailNameAndDescription(COMPONENTINFOPTR Component)
 {
     SetField(&Component->Name, nullptr);
     SetField(&Component->Description, nullptr);
-    return COMPONENT_READ_FAILED;
+    return RZP_PARSER_BAD_XML;
 }
 
 // Name and description, each read under the language selection. Both are NULL after a
@@ -51,10 +49,10 @@ static int ReadNameAndDescription(SECTIONPTR Package, COMPONENTINFOPTR Component
         return FailNameAndDescription(Component);
     }
     if (SetField(&Component->Name, Text) != 0)
-        return COMPONENT_READ_FAILED;
+        return RZP_PARSER_BAD_XML;
     const char *Block = SelectLanguage(Description, "description_xlate", language, 1);
     if (SetField(&Component->Description, Block) != 0 || Block == nullptr)
-        return COMPONENT_READ_FAILED;
+        return RZP_PARSER_BAD_XML;
     return 0;
 }
 
@@ -63,13 +61,13 @@ int GetComponentInformation(const char *ComponentXMLFileName, COMPONENTINFOPTR C
 {
     static const XMLSTEP Steps[] = {{"zel_package", "zel_package"}, {"version", "version"}};
     if (Component == nullptr)
-        return COMPONENT_READ_FAILED;
+        return RZP_PARSER_BAD_XML;
     int Failure = XML_WALK_OK;
     SECTIONPTR Version = WalkToSection(ComponentXMLFileName, Steps, 2, &Failure);
     if (Version == nullptr)
-        return COMPONENT_READ_FAILED;
+        return RZP_PARSER_BAD_XML;
     if (SetField(&Component->Version, GetAttribute(Version, "value")) != 0)
-        return COMPONENT_READ_FAILED;
+        return RZP_PARSER_BAD_XML;
     return ReadNameAndDescription(Version->Parent, Component, language);
 }
 
@@ -87,33 +85,33 @@ static SECTIONPTR WalkToInstallChild(const char *XMLFileName, const char *Last, 
 int GetRebootValue(const char *ComponentXMLFileName, COMPONENTINFOPTR Component)
 {
     if (Component == nullptr)
-        return COMPONENT_READ_FAILED;
+        return RZP_PARSER_BAD_XML;
     int Failure = XML_WALK_OK;
     SECTIONPTR Reboot = WalkToInstallChild(ComponentXMLFileName, "reboot_required", &Failure);
     if (Failure == XML_WALK_SWITCH_FAILED)
-        return COMPONENT_READ_FAILED;
+        return RZP_PARSER_BAD_XML;
     char *Value = Reboot != nullptr ? GetAttribute(Reboot, "value") : nullptr;
     if (Reboot != nullptr && Value == nullptr)
         PrintMissingValue("reboot_required");
     strupr(Value);
     if (SetField(&Component->RebootRequired, Value) != 0 || Value == nullptr)
-        return COMPONENT_READ_FAILED;
+        return RZP_PARSER_BAD_XML;
     return 0;
 }
 
 int GetInstallCommand(const char *XMLFileName, COMPONENTINFOPTR Component)
 {
     if (Component == nullptr)
-        return COMPONENT_READ_FAILED;
+        return RZP_PARSER_BAD_XML;
     int Failure = XML_WALK_OK;
     SECTIONPTR Command = WalkToInstallChild(XMLFileName, "command", &Failure);
     if (Failure == XML_WALK_SWITCH_FAILED)
-        return COMPONENT_READ_FAILED;
+        return RZP_PARSER_BAD_XML;
     const char *Text = GetFirstToken(Command);
     if (Command != nullptr && Text == nullptr)
         printf("The XML file is corrupt.  The 'command' token cannot be found.\n");
     if (SetField(&Component->InstallCommand, Text) != 0 || Text == nullptr)
-        return COMPONENT_READ_FAILED;
+        return RZP_PARSER_BAD_XML;
     return 0;
 }
 

@@ -10,9 +10,6 @@
 #include "packages.h"
 #include "runflags.h"
 
-#define COMPONENT_FILE_EMPTY -101
-#define COMPONENT_XML_EMPTY -502
-
 // ---- Component and XML files --------------------------------------------------------------------
 
 int FindCorrespondingXMLFileName(const char *InstallFileName, char *XMLFileName)
@@ -41,7 +38,7 @@ int FindComponentXmlFile(const char *FileName, char *XMLFileName)
         return -1;
     }
     if (Info.st_size == 0)
-        return COMPONENT_XML_EMPTY;
+        return RZP_COMPONENT_XML_EMPTY;
     if (DEBUG_FLAG == 1)
         printf("XMLTOKENIZER--Calling CheckForULSP3\n");
     CheckForULSP3();
@@ -55,5 +52,5 @@ int DoesComponentFileExist(const char *FileName)
         return -1;
     if (DEBUG_FLAG == 1)
         printf("XML Filename found is %s\n", FileName);
-    return Info.st_size > 0 ? 0 : COMPONENT_FILE_EMPTY;
+    return Info.st_size > 0 ? 0 : RZP_COMPONENT_FILE_EMPTY;
 }

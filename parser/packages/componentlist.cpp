@@ -56,7 +56,7 @@ COMPONENTINFOPTR AppendComponent(const char *FileName)
     }
     CopyBounded(Component->FileName, COMPONENT_FIELD_SIZE, FileName);
     Component->Status = COMPONENT_LISTED;
-    Component->InstallStatus = COMPONENT_NOT_INSTALLED;
+    Component->InstallStatus = INSTALL_STATUS_NOT_BUILT;
     COMPONENTINFOPTR *Tail = &ComponentList;
     while (*Tail != nullptr)
         Tail = &(*Tail)->next;

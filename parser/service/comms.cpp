@@ -30,9 +30,6 @@ struct flock ReadConnectionFileLock;
 struct flock WriteConnectionFileLock;
 struct flock RegistrationConnectionFileLock;
 
-// The library could not be loaded, or lacks an entry point.
-#define RZP_TRANSPORT_UNAVAILABLE -114
-
 namespace {
 
 struct EntryPoint {
