@@ -16,7 +16,10 @@
 #include <cstring>
 #include <string>
 
-#include "parser.h"
+#include "protocol.h"
+#include "records.h"
+#include "runflags.h"
+#include "service.h"
 #include "support.h"
 
 PQUEUE ParserQueue = nullptr;
@@ -34,9 +37,6 @@ struct flock WriteConnectionFileLock;
 struct flock RegistrationConnectionFileLock;
 pid_t ManagerProcessId = 0;
 pthread_mutex_t ThreadCountMutex = PTHREAD_MUTEX_INITIALIZER;
-
-// The library could not be loaded, or lacks an entry point.
-#define RZP_TRANSPORT_UNAVAILABLE -114
 
 namespace {
 
