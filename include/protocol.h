@@ -48,12 +48,30 @@ extern pthread_mutex_t PendingIOMutex;
 int Enqueue(PRZP_HEADER_PACKET Header, unsigned char *Payload);
 int Dequeue(PRZP_HEADER_PACKET Header, unsigned char *Payload, int SequenceNumber);
 int DequeueByOpCode(PRZP_HEADER_PACKET Header, unsigned char *Payload, uint32_t OpCode);
-// Waits for the answer with LocalSequenceNumber SequenceNumber (the header area is zeroed
-// first). Returns when it is taken or when Parser_Exiting is 1. Wakes as soon as the answer
-// is parked, and at least every 10 milliseconds to look at Parser_Exiting.
+// At most this many packets stay parked; beyond it parking drops the oldest answer that no
+// thread expects (parser requests and expected answers are never dropped).
+#define PENDING_IO_LIMIT 4096
+// One wait for an answer, on the waiter's stack: linked into the list of expected answers from
+// ExpectAnswer (called before the request is sent, so that the answer is never dropped) until
+// WaitForExpectedAnswer returns.
+typedef struct _PENDINGWAIT {
+    int ByOpCode;       // 1: the first parked packet of OpCode; 0: by SequenceNumber
+    int SequenceNumber;
+    uint32_t OpCode;
+    struct _PENDINGWAIT *Next;
+} PENDINGWAIT, *PPENDINGWAIT;
+void ExpectAnswer(PPENDINGWAIT Wait, int SequenceNumber);
+void ExpectAnswerByOpCode(PPENDINGWAIT Wait, uint32_t OpCode);
+// Waits for the expected packet (by sequence number the header area is zeroed first). Returns
+// when it is taken or when Parser_Exiting is 1. Wakes as soon as the packet is parked, and at
+// least every 10 milliseconds to look at Parser_Exiting. The expectation ends with it.
+void WaitForExpectedAnswer(PPENDINGWAIT Wait, PRZP_HEADER_PACKET Header, unsigned char *Payload);
+// ExpectAnswer and WaitForExpectedAnswer in one, for an answer that cannot have come yet.
 void WaitForAnswer(PRZP_HEADER_PACKET Header, unsigned char *Payload, int SequenceNumber);
 // The same by opcode, without zeroing the header first.
 void WaitForAnswerByOpCode(PRZP_HEADER_PACKET Header, unsigned char *Payload, uint32_t OpCode);
+// The number of parked packets.
+int PendingIOLength(void);
 
 // ---- Listener and registration ----------------------------------------------------------------
 void *Listen(void *parm);

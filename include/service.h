@@ -4,6 +4,8 @@
 #pragma once
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <sys/types.h>
 
 #include "zelrzp.h"
 
@@ -52,7 +54,14 @@ extern struct flock RegistrationConnectionFileLock;
 int BindTransportLibrary(void);
 void UnbindTransportLibrary(void);
 int InitializeCommunicationsInterface(void);
+// Waits until the listener and every worker have ended (ThreadCount 2), then deregisters,
+// closes the connections and frees what the service holds.
 void *Shutdown(void *parm);
+// Uncounts the calling thread from ThreadCount and wakes the shut-down thread.
+void UncountThread(void);
+// The parent that started the process (set by main); the service ends when it has gone.
+extern pid_t ManagerProcessId;
+extern pthread_mutex_t ThreadCountMutex;
 // The connection lock protocol: whole-file fcntl write lock, F_SETLKW until it succeeds.
 void LockConnection(int Handle, struct flock *Lock);
 void UnlockConnection(int Handle, struct flock *Lock);
