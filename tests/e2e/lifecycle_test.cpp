@@ -1,5 +1,6 @@
 // How long the sub-service lives and what it holds while it does, end to end with the real
-// binary in the sandbox: opcode 2 is the last packet it takes; idle it wakes about 100 times
+// binary in the sandbox: it clears connection files of an earlier run; opcode 2 is the last
+// packet it takes; idle it wakes about 100 times
 // a second and stays; it ends in order when its manager is killed; a flood of answers that
 // nobody asked for does not grow it without bound.
 #include <gtest/gtest.h>
@@ -110,6 +111,19 @@ protected:
         EXPECT_EQ(Answer.Header.ReturnCode, 0);
     }
 };
+
+TEST_F(Lifecycle, ConnectionFilesLeftByAnEarlierRunAreRemovedAtStart)
+{
+    // Plain files where the FIFOs belong would be refused by the transport if they stayed.
+    for (const char *Path : {"/dev/zelparser_read", "/dev/zelparser_write"}) {
+        FILE *Stale = fopen(Path, "w");
+        ASSERT_NE(Stale, nullptr);
+        fputs("stale\n", Stale);
+        fclose(Stale);
+    }
+    Start();
+    EXPECT_EQ(ZmStop(&Session), 0);
+}
 
 TEST_F(Lifecycle, ShutDownIsTheLastPacketTheListenerTakes)
 {
