@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -184,6 +185,26 @@ static double Flood(ZmSession *S)
     return SecondsSince(Start);
 }
 
+// Start to the seventh registration answered, over several starts (one sample on a loaded
+// machine says little): the median and the fastest, in milliseconds.
+static int StartTimes(const ZmConfig &Config, double *Median, double *Fastest)
+{
+    std::vector<double> Ms;
+    for (int i = 0; i < 11; i++) {
+        ZmSession S;
+        auto Launch = Clock::now();
+        if (ZmStart(&S, Config) != 0)
+            return -1;
+        Ms.push_back(SecondsSince(Launch) * 1000);
+        ZmStop(&S);
+        ZmClose(&S);
+    }
+    std::sort(Ms.begin(), Ms.end());
+    *Median = Ms[Ms.size() / 2];
+    *Fastest = Ms[0];
+    return 0;
+}
+
 int main(void)
 {
     if (SandboxEnter() != 0 || SandboxSetFile("/etc/redhat-release",
@@ -194,12 +215,13 @@ int main(void)
     Config.ParserPath = ZEL_PARSER_PATH;
     Config.BundleDir = BENCH_DIR;
     Config.TimeoutMs = 120000;
+    double StartMedian = 0, StartFastest = 0;
+    if (StartTimes(Config, &StartMedian, &StartFastest) != 0)
+        return Fail("the sub-service did not start");
     ZmSession S;
     std::string Error;
-    auto Launch = Clock::now();
     if (ZmStart(&S, Config, &Error) != 0)
         return Fail(Error.c_str());
-    double Registered = SecondsSince(Launch);
     size_t FirstPacket = ZmPacketsSnapshot(&S).size(); // registration is not in the walk
     Usage Before = ReadUsage(S.Pid);
     auto Start = Clock::now();
@@ -236,7 +258,8 @@ int main(void)
 
     printf("components %d, items %d, records %zu, exit status %d\n", BENCH_COMPONENTS, Items,
            Raw.size(), Status);
-    printf("start to seventh registration %.1f ms\n", Registered * 1000);
+    printf("start to seventh registration %.1f ms median of 11, fastest %.1f ms\n", StartMedian,
+           StartFastest);
     printf("open to parse answer %.3f s, open to last record %.3f s, round trips %d (%.3f ms "
            "each)\n",
            Parsed, Walk, RoundTrips, Walk * 1000 / RoundTrips);
