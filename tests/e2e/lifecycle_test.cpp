@@ -1,10 +1,12 @@
 // How long the sub-service lives and what it holds while it does, end to end with the real
 // binary in the sandbox: it clears connection files of an earlier run; opcode 2 is the last
-// packet it takes; idle it wakes about 100 times
-// a second and stays; it ends in order when its manager is killed; a flood of answers that
-// nobody asked for does not grow it without bound.
+// packet it takes; a connection that shows data without yielding a packet is not spun on;
+// idle it wakes about 100 times a second and stays; it ends in order when its manager is
+// killed; a flood of answers that nobody asked for does not grow it without bound.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -157,6 +159,41 @@ TEST_F(Lifecycle, AnIdleSubServiceWakesAboutAHundredTimesASecondAndStays)
     EXPECT_LT(CpuShare, 0.10);
     // Idle for longer than the shut-down thread's look at its manager: still there.
     ExpectStillServing();
+    EXPECT_EQ(ZmStop(&Session), 0);
+}
+
+bool IsAnswer4242(const ZmPacket &P, const void *)
+{
+    return P.Header.LocalSequenceNumber == 4242 && P.Header.ReturnCode != RZP_NO_RESULT_YET;
+}
+
+TEST_F(Lifecycle, AConnectionThatShowsDataButYieldsNoPacketIsNotSpunOn)
+{
+    Start();
+    // Another reader holds the read connection's reader lock: the request below is there to
+    // see, but every receive of the sub-service takes nothing until the lock is released.
+    int Lock = open("/dev/zelparser_read.lock", O_RDWR);
+    ASSERT_GE(Lock, 0);
+    ASSERT_EQ(flock(Lock, LOCK_EX), 0);
+    ASSERT_EQ(ZmSendPacket(&Session, HeaderTo(&Session, RZP_PARSER_RETURN_NUMBER_OF_ITEMS, 4242,
+                                              RZP_NO_RESULT_YET), {}),
+              0);
+    long Switches = VoluntarySwitches(Session.Pid);
+    long Ticks = CpuTicks(Session.Pid);
+    auto Begin = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    double Seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - Begin).count();
+    double PerSecond = (VoluntarySwitches(Session.Pid) - Switches) / Seconds;
+    double CpuShare = double(CpuTicks(Session.Pid) - Ticks) / sysconf(_SC_CLK_TCK) / Seconds;
+    flock(Lock, LOCK_UN);
+    close(Lock);
+    // A listener that polled again at once would never sleep: no voluntary switches, and all
+    // the CPU the machine gives it.
+    EXPECT_GT(PerSecond, 20);
+    EXPECT_LT(CpuShare, 0.25);
+    size_t From = 0;
+    EXPECT_EQ(ZmWaitForPacket(&Session, IsAnswer4242, nullptr, &From, nullptr), 0);
     EXPECT_EQ(ZmStop(&Session), 0);
 }
 
