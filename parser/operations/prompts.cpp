@@ -132,7 +132,7 @@ int SendPrompt(const PromptKind &Kind)
                Header.DataLength);
         return Result;
     }
-    if (DEBUG_FLAG)
+    if (Debugging())
         PrintAnswer(Kind, Answer);
     return Result;
 }

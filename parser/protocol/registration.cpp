@@ -147,8 +147,7 @@ int RegisterWithRZPManager(void)
     }
     FillRequestHeader(&Header, RZP_REGISTER, ParserQueue->RegistrationConnectionHandle);
     FillRegistrationRecord(&Record);
-    if (DEBUG_FLAG)
-        printf("Sending data to register the parser.\n");
+    DebugPrint("Sending data to register the parser.\n");
     for (uint32_t OpCode : RegisteredOpCodes) {
         Record.opCode = OpCode;
         Header.LocalSequenceNumber = NextSequenceNumber();
@@ -158,8 +157,7 @@ int RegisterWithRZPManager(void)
         UnlockConnection(ParserQueue->RegistrationConnectionHandle,
                          &RegistrationConnectionFileLock);
     }
-    if (DEBUG_FLAG)
-        printf("Send registration data complete.\n");
+    DebugPrint("Send registration data complete.\n");
     free(Payload);
     return 0;
 }
@@ -178,7 +176,7 @@ int HandlePostRegistration(PRZP_HEADER_PACKET Header, unsigned char *Payload)
                Header->DataLength);
         return 0;
     }
-    if (DEBUG_FLAG)
+    if (Debugging())
         DumpRegistrationAnswer(&Record);
     BOOLEAN *Flag = ProvidesFlag(Record.opCode);
     if (Flag == nullptr)

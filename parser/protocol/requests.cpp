@@ -98,7 +98,7 @@ int QueryOpcodeSupport(uint32_t OpCode, const char *DebugName)
         RoundTrip(&Header, Query, Answer.data());
         Count++;
         Result = Header.ReturnCode;
-        if (DEBUG_FLAG && DebugName != nullptr)
+        if (Debugging() && DebugName != nullptr)
             printf("%s %s supported.\n", DebugName,
                    Result == RZP_OPCODE_SUPPORTED ? "is" : "is not");
     }
@@ -141,8 +141,7 @@ int SendIsComponentSupportedByThisErrataPacket(unsigned char *Buffer, int Buffer
     std::vector<unsigned char> Answer(RZP_MAX_PAYLOAD);
     BuildRequestHeader(&Header, RZP_IS_COMPONENT_SUPPORTED_ON_THIS_ERRATA, BufferLength);
     RoundTrip(&Header, Buffer, Answer.data());
-    if (DEBUG_FLAG)
-        printf("The return code from the SendIsComponentSupportByThisErrataPacket is %d\n",
+    DebugPrint("The return code from the SendIsComponentSupportByThisErrataPacket is %d\n",
                Header.ReturnCode);
     return Header.ReturnCode;
 }

@@ -10,12 +10,12 @@ pthread_mutex_t SendDataMutex = PTHREAD_MUTEX_INITIALIZER;
 
 int HandleOutgoingPacket(PRZP_HEADER_PACKET Header, unsigned char *Payload)
 {
-    if (DEBUG_FLAG)
+    if (Debugging())
         DumpPacket(Header, Payload, 0);
     LockConnection(ParserQueue->WriteConnectionHandle, &WriteConnectionFileLock);
     int Result = SendDataRaw(Header, Payload, PARSER_CALLER);
     UnlockConnection(ParserQueue->WriteConnectionHandle, &WriteConnectionFileLock);
-    if (Result < 0 && DEBUG_FLAG)
+    if (Result < 0 && Debugging())
         printf("Parser send of opCode %d failed with %d (%s)\n", static_cast<int>(Header->opCode),
                Result, RZPResultName(Result));
     return Result;
