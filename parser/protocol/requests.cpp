@@ -16,16 +16,10 @@ int SupportQueryLimit = SUPPORT_QUERY_LIMIT;
 
 namespace {
 
+// A request to the manager: sent on the write connection.
 void BuildRequestHeader(PRZP_HEADER_PACKET Header, uint32_t OpCode, int DataLength)
 {
-    memset(Header, 0, sizeof *Header);
-    Header->SrcHandle = ParserQueue->ReadConnectionHandle;
-    Header->DestHandle = ParserQueue->WriteConnectionHandle;
-    Header->LocalSequenceNumber = NextSequenceNumber();
-    Header->RemoteSequenceNumber = -1;
-    Header->opCode = OpCode;
-    Header->ReturnCode = RZP_NO_RESULT_YET;
-    Header->DataLength = DataLength;
+    FillRequestHeader(Header, OpCode, ParserQueue->WriteConnectionHandle, DataLength);
 }
 
 // Sends one request and waits for its answer; Header holds the answer's header afterwards
