@@ -109,14 +109,8 @@ int SendPrompt(const PromptKind &Kind)
         return RZP_OPCODE_NOT_SUPPORTED;
     RZP_HEADER_PACKET Header;
     std::vector<unsigned char> Payload(RZP_MAX_PAYLOAD);
-    memset(&Header, 0, sizeof Header);
-    Header.SrcHandle = ParserQueue->ReadConnectionHandle;
-    Header.DestHandle = ParserQueue->WriteConnectionHandle;
-    Header.LocalSequenceNumber = NextSequenceNumber();
-    Header.RemoteSequenceNumber = -1;
-    Header.opCode = Kind.OpCode;
-    Header.ReturnCode = RZP_NO_RESULT_YET;
-    Header.DataLength = EncodePrompt(Payload.data(), Kind);
+    FillRequestHeader(&Header, Kind.OpCode, ParserQueue->WriteConnectionHandle,
+                      EncodePrompt(Payload.data(), Kind));
     PENDINGWAIT Wait;
     ExpectAnswerByOpCode(&Wait, Kind.OpCode);
     SendPacketLocked(&Header, Payload.data());
@@ -134,7 +128,7 @@ int SendPrompt(const PromptKind &Kind)
                Header.DataLength);
         return Result;
     }
-    if (DEBUG_FLAG)
+    if (Debugging())
         PrintAnswer(Kind, Answer);
     return Result;
 }

@@ -79,7 +79,7 @@ bool TakeFirst(PRZP_HEADER_PACKET Header, unsigned char *Payload, MatchFn Match,
 {
     PPENDINGIO Previous = nullptr;
     for (PPENDINGIO Node = PendingIOList; Node != nullptr; Previous = Node, Node = Node->Next) {
-        if (DEBUG_FLAG)
+        if (Debugging())
             Trace(Node->Header);
         if (Match(Node->Header)) {
             TakeNode(Previous, Node, Header, Payload);
@@ -220,7 +220,7 @@ int DequeueByOpCodeLocked(PRZP_HEADER_PACKET Header, unsigned char *Payload, uin
             printf("Parser opCode asked for %d    Found opCode is %d\n", static_cast<int>(OpCode),
                    static_cast<int>(H->opCode));
         });
-    if (Taken && OpCode == RZP_PROMPT_FOR_NUMBER && DEBUG_FLAG && Header->DataLength > 0)
+    if (Taken && OpCode == RZP_PROMPT_FOR_NUMBER && Debugging() && Header->DataLength > 0)
         DumpPromptBuffer(Payload, Header->DataLength);
     return Taken ? 0 : RZP_OPCODE_NOT_SUPPORTED;
 }
