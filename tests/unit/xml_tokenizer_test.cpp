@@ -148,7 +148,7 @@ TEST_F(XmlTokenizer, FailuresReportAndLeaveNoCurrentFile)
     EXPECT_EQ(ParseFile((Dir + "/fifo.xml").c_str()), XML_OPEN_FAILED); // and does not hang
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "XML File is missing for " + Dir + "/t.xml\nUnable to open XML file " + Dir +
-                  "/none.xml\nXML File is missing for " + Dir + "/fifo.xml\n");
+                  "/none.xml\nThe XML file " + Dir + "/fifo.xml is not a regular file; it is refused.\n");
     EXPECT_EQ(CurrentXMLFileParsed, nullptr);
 
     testing::internal::CaptureStdout();
