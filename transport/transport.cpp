@@ -395,17 +395,20 @@ static void DropToCandidate(std::vector<unsigned char> &Pending, size_t From)
 
 // After a refused or cut frame. Nothing in the stream marks where the next frame starts, so
 // every offset after the bad frame's first byte is a candidate: the bytes already read are
-// searched first, then what the FIFO holds right now (no more: senders may go on writing), one
-// byte at a time, until a whole magic is had. A candidate whose header turns out bad when its
-// prefix is complete is refused in turn, and the search goes on from its next byte.
+// searched first, then what the FIFO holds right now (no more: senders may go on writing), read
+// at most a prefix's worth at a time, so that no byte beyond the 40-byte prefix of the
+// candidate found is taken, until a whole magic is had. A candidate whose header turns out bad
+// when its prefix is complete is refused in turn, and the search goes on from its next byte.
 static void Resynchronise(RZP_CONNECTION &Connection)
 {
     std::vector<unsigned char> &Pending = Connection.Pending;
     DropToCandidate(Pending, 1);
-    unsigned char Byte;
-    while (Pending.size() < 4 && Readable(Connection.Handle) &&
-           read(Connection.Handle, &Byte, 1) == 1) {
-        Pending.push_back(Byte);
+    unsigned char Chunk[RZP_FRAME_PREFIX];
+    while (Pending.size() < 4) {
+        ssize_t Got = read(Connection.Handle, Chunk, sizeof Chunk - Pending.size());
+        if (Got <= 0)
+            break;
+        Pending.insert(Pending.end(), Chunk, Chunk + Got);
         DropToCandidate(Pending, 0);
     }
 }
