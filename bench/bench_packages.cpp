@@ -10,7 +10,7 @@
 #include <fstream>
 #include <string>
 
-#include "parser.h"
+#include "packages.h"
 #include "xmltokenizer.h"
 
 static std::string WriteBundle(int Packages)

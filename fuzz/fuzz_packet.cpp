@@ -14,7 +14,9 @@
 #include <cstring>
 
 #include "harness.h"
-#include "parser.h"
+#include "protocol.h"
+#include "runflags.h"
+#include "service.h"
 
 static const uint32_t DispatchedOpCodes[] = {
     RZP_REGISTER,          RZP_SHUTDOWN,       RZP_ENABLE_DEBUG,       RZP_DISABLE_DEBUG,

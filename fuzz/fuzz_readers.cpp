@@ -15,7 +15,11 @@
 #include <string>
 
 #include "harness.h"
-#include "parser.h"
+#include "packages.h"
+#include "protocol.h"
+#include "records.h"
+#include "runflags.h"
+#include "service.h"
 #include "support.h"
 #include "xmltokenizer.h"
 

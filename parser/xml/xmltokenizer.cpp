@@ -17,7 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "parser.h"
+#include "runflags.h"
 #include "support.h"
 #include "xmltokenizer.h"
 
@@ -770,7 +770,7 @@ long InternalParseXML(char *xmlbuffer, long xmllength)
     }
     long Result = FinishBuffer(xmlbuffer + LineStart, static_cast<size_t>(xmllength - LineStart),
                                InCDATASection);
-    return Result == 0 && TreeOutOfMemory ? XML_NO_MEMORY : Result;
+    return Result == 0 && TreeOutOfMemory ? static_cast<long>(XML_NO_MEMORY) : Result;
 }
 
 long ReadXMLFile(int xmlsfp, char *xmlbuffer, long xmllength)

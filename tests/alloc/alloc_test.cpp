@@ -18,7 +18,11 @@
 #include <utility>
 #include <vector>
 
-#include "parser.h"
+#include "packages.h"
+#include "protocol.h"
+#include "records.h"
+#include "runflags.h"
+#include "service.h"
 #include "support.h"
 #include "xmltokenizer.h"
 

@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "parser.h"
+#include "runflags.h"
 #include "xmltokenizer.h"
 
 namespace {
