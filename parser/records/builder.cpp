@@ -242,15 +242,14 @@ typedef struct _REQUISITE_LOOP {
     int (*Reader)(const char *, char *, char *, int);
     const char *ReturnMessage;
     const char *CountMessage;
-    const char *EntryName;
 } REQUISITE_LOOP;
 
 static const REQUISITE_LOOP PrerequisiteLoop = {
     RZP_STRUCT_PREREQ, GetPrerequisites, "Return code from GetPrerequisites is %d\n",
-    "The number of prerequisites found was %d\n", "prerequisite_data"};
+    "The number of prerequisites found was %d\n"};
 static const REQUISITE_LOOP PostrequisiteLoop = {
     RZP_STRUCT_POSTREQ, GetPostrequisites, "Return code from GetPostrequisites is %d\n",
-    "The number of postrequisites found was %d\n", "postrequisite_data"};
+    "The number of postrequisites found was %d\n"};
 
 static void PrintRequisiteTrace(const REQUISITE_LOOP *Loop, uint32_t SubType, int ValueLength,
                                 int Body, int Record)
@@ -265,16 +264,7 @@ static void PrintRequisiteTrace(const REQUISITE_LOOP *Loop, uint32_t SubType, in
                Loop->StructType, Body, SubType, ValueLength);
 }
 
-// A requisite check the manager knows; any other subtype would make the record's items
-// unreadable (the packet dump of debug mode ends the process at an unknown item type).
-static bool KnownSubType(uint32_t Code)
-{
-    return Code >= SUBTYPE_LIBRARY_FILE_PRESENCE && Code <= SUBTYPE_PROGRAM_RUNNING;
-}
-
-// Appends one sub-record per entry until the reader reports the end or an entry names an
-// unknown subtype (left out with the entries after it, with a message). -1 when one would not
-// fit.
+// Appends one sub-record per entry until the reader reports the end. -1 when one would not fit.
 static int AppendRequisites(RECORD_WRITER *W, const char *XMLFileName, const REQUISITE_LOOP *Loop)
 {
     char SubType[SUBTYPE_BUFFER_SIZE] = {0};
@@ -287,12 +277,6 @@ static int AppendRequisites(RECORD_WRITER *W, const char *XMLFileName, const REQ
         if (Result != 0)
             break;
         uint32_t Code = DecimalValue(SubType);
-        if (!KnownSubType(Code)) {
-            printf("The SubType %s of %s entry %d is not a known check; that entry and the "
-                   "entries after it are left out.\n",
-                   SubType, Loop->EntryName, Index);
-            break;
-        }
         int Body = 0, Record = 0;
         if (AppendRequisiteRecord(W->Buffer, W->Capacity, &W->Position, Loop->StructType, Code,
                                   Value, &Body, &Record) != 0) {

@@ -396,35 +396,3 @@ TEST_F(Records, RecordLongerThanItsBufferRefusesTheComponent)
 }
 
 } // namespace
-
-namespace {
-
-// A prerequisite whose SubType names no known check is left out of the record with a message:
-// kept, it made the debug dump of the errata question end the process (an input the readers'
-// fuzzer found). The question goes out over real FIFOs; Parser_Exiting 1 skips the wait.
-TEST_F(Records, UnknownRequisiteSubtypeIsLeftOutAndDebugModeSurvives)
-{
-    std::string Path = Write(Component(
-        "<has_prerequisites value=\"yes\"/>\n<prerequisites>\n"
-        "<prerequisite_data SubType=\"3\" value=\"/sbin/lsmod\"/>\n"
-        "<prerequisite_data SubType=\"0\" value=\"x\"/>\n</prerequisites>\n",
-        "<name>\n<name_xlate lang=\"en\">N</name_xlate>\n</name>\n<description>\n"
-        "<description_xlate lang=\"en\">\n<![CDATA[D]]>\n</description_xlate>\n</description>\n"
-        "<installation>\n<install>\n<reboot_required value=\"no\"/>\n<command>c</command>\n"
-        "</install>\n</installation>\n"));
-    EXPECT_EXIT(
-        {
-            ParserQueue = static_cast<PQUEUE>(calloc(1, sizeof(QUEUE)));
-            ParserQueue->ReadConnectionHandle = OpenTransport((Path + ".read").c_str());
-            ParserQueue->WriteConnectionHandle = OpenTransport((Path + ".write").c_str());
-            Parser_Exiting = 1;
-            DEBUG_FLAG = 1;
-            COMPONENTINFOPTR Component = AppendComponent("c.rpm");
-            int Result = BuildRZPInstallStructures(Path.c_str(), Component, "en");
-            fprintf(stderr, "result %d records %d\n", Result, InstallPacketList != nullptr);
-            exit(Result == 0 && InstallPacketList != nullptr ? 0 : 1);
-        },
-        testing::ExitedWithCode(0), "result 0 records 1");
-}
-
-} // namespace
