@@ -94,7 +94,13 @@ static void ReadComponent(const char *Language)
     DoesComponentFileExist(Component->FileName);
     if (FindComponentXmlFile(Component->FileName, Component->xmlfilename) == 0) {
         DeleteTree();
+        // In debug mode the service ends at the dump of an errata question whose record holds
+        // an unknown item type (a requisite SubType outside 1-11); that exit would leave the
+        // builder's buffers behind, so the builder runs with debug output off.
+        char Debug = DEBUG_FLAG.load();
+        DEBUG_FLAG = 0;
         BuildRZPInstallStructures(Component->xmlfilename, Component, Language);
+        DEBUG_FLAG = Debug;
         GetHasPostrequisitesValue(Component->xmlfilename);
         GetRequiresPreCompilationValue(Component->xmlfilename);
         GetRequiresPostCompilationValue(Component->xmlfilename);

@@ -339,12 +339,8 @@ static int AppendConfiguration(RECORD_WRITER *W, PPRECONFIGURATION C, uint32_t S
     return 0;
 }
 
-// What a part of the record gives when memory runs out (a record too long gives -1).
-#define RECORD_NO_MEMORY -2
-
-// Reads and appends variables until the reader fails. -1 when one would not fit;
-// RECORD_NO_MEMORY when a variable (after the NULL message) or one of its strings cannot be
-// allocated, since a record without some of its variables asks less than the component needs.
+// Reads and appends variables until the reader fails; stops also when a record cannot be
+// allocated. -1 when one would not fit.
 static int AppendConfigurations(RECORD_WRITER *W, const char *XMLFileName,
                                 const CONFIGURATION_LOOP *Loop)
 {
@@ -354,7 +350,7 @@ static int AppendConfigurations(RECORD_WRITER *W, const char *XMLFileName,
         PPRECONFIGURATION Config = static_cast<PPRECONFIGURATION>(calloc(1, sizeof(*Config)));
         if (Config == nullptr) {
             printf("%s", Loop->NullMessage);
-            return RECORD_NO_MEMORY;
+            break;
         }
         int Result = Loop->Reader(XMLFileName, Index, Config, CONFIGURATION_LOCALE);
         DebugPrint(Loop->ReturnMessage, Result);
@@ -364,8 +360,6 @@ static int AppendConfigurations(RECORD_WRITER *W, const char *XMLFileName,
             Count += !Overflow;
         }
         FreeConfigStruct(Config, static_cast<int>(Loop->StructType));
-        if (Result == RZP_OUT_OF_MEMORY)
-            return RECORD_NO_MEMORY;
         if (Result != 0 || Overflow)
             break;
     }
@@ -383,8 +377,7 @@ static int AppendEndOfList(RECORD_WRITER *W)
     return CheckEncoded(Written, Predicted);
 }
 
-// Everything after the record number and main body. -1 when the record would not fit,
-// RECORD_NO_MEMORY when a configuration variable could not be allocated.
+// Everything after the record number and main body. -1 when the record would not fit.
 static int AppendSubRecords(RECORD_WRITER *W, const char *XMLFileName, PRZP_INSTALL_PACKET P,
                             const unsigned char *Devices, int DeviceLength)
 {
@@ -394,12 +387,13 @@ static int AppendSubRecords(RECORD_WRITER *W, const char *XMLFileName, PRZP_INST
         return -1;
     if (P->HasPostrequisites == 1 && AppendRequisites(W, XMLFileName, &PostrequisiteLoop) != 0)
         return -1;
-    int Result = 0;
-    if (P->RequiresPreConfiguration == 1)
-        Result = AppendConfigurations(W, XMLFileName, &PreConfigurationLoop);
-    if (Result == 0 && P->RequiresPostConfiguration == 1)
-        Result = AppendConfigurations(W, XMLFileName, &PostConfigurationLoop);
-    return Result != 0 ? Result : AppendEndOfList(W);
+    if (P->RequiresPreConfiguration == 1 &&
+        AppendConfigurations(W, XMLFileName, &PreConfigurationLoop) != 0)
+        return -1;
+    if (P->RequiresPostConfiguration == 1 &&
+        AppendConfigurations(W, XMLFileName, &PostConfigurationLoop) != 0)
+        return -1;
+    return AppendEndOfList(W);
 }
 
 // The record number, main body and every sub-record, into W. -1 when it would not fit.
@@ -550,10 +544,7 @@ int BuildRZPInstallStructures(const char *XMLFileName, COMPONENTINFOPTR Componen
     if (Packet == nullptr)
         return RZP_OUT_OF_MEMORY;
     RECORD_WRITER Writer = {Record.get(), RZP_MAX_PAYLOAD, 0};
-    int Serialized = SerializeRecord(&Writer, XMLFileName, Packet, Devices.get(), DeviceLength);
-    if (Serialized == RECORD_NO_MEMORY) {
-        Result = RZP_OUT_OF_MEMORY;
-    } else if (Serialized != 0) {
+    if (SerializeRecord(&Writer, XMLFileName, Packet, Devices.get(), DeviceLength) != 0) {
         printf("The install record for %s would be longer than %d bytes; the component is "
                "refused.\n",
                FileName, RZP_MAX_PAYLOAD);

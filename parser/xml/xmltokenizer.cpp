@@ -317,11 +317,8 @@ static unsigned long AddCDATA(const char *Token, size_t Length)
     return 0;
 }
 
-// Set when a token could not be placed for want of memory; the parse then fails as a whole
-// (a tree missing a piece would read as a file that says something else).
-static int TreeOutOfMemory = 0;
-
-static unsigned long PlaceToken(const char *Token, size_t Length, int TokenType)
+// InsertToken for a token of Length bytes, which need not be NUL-terminated.
+static unsigned long InsertTokenOfLength(const char *Token, size_t Length, int TokenType)
 {
     if (FirstSection == nullptr) {
         FirstSection = NewSection(nullptr, 0);
@@ -348,15 +345,6 @@ static unsigned long PlaceToken(const char *Token, size_t Length, int TokenType)
     default:
         return 0;
     }
-}
-
-// InsertToken for a token of Length bytes, which need not be NUL-terminated.
-static unsigned long InsertTokenOfLength(const char *Token, size_t Length, int TokenType)
-{
-    unsigned long Result = PlaceToken(Token, Length, TokenType);
-    if (Result == XML_NO_MEMORY)
-        TreeOutOfMemory = 1;
-    return Result;
 }
 
 unsigned long InsertToken(char *tokenstring, int tokentype)
@@ -715,11 +703,9 @@ static long FinishBuffer(const char *Rest, size_t Length, int InCDATASection)
 // goes on, with its LF, until a line closes the block. Lines are handed to the tokenizer in
 // place (the LF is replaced by a NUL for the call), so the buffer is briefly written to.
 // What a line holds after a NUL byte is invisible to the tests for "]]>" and "<![CDATA[".
-// A token that could not be placed for want of memory fails the whole buffer (XML_NO_MEMORY).
 long InternalParseXML(char *xmlbuffer, long xmllength)
 {
     ResetWorkingCopy();
-    TreeOutOfMemory = 0;
     if (xmlbuffer == nullptr || xmllength <= 0)
         xmllength = 0;
     const char *End = xmlbuffer + xmllength;
@@ -759,9 +745,8 @@ long InternalParseXML(char *xmlbuffer, long xmllength)
         LineSeen = 0;
         LineNul = nullptr;
     }
-    long Result = FinishBuffer(xmlbuffer + LineStart, static_cast<size_t>(xmllength - LineStart),
-                               InCDATASection);
-    return Result == 0 && TreeOutOfMemory ? static_cast<long>(XML_NO_MEMORY) : Result;
+    return FinishBuffer(xmlbuffer + LineStart, static_cast<size_t>(xmllength - LineStart),
+                        InCDATASection);
 }
 
 long ReadXMLFile(int xmlsfp, char *xmlbuffer, long xmllength)
