@@ -1,15 +1,30 @@
 #!/bin/bash
-# Builds the XML fuzz target with clang in build-fuzz and runs it for SECONDS (default 60) over
-# a copy of fuzz/corpus. Exits non-zero when the fuzzer finds a crash, a leak or a timeout;
-# the input is left in build-fuzz/artifacts/.
+# Builds the fuzz targets with clang (AddressSanitizer + UBSan) in build-fuzz and fuzzes each
+# for its share of SECONDS (default 60, split evenly) over a copy of its seed corpus
+# fuzz/corpus/<target>. Exits non-zero when a fuzzer finds a crash, a leak or a timeout; the
+# input is left in build-fuzz/artifacts/<target>-*. Keep such an input under
+# tests/data/<target>/crashes so that the suite replays it.
+# ZEL_FUZZ_TARGETS selects targets (default: all five).
 set -eu
 SECONDS_TO_RUN=${1:-60}
+TARGETS=${ZEL_FUZZ_TARGETS:-"xml packet readers frame records"}
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
 BUILD=$ROOT/build-fuzz
 cmake -S "$ROOT" -B "$BUILD" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DZEL_FUZZ=ON -DZEL_TESTS=OFF >/dev/null
-cmake --build "$BUILD" -j2 --target fuzz_xml
-rm -rf "$BUILD/corpus" && cp -r "$ROOT/fuzz/corpus" "$BUILD/corpus"
+  -DZEL_FUZZ=ON -DZEL_ASAN=ON -DZEL_TESTS=OFF >/dev/null
+set -- $TARGETS
+COUNT=$#
+cmake --build "$BUILD" -j2 --target zelrzptransport $(printf 'fuzz_%s ' $TARGETS)
+EACH=$((SECONDS_TO_RUN / COUNT))
+[ "$EACH" -ge 1 ] || EACH=1
 mkdir -p "$BUILD/artifacts"
-"$BUILD/bin/fuzz_xml" -max_total_time="$SECONDS_TO_RUN" -timeout=10 -max_len=20000 \
-  -artifact_prefix="$BUILD/artifacts/" "$BUILD/corpus"
+for TARGET in $TARGETS; do
+  rm -rf "$BUILD/corpus/$TARGET" && mkdir -p "$BUILD/corpus"
+  cp -r "$ROOT/fuzz/corpus/$TARGET" "$BUILD/corpus/$TARGET"
+  MAX_LEN=20000
+  [ "$TARGET" = frame ] && MAX_LEN=40000
+  echo "== fuzz_$TARGET for ${EACH}s"
+  ASAN_OPTIONS=detect_leaks=1 "$BUILD/bin/fuzz_$TARGET" -max_total_time="$EACH" -timeout=10 \
+    -max_len="$MAX_LEN" -print_final_stats=1 -artifact_prefix="$BUILD/artifacts/$TARGET-" \
+    "$BUILD/corpus/$TARGET"
+done

@@ -2,7 +2,8 @@
 // builds, the lookups over it and the walk that every reader of the tree shares. Defined in
 // parser/xml/. The package descriptions read from the tree are in packages.h.
 //
-// Contract of the tokenizer: ParseFile reads a whole file and adds its elements to the one
+// Contract of the tokenizer: ParseFile reads a whole file (a regular file, links followed, of
+// at most XML_FILE_MAX bytes; anything else is refused before it is opened) and adds its elements to the one
 // process-wide tree at ActiveSection; it returns 0, XML_OPEN_FAILED or XML_PARSE_FAILED.
 // The tree belongs to the file named by CurrentXMLFileParsed. Pointers handed out by the
 // lookups point into the tree and stay valid until the tree is deleted, which happens when a
@@ -16,6 +17,7 @@
 #include "zelrzp.h" // the result codes
 
 #define XML_LINE_MAX 16384        /* a logical line with its terminator */
+#define XML_FILE_MAX (16 << 20)   /* the largest XML file read; larger ones are refused */
 
 enum { XML_ATTRIBUTE = 1, XML_TEXT = 2, XML_ELEMENT_START = 3, XML_ELEMENT_END = 4, XML_CDATA = 5 };
 

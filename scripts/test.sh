@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs the whole test suite: the plain build, the AddressSanitizer +
 # UndefinedBehaviorSanitizer build, the ThreadSanitizer build, and a bounded fuzzing run of
-# the XML tokenizer. Usage: scripts/test.sh [fuzz-seconds]   (default 60; 0 skips fuzzing)
+# every fuzz target (the seconds split between them). Usage: scripts/test.sh [fuzz-seconds]
+# (default 60; 0 skips fuzzing)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 fuzz_seconds="${1:-60}"
@@ -28,6 +29,6 @@ ASAN_OPTIONS=detect_leaks=1 stage "AddressSanitizer + UndefinedBehaviorSanitizer
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" stage "ThreadSanitizer build" \
   run_suite tsan -DZEL_TSAN=ON
 if [ "$fuzz_seconds" != 0 ] && [ -f fuzz/run.sh ]; then
-  stage "fuzzing the XML tokenizer for ${fuzz_seconds}s" bash fuzz/run.sh "$fuzz_seconds"
+  stage "fuzzing every target for ${fuzz_seconds}s in all" bash fuzz/run.sh "$fuzz_seconds"
 fi
 echo "All test runs passed."

@@ -20,6 +20,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -49,7 +50,10 @@ struct RZP_CONNECTION {
     int ReadLockFd = -1; // "<Name>.lock", flocked by readers
     pid_t OwnerPid = 0;  // the process that opened it; flock does not order a fork's copies
     bool Closed = false; // set under both mutexes by CloseRZPTransport
-    bool MagicConsumed = false; // under ReceiveMutex: the next frame's magic is already read
+    // Under ReceiveMutex: bytes taken from the FIFO that no frame has used yet. They are the
+    // start of the frame being read, or what followed a refused or cut frame's first byte,
+    // kept so that a frame whose start lies among them is still found.
+    std::vector<unsigned char> Pending;
     std::string Name;
     std::mutex SendMutex;
     std::mutex ReceiveMutex;
@@ -277,16 +281,16 @@ static int WaitFor(int Fd, short Events, long long Deadline)
     }
 }
 
-// Moves bytes Done..Length of Data to (POLLOUT) or from (POLLIN) the FIFO, waiting for room or
-// for bytes until the deadline.
-static int TransferAll(int Fd, unsigned char *Data, size_t Done, size_t Length, short Events,
+// Moves bytes *Done..Length of Data to (POLLOUT) or from (POLLIN) the FIFO, waiting for room
+// or for bytes until the deadline. *Done tells how far it got, on failure too.
+static int TransferAll(int Fd, unsigned char *Data, size_t *Done, size_t Length, short Events,
                        long long Deadline)
 {
-    while (Done < Length) {
-        ssize_t Moved = Events == POLLOUT ? write(Fd, Data + Done, Length - Done)
-                                          : read(Fd, Data + Done, Length - Done);
+    while (*Done < Length) {
+        ssize_t Moved = Events == POLLOUT ? write(Fd, Data + *Done, Length - *Done)
+                                          : read(Fd, Data + *Done, Length - *Done);
         if (Moved > 0) {
-            Done += static_cast<size_t>(Moved);
+            *Done += static_cast<size_t>(Moved);
             continue;
         }
         if (Moved < 0 && errno == EINTR)
@@ -300,25 +304,10 @@ static int TransferAll(int Fd, unsigned char *Data, size_t Done, size_t Length, 
     return 0;
 }
 
-// Reads and drops the bytes that the FIFO holds right now (no more: senders may go on writing).
-// After a refused frame nothing marks where the next frame starts, so the reader skips what is
-// readable up to and including the next magic: the garbage and the rest of the refused frame
-// go, and a frame that was queued behind them is still received. Returns true when a magic was
-// consumed (the next read then starts 4 bytes into a frame), false when the readable bytes ran
-// out first. A refused frame's payload that itself holds the four magic bytes is read as the
-// start of a frame; such a frame is refused in turn or, at worst, read as one more packet.
-static bool SkipToMagic(int Fd)
+static bool Readable(int Fd)
 {
-    unsigned char Window[4] = {0, 0, 0, 0};
-    unsigned char Byte;
     pollfd Poll{Fd, POLLIN, 0};
-    while (poll(&Poll, 1, 0) > 0 && (Poll.revents & POLLIN) != 0 && read(Fd, &Byte, 1) == 1) {
-        memmove(Window, Window + 1, 3);
-        Window[3] = Byte;
-        if (memcmp(Window, RZP_FRAME_MAGIC, 4) == 0)
-            return true;
-    }
-    return false;
+    return poll(&Poll, 1, 0) > 0 && (Poll.revents & POLLIN) != 0;
 }
 
 // ---- frames -----------------------------------------------------------------------------
@@ -378,52 +367,119 @@ static int SendFrame(RZP_CONNECTION &Connection, std::vector<unsigned char> Fram
     Result = FlockWithin(Connection.Handle, Deadline);
     if (Result < 0)
         return Result;
-    Result = TransferAll(Connection.Handle, Frame.data(), 0, Frame.size(), POLLOUT, Deadline);
+    size_t Done = 0;
+    Result = TransferAll(Connection.Handle, Frame.data(), &Done, Frame.size(), POLLOUT, Deadline);
     flock(Connection.Handle, LOCK_UN);
     return Result;
 }
 
-// Reads one frame into local storage; the caller's buffers are written only on success.
-static int ReadFrame(RZP_CONNECTION &Connection, PRZP_HEADER_PACKET Header, unsigned char *Buffer)
+// Whether Length bytes can be the start of a frame: the magic as far as they go and, once the
+// 40-byte prefix is there, a header that ParsePrefix accepts.
+static bool MayStartFrame(const unsigned char *Bytes, size_t Length)
 {
-    unsigned char Prefix[RZP_FRAME_PREFIX];
-    size_t Have = 0;
-    if (Connection.MagicConsumed) {
-        memcpy(Prefix, RZP_FRAME_MAGIC, 4);
-        Have = 4;
-    }
-    ssize_t Got = read(Connection.Handle, Prefix + Have, sizeof Prefix - Have);
-    if (Got <= 0)
-        return RZPT_NOTHING_WAITING; // another reader took what was there
-    Connection.MagicConsumed = false;
-    long long Deadline = NowMs() + RZPT_WAIT_MS;
-    int Result = TransferAll(Connection.Handle, Prefix, Have + static_cast<size_t>(Got),
-                             sizeof Prefix, POLLIN, Deadline);
-    if (Result < 0)
-        return Result;
-    RZP_HEADER_PACKET Received{};
+    if (memcmp(Bytes, RZP_FRAME_MAGIC, std::min<size_t>(Length, 4)) != 0)
+        return false;
+    RZP_HEADER_PACKET Header{};
     uint32_t ReplyToLength = 0;
-    if (!ParsePrefix(Prefix, &Received, &ReplyToLength)) {
-        Connection.MagicConsumed = SkipToMagic(Connection.Handle);
-        return RZPT_BAD_FRAME;
-    }
-    std::vector<unsigned char> Rest(ReplyToLength + static_cast<size_t>(Received.DataLength));
-    Result = TransferAll(Connection.Handle, Rest.data(), 0, Rest.size(), POLLIN, Deadline);
-    if (Result < 0)
-        return Result;
-    if (Buffer == nullptr && Received.DataLength > 0)
-        return RZPT_BAD_ARGUMENT; // the frame is consumed all the same
-    *Header = Received;
-    if (Received.DataLength > 0)
-        memcpy(Buffer, Rest.data() + ReplyToLength, Received.DataLength);
-    RememberReplyTo(Received.SrcHandle, std::string(Rest.begin(), Rest.begin() + ReplyToLength));
-    return 0;
+    return Length < RZP_FRAME_PREFIX || ParsePrefix(Bytes, &Header, &ReplyToLength);
 }
 
-static bool Readable(int Fd)
+// Drops leading bytes of Pending until what is left may start a frame (or nothing is left).
+static void DropToCandidate(std::vector<unsigned char> &Pending, size_t From)
 {
-    pollfd Poll{Fd, POLLIN, 0};
-    return poll(&Poll, 1, 0) > 0 && (Poll.revents & POLLIN) != 0;
+    size_t Start = From;
+    while (Start < Pending.size() && !MayStartFrame(Pending.data() + Start, Pending.size() - Start))
+        Start++;
+    Pending.erase(Pending.begin(), Pending.begin() + std::min(Start, Pending.size()));
+}
+
+// After a refused or cut frame. Nothing in the stream marks where the next frame starts, so
+// every offset after the bad frame's first byte is a candidate: the bytes already read are
+// searched first, then what the FIFO holds right now (no more: senders may go on writing), read
+// at most a prefix's worth at a time, so that no byte beyond the 40-byte prefix of the
+// candidate found is taken, until a whole magic is had. A candidate whose header turns out bad
+// when its prefix is complete is refused in turn, and the search goes on from its next byte.
+static void Resynchronise(RZP_CONNECTION &Connection)
+{
+    std::vector<unsigned char> &Pending = Connection.Pending;
+    DropToCandidate(Pending, 1);
+    unsigned char Chunk[RZP_FRAME_PREFIX];
+    while (Pending.size() < 4) {
+        ssize_t Got = read(Connection.Handle, Chunk, sizeof Chunk - Pending.size());
+        if (Got <= 0)
+            break;
+        Pending.insert(Pending.end(), Chunk, Chunk + Got);
+        DropToCandidate(Pending, 0);
+    }
+}
+
+// Reads from the FIFO until Pending holds Need bytes, waiting until the deadline.
+static int FillPending(RZP_CONNECTION &Connection, size_t Need, long long Deadline)
+{
+    std::vector<unsigned char> &Pending = Connection.Pending;
+    size_t Done = Pending.size();
+    if (Done >= Need)
+        return 0;
+    Pending.resize(Need);
+    int Result = TransferAll(Connection.Handle, Pending.data(), &Done, Need, POLLIN, Deadline);
+    Pending.resize(Done);
+    return Result;
+}
+
+// The whole frame's length when Pending holds a valid prefix, else 0.
+static size_t FrameLength(const std::vector<unsigned char> &Pending, RZP_HEADER_PACKET *Header,
+                          uint32_t *ReplyToLength)
+{
+    if (Pending.size() < RZP_FRAME_PREFIX || !ParsePrefix(Pending.data(), Header, ReplyToLength))
+        return 0;
+    return RZP_FRAME_PREFIX + *ReplyToLength + static_cast<size_t>(Header->DataLength);
+}
+
+// Whether Pending alone decides the next receive: a whole frame, or a prefix to refuse.
+static bool PendingDecides(const std::vector<unsigned char> &Pending)
+{
+    RZP_HEADER_PACKET Header{};
+    uint32_t ReplyToLength = 0;
+    size_t Length = FrameLength(Pending, &Header, &ReplyToLength);
+    return Pending.size() >= RZP_FRAME_PREFIX && Pending.size() >= Length;
+}
+
+// Reads one frame into the connection's own storage; the caller's buffers are written only on
+// success. A frame refused, or cut short within the wait, is followed by Resynchronise.
+static int ReadFrame(RZP_CONNECTION &Connection, PRZP_HEADER_PACKET Header, unsigned char *Buffer)
+{
+    std::vector<unsigned char> &Pending = Connection.Pending;
+    if (Pending.empty()) {
+        unsigned char First;
+        if (read(Connection.Handle, &First, 1) != 1)
+            return RZPT_NOTHING_WAITING; // another reader took what was there
+        Pending.push_back(First);
+    }
+    long long Deadline = NowMs() + RZPT_WAIT_MS;
+    int Result = FillPending(Connection, RZP_FRAME_PREFIX, Deadline);
+    RZP_HEADER_PACKET Received{};
+    uint32_t ReplyToLength = 0;
+    size_t Length = Result < 0 ? 0 : FrameLength(Pending, &Received, &ReplyToLength);
+    if (Length == 0) {
+        Resynchronise(Connection);
+        return Result < 0 ? Result : RZPT_BAD_FRAME;
+    }
+    Result = FillPending(Connection, Length, Deadline);
+    if (Result < 0) {
+        Resynchronise(Connection);
+        return Result;
+    }
+    const unsigned char *Rest = Pending.data() + RZP_FRAME_PREFIX;
+    Result = Buffer == nullptr && Received.DataLength > 0 ? RZPT_BAD_ARGUMENT : 0;
+    if (Result == 0) {
+        *Header = Received;
+        if (Received.DataLength > 0)
+            memcpy(Buffer, Rest + ReplyToLength, Received.DataLength);
+        RememberReplyTo(Received.SrcHandle,
+                        std::string(reinterpret_cast<const char *>(Rest), ReplyToLength));
+    }
+    Pending.erase(Pending.begin(), Pending.begin() + Length); // consumed either way
+    return Result;
 }
 
 RZP_EXPORT int SendRZPDataRaw(PRZP_HEADER_PACKET Header, unsigned char *Buffer, const char *Caller)
@@ -450,14 +506,14 @@ RZP_EXPORT int ReceiveRZPDataAsyncRaw(int Handle, PRZP_HEADER_PACKET Header, uns
         return RZPT_BAD_HANDLE;
     // Nothing waiting, or another reader (a thread here or another process) busy with the
     // waiting frame: -1 at once, and the caller asks again later.
-    if (!Readable(Handle))
-        return RZPT_NOTHING_WAITING;
     std::unique_lock<std::mutex> Guard(Connection->ReceiveMutex, std::try_to_lock);
     if (!Guard.owns_lock())
         return RZPT_NOTHING_WAITING;
     int Result = UsableHere(*Connection);
     if (Result < 0)
         return Result;
+    if (!Readable(Handle) && !PendingDecides(Connection->Pending))
+        return RZPT_NOTHING_WAITING;
     if (flock(Connection->ReadLockFd, LOCK_EX | LOCK_NB) != 0)
         return errno == EWOULDBLOCK || errno == EINTR ? RZPT_NOTHING_WAITING : RZPT_IO_ERROR;
     Result = ReadFrame(*Connection, Header, Buffer);

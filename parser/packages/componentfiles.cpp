@@ -1,5 +1,6 @@
 // componentfiles.cpp - the file checks of one component: its file exists and is not empty,
-// its XML file (the file name with the extension replaced by ".xml") exists and is not empty.
+// its XML file (the file name with the extension replaced by ".xml") exists and is not empty;
+// both must be regular files (links followed).
 // Writes no globals; the XML file check runs CheckForULSP3, which writes /tmp/release.out.
 #include <sys/stat.h>
 
@@ -37,6 +38,10 @@ int FindComponentXmlFile(const char *FileName, char *XMLFileName)
         printf("XML File %s returned error %s\n", XMLFileName, strerror(errno));
         return -1;
     }
+    if (!S_ISREG(Info.st_mode)) {
+        printf("The XML file %s is not a regular file; it is refused.\n", XMLFileName);
+        return -1;
+    }
     if (Info.st_size == 0)
         return RZP_COMPONENT_XML_EMPTY;
     DebugPrint("XMLTOKENIZER--Calling CheckForULSP3\n");
@@ -49,6 +54,10 @@ int DoesComponentFileExist(const char *FileName)
     struct stat Info;
     if (FileName == nullptr || stat(FileName, &Info) != 0)
         return -1;
+    if (!S_ISREG(Info.st_mode)) {
+        printf("The component file %s is not a regular file; it is refused.\n", FileName);
+        return -1;
+    }
     DebugPrint("XML Filename found is %s\n", FileName);
     return Info.st_size > 0 ? 0 : RZP_COMPONENT_FILE_EMPTY;
 }

@@ -1,6 +1,6 @@
 // componentlist.cpp - the component list of the bundle being parsed: appending a component
 // record as the bundle reader and the TQR list create it, and freeing the list.
-// Owns ComponentList (written by the parse worker's thread only).
+// Owns ComponentList and its tail pointer (written by the parse worker's thread only).
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +9,10 @@
 #include "support.h"
 
 COMPONENTINFOPTR ComponentList = nullptr;
+// The last record of ComponentList, so that an append takes constant time: a bundle of 10^5
+// packages made the walk to the end quadratic. Trusted only while ComponentList is not empty;
+// records linked behind it by other code are stepped over.
+static COMPONENTINFOPTR ComponentListTail = nullptr;
 
 // ---- The component list -------------------------------------------------------------------------
 
@@ -57,10 +61,14 @@ COMPONENTINFOPTR AppendComponent(const char *FileName)
     CopyBounded(Component->FileName, COMPONENT_FIELD_SIZE, FileName);
     Component->Status = COMPONENT_LISTED;
     Component->InstallStatus = INSTALL_STATUS_NOT_BUILT;
-    COMPONENTINFOPTR *Tail = &ComponentList;
-    while (*Tail != nullptr)
-        Tail = &(*Tail)->next;
-    *Tail = Component;
+    if (ComponentList == nullptr) {
+        ComponentList = Component;
+    } else {
+        while (ComponentListTail->next != nullptr)
+            ComponentListTail = ComponentListTail->next;
+        ComponentListTail->next = Component;
+    }
+    ComponentListTail = Component;
     return Component;
 }
 
@@ -71,4 +79,5 @@ void FreeComponentList(void)
         FreeComponent(ComponentList);
         ComponentList = Next;
     }
+    ComponentListTail = nullptr;
 }

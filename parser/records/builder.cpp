@@ -14,6 +14,9 @@
 #include "support.h"
 
 PINSTALL_PACKET_LIST InstallPacketList = nullptr;
+// The last node of InstallPacketList, so that an append takes constant time. Trusted only
+// while the list is not empty; nodes linked behind it by other code are stepped over.
+static PINSTALL_PACKET_LIST InstallPacketListTail = nullptr;
 int32_t InstallPacketNumber = 0;
 
 #define INSTALL_BUFFER_SLACK 512 /* a node's buffer is the record plus this */
@@ -474,10 +477,14 @@ static int AppendInstallNode(const char *FileName, const unsigned char *Record, 
     Node->InstallPacketSendBuffer = Buffer;
     Node->InstallPacketSendBufferLength = Length;
     Node->InstallPacketHandle = InstallPacketNumber++;
-    PINSTALL_PACKET_LIST *Tail = &InstallPacketList;
-    while (*Tail != nullptr)
-        Tail = &(*Tail)->NextPacket;
-    *Tail = Node;
+    if (InstallPacketList == nullptr) {
+        InstallPacketList = Node;
+    } else {
+        while (InstallPacketListTail->NextPacket != nullptr)
+            InstallPacketListTail = InstallPacketListTail->NextPacket;
+        InstallPacketListTail->NextPacket = Node;
+    }
+    InstallPacketListTail = Node;
     return 0;
 }
 
@@ -558,4 +565,5 @@ void FreeInstallPacketList(void)
         free(InstallPacketList);
         InstallPacketList = Next;
     }
+    InstallPacketListTail = nullptr;
 }

@@ -762,19 +762,52 @@ static long ReadFailed(void)
     return XML_PARSE_FAILED;
 }
 
+// Whether what FileName names (links followed) may be opened: a regular file of at most
+// XML_FILE_MAX bytes. Anything else is refused with a message before any open, so that a
+// name that leads to a device or a FIFO never reaches its driver.
+static long CheckXMLFile(const char *FileName, struct stat *Named)
+{
+    if (stat(FileName, Named) != 0) {
+        printf("Unable to open XML file %s\n", FileName);
+        return XML_OPEN_FAILED;
+    }
+    if (!S_ISREG(Named->st_mode)) {
+        printf("The XML file %s is not a regular file; it is refused.\n", FileName);
+        return XML_OPEN_FAILED;
+    }
+    if (Named->st_size > XML_FILE_MAX) {
+        printf("The XML file %s is larger than %d bytes; it is refused.\n", FileName,
+               XML_FILE_MAX);
+        return XML_OPEN_FAILED;
+    }
+    return 0;
+}
+
 // Opens FileName and allocates a buffer of its size + 1 (ParseFile zeroes what the read does
 // not fill). Returns 0 with the descriptor and buffer, or the failure code with its message
 // printed and nothing held.
 static long OpenXMLFile(const char *FileName, int *Descriptor, char **Buffer, long *Size)
 {
-    // O_NONBLOCK: a FIFO must not stall the service; it has size 0 and is refused below.
+    struct stat Named;
+    long Checked = CheckXMLFile(FileName, &Named);
+    if (Checked != 0)
+        return Checked;
+    // O_NONBLOCK: should the name be switched to a FIFO after the check, the open does not
+    // stall; what was opened must be the file that was checked.
     int File = open(FileName, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (File < 0) {
         printf("Unable to open XML file %s\n", FileName);
         return XML_OPEN_FAILED;
     }
     struct stat Status;
-    if (fstat(File, &Status) != 0 || Status.st_size <= 0) {
+    if (fstat(File, &Status) != 0 || Status.st_dev != Named.st_dev ||
+        Status.st_ino != Named.st_ino || !S_ISREG(Status.st_mode) ||
+        Status.st_size > XML_FILE_MAX) {
+        printf("The XML file %s changed while it was opened; it is refused.\n", FileName);
+        close(File);
+        return XML_OPEN_FAILED;
+    }
+    if (Status.st_size <= 0) {
         printf("XML File is missing for %s\n", FileName);
         close(File);
         return XML_OPEN_FAILED;

@@ -251,6 +251,41 @@ TEST_F(TransportTest, RefusedFramesWriteNothingPastTheCallerAndTheConnectionReco
     EXPECT_EQ(Areas.Header.opCode, 4104u);
 }
 
+// Bytes that are not a frame, or a frame longer than its header says, ahead of a valid frame:
+// the valid frame's magic lies inside what the reader took for the bad one, and it is still found.
+TEST_F(TransportTest, AValidFrameBehindBadBytesIsDelivered)
+{
+    int Handle = Open("conn");
+    int Raw = open(Path("conn").c_str(), O_WRONLY | O_NONBLOCK);
+    ASSERT_GE(Raw, 0);
+    std::vector<unsigned char> Liar = RawPrefix(RZP_FRAME_MAGIC, 4, 0);
+    Liar.resize(Liar.size() + 40, 0xAA);
+    std::vector<unsigned char> Garbage(21, 0x5A);
+    std::vector<unsigned char> FalseMagic = {'R', 'Z', 'P', '1', 0xFF, 0xFF, 0xFF, 0xFF, 'R', 'Z'};
+    std::vector<unsigned char> BadHeader = RawPrefix(RZP_FRAME_MAGIC, 20000, 0);
+    const std::vector<unsigned char> *Cases[] = {&Liar, &Garbage, &FalseMagic, &BadHeader};
+    uint32_t OpCode = 4200;
+    for (const auto *Bad : Cases) {
+        ASSERT_EQ(write(Raw, Bad->data(), Bad->size()), static_cast<ssize_t>(Bad->size()));
+        const unsigned char Payload[5] = {9, 8, 7, 6, 5};
+        ASSERT_EQ(SendPacket(Handle, Handle, ++OpCode, 7, Payload, 5), 0);
+        bool Delivered = false;
+        for (int Call = 0; Call < 8 && !Delivered; Call++) {
+            GuardedAreas Areas;
+            int Result = ReceiveWithin(Handle, Areas);
+            ASSERT_TRUE(Areas.GuardsIntact());
+            if (Result == -1)
+                break;
+            Delivered = Result == 0 && Areas.Header.opCode == OpCode &&
+                        Areas.Header.DataLength == 5 && memcmp(Areas.Buffer, Payload, 5) == 0;
+        }
+        EXPECT_TRUE(Delivered) << "the valid frame after bad bytes of case " << OpCode - 4200;
+        GuardedAreas Areas;
+        EXPECT_EQ(ReceiveRZPDataAsyncRaw(Handle, &Areas.Header, Areas.Buffer, "TEST"), -1);
+    }
+    close(Raw);
+}
+
 TEST_F(TransportTest, AnswerToALearnedSrcHandleReachesTheReplyToConnection)
 {
     int Requests = Open("requests"), Answers = Open("answers");

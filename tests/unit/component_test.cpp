@@ -1,5 +1,9 @@
 // Component files: the XML file name, the file checks, and the readers over files that
 // miss each element in turn, under the platform-specific and language selections.
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "package_fixture.h"
 
 namespace
@@ -201,6 +205,57 @@ TEST_F(Components, NoPartForTheDistributionGivesFalseSilently)
                   EXPECT_EQ(FALSE, GetHasPrerequisitesValue(
                                        Write("x.xml", "<other>\n</other>\n").c_str()));
               }));
+}
+
+} // namespace
+
+namespace
+{
+
+// What a watched inode saw opened since the watch began: true when any IN_OPEN arrived.
+bool WasOpened(int Watch)
+{
+    char Events[4096];
+    return read(Watch, Events, sizeof Events) > 0;
+}
+
+// A bundle's XML and component files that lead to something other than a regular file (a
+// FIFO stands for a device) are refused without being opened; a link to a regular file is
+// followed; an XML file above XML_FILE_MAX is refused before it is read.
+TEST_F(Components, OnlyRegularFilesOfBoundedSizeAreOpened)
+{
+    std::string Fifo = Dir + "/device";
+    ASSERT_EQ(0, mkfifo(Fifo.c_str(), 0600));
+    int Watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ASSERT_GE(Watch, 0);
+    ASSERT_GE(inotify_add_watch(Watch, Fifo.c_str(), IN_OPEN), 0);
+    for (const char *Leaf : {"bp0link.xml", "drv.xml", "drv.rpm", "other.rpm"})
+        ASSERT_EQ(0, symlink(Fifo.c_str(), (Dir + "/" + Leaf).c_str()));
+
+    std::string Out = Captured([&] {
+        EXPECT_EQ(XML_OPEN_FAILED, ParseFile((Dir + "/bp0link.xml").c_str()));
+        EXPECT_EQ(XML_OPEN_FAILED, ParseFile(Fifo.c_str()));
+    });
+    EXPECT_TRUE(Has(Out, "The XML file " + Dir + "/bp0link.xml is not a regular file; it is "
+                         "refused.\n")) << Out;
+    char Xml[COMPONENT_FIELD_SIZE] = {};
+    Out = Captured([&] {
+        EXPECT_EQ(-1, FindComponentXmlFile((Dir + "/drv.rpm").c_str(), Xml));
+        EXPECT_EQ(-1, DoesComponentFileExist((Dir + "/other.rpm").c_str()));
+    });
+    EXPECT_TRUE(Has(Out, "The XML file " + Dir + "/drv.xml is not a regular file")) << Out;
+    EXPECT_TRUE(Has(Out, "The component file " + Dir + "/other.rpm is not a regular file")) << Out;
+    EXPECT_FALSE(WasOpened(Watch)) << "the FIFO was opened";
+    close(Watch);
+
+    std::string Real = Write("real.xml", "<zel_bundle>\n</zel_bundle>\n");
+    ASSERT_EQ(0, symlink(Real.c_str(), (Dir + "/bp0real.xml").c_str()));
+    EXPECT_EQ(0, ParseFile((Dir + "/bp0real.xml").c_str()));
+
+    std::string Huge = Dir + "/huge.xml";
+    ASSERT_EQ(0, truncate(Write("huge.xml", "<zel_package>\n").c_str(), XML_FILE_MAX + 1L));
+    EXPECT_EQ("The XML file " + Huge + " is larger than 16777216 bytes; it is refused.\n",
+              Captured([&] { EXPECT_EQ(XML_OPEN_FAILED, ParseFile(Huge.c_str())); }));
 }
 
 } // namespace
