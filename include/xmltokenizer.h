@@ -27,16 +27,19 @@ typedef struct key {
     char *Attribute;
     char *Value;
     struct key *NextKey;
+    int Line; // source line of the record (1-based); 0 when not known
 } key, *KEYPTR;
 
 typedef struct token {
     char *Token;
     struct token *NextToken;
+    int Line;
 } token, *TOKENPTR;
 
 typedef struct CDATA {
     char *CDATAString;
     struct CDATA *NextCDATA;
+    int Line; // the line where the block starts
 } CDATA, *CDATAPTR;
 
 typedef struct section {
@@ -48,6 +51,7 @@ typedef struct section {
     struct section *Child;
     struct section *NextSibling;
     struct section *PreviousSibling;
+    int Line; // line of the start tag; 0 in the root
 } section, *SECTIONPTR;
 
 // Module state.
@@ -149,6 +153,11 @@ typedef struct _BundleInfo {
 
 long FindBundleXmlFile(const char *DirectoryName, int Index, BUNDLEINFOPTR Bundle);
 signed char IsOSSupportedByBundle(const char *BundleXMLFileName);
+// The five matching rules for the installed name N and version V against one
+// operating_system_xlate text F: the number (1-5) of the rule that accepts, ENTRY_REJECTED
+// when rule 1 rejects the entry, ENTRY_NOT_MATCHED when no rule applies.
+enum { ENTRY_NOT_MATCHED = 0, ENTRY_REJECTED = -1 };
+int MatchOSEntry(const char *N, const char *V, const char *F);
 // BundleVersionSize / BundleNameSize: the caller's buffer sizes (values that do not fit are
 // refused, see docs/decisions.md).
 int GetBundleVersion(const char *BundleXMLFileName, char *BundleVersion, size_t BundleVersionSize);
