@@ -61,6 +61,11 @@ const LintTagInfo LintTags[] = {
      "message while the record is built: the flag is taken as off, or the list ends there and "
      "the entries after it are dropped.",
      "Add the element or attribute that the message names, or a value that fits."},
+    {"record-too-long", LINT_ERROR,
+     "The component's install record (name, description, install command, devices, "
+     "requisites, configuration variables, encoded) would be longer than 16384 bytes: the "
+     "sub-service refuses the component.",
+     "Shorten the description or prompts, or split the component's requisites."},
     {"no-device-list", LINT_INFO,
      "The component has no prerequisites/supported_devices list; the device reader says so each "
      "time its record is built, and the component has no supported PCI devices.",

@@ -257,8 +257,86 @@ void DeviceListMessages(const std::string &Shown, LintReport *R)
 
 // The readers of one component for the installed distribution D, as the record builder calls
 // them. Returns true when the record would be built.
-bool RunComponentReaders(const std::string &Xml, const std::string &Shown, const KnownDistro &D,
-                         LintReport *R)
+// Bytes of one encoded string item value: its characters and the NUL (1 for an absent one).
+size_t StringBytes(const char *Text)
+{
+    return (Text != nullptr ? strlen(Text) : 0) + 1;
+}
+
+// The identifiers of the supported devices as the device reader builds them (each part at most
+// four characters, "0000" when absent), up to the first malformed entry, which ends the list.
+std::vector<size_t> DeviceIdLengths(void)
+{
+    std::vector<size_t> Lengths;
+    SECTIONPTR Package = FindFirstChildOf(GetRootNode(), "zel_package");
+    SECTIONPTR Devices = FindFirstChildOf(FindFirstChildOf(Package, "prerequisites"), "supported_devices");
+    for (SECTIONPTR And = FindFirstChildOf(Devices, "supported_devices_and"); And != nullptr;
+         And = GetNextSibling(And)) {
+        SECTIONPTR Device = FindFirstChildOf(And, "supported_device");
+        if (Device == nullptr)
+            break;
+        size_t Parts[4] = {4, 4, 4, 4};
+        static const char *const Names[4] = {"ven", "dev", "subven", "subdev"};
+        for (SECTIONPTR Data = FindFirstChildOf(Device, "supported_device_data"); Data != nullptr;
+             Data = GetNextSibling(Data)) {
+            const char *Name = GetAttribute(Data, "name");
+            int Part = -1;
+            for (int p = 0; Name != nullptr && p < 4; p++)
+                Part = strcmp(Name, Names[p]) == 0 ? p : Part;
+            if (Part < 0)
+                return Lengths;
+            const char *Text = GetFirstToken(Data);
+            Parts[Part] = Text != nullptr ? std::min<size_t>(strlen(Text), 4) : 4;
+        }
+        Lengths.push_back(Parts[0] + Parts[1] + Parts[2] + Parts[3] + 3);
+    }
+    return Lengths;
+}
+
+// Encoded sizes of the install record's pieces (type and length items 4 bytes each, a
+// boolean 1, a string its characters and NUL).
+const size_t RECORD_NUMBER_BYTES = 12;
+const size_t RECORD_MAIN_FIXED = 7 * 9 + 12 + 8 * 8 + 8 + 3 + 3; // + the five component strings
+const size_t REQUISITE_FIXED = 16;                               // + the value
+const size_t CONFIGURATION_FIXED = 8 + 113;                      // + seven strings
+const size_t RECORD_END_BYTES = 8;
+
+// The configuration variables of one list, as the builder reads them; returns their bytes.
+size_t ConfigurationBytes(const std::string &Xml, bool Pre)
+{
+    size_t Bytes = 0;
+    for (int i = 0;; i++) {
+        PRECONFIGURATION *Config = static_cast<PRECONFIGURATION *>(calloc(1, sizeof(PRECONFIGURATION)));
+        if (Config == nullptr)
+            break;
+        int Got = Pre ? GetPreConfigurationInfo(Xml.c_str(), i, Config, "en")
+                      : GetPostConfigurationInfo(Xml.c_str(), i, Config, "en");
+        if (Got == 0)
+            Bytes += CONFIGURATION_FIXED + StringBytes(Config->Prompt) +
+                     StringBytes(Config->AcceptableCharacters) + StringBytes(Config->RequiredFormat) +
+                     StringBytes(Config->OutputName) + StringBytes(Config->DefaultValue) +
+                     StringBytes(Config->ActualValue) + StringBytes(Config->OutputFileName);
+        FreeConfigStruct(Config, Pre ? 303 : 304);
+        if (Got != 0)
+            break;
+    }
+    return Bytes;
+}
+
+size_t RequisiteBytes(const std::string &Xml, bool Pre)
+{
+    char SubType[10], Value[1024];
+    size_t Bytes = 0;
+    for (int i = 0; (Pre ? GetPrerequisites(Xml.c_str(), SubType, Value, i)
+                         : GetPostrequisites(Xml.c_str(), SubType, Value, i)) == 0; i++)
+        Bytes += REQUISITE_FIXED + StringBytes(Value);
+    return Bytes;
+}
+
+// The readers of one component for the installed distribution D, in the order of the record
+// builder, with the size of the record they make. Returns true when the record would be built.
+bool RunComponentReaders(const std::string &Package, const std::string &Xml, const std::string &Shown,
+                         const KnownDistro &D, LintReport *R)
 {
     free(CurrentlyInstalledOS);
     CurrentlyInstalledOS = DuplicateString(D.Key);
@@ -268,6 +346,9 @@ bool RunComponentReaders(const std::string &Xml, const std::string &Shown, const
         Result = GetRebootValue(Xml.c_str(), &Info);
     if (Result == 0)
         Result = GetInstallCommand(Xml.c_str(), &Info);
+    size_t Size = RECORD_NUMBER_BYTES + RECORD_MAIN_FIXED + StringBytes(Package.c_str()) +
+                  StringBytes(Info.Name) + StringBytes(Info.Description) + StringBytes(Info.Version) +
+                  StringBytes(Info.InstallCommand) + RECORD_END_BYTES;
     free(Info.Version);
     free(Info.Name);
     free(Info.Description);
@@ -276,30 +357,26 @@ bool RunComponentReaders(const std::string &Xml, const std::string &Shown, const
     if (ReportPrinted(R, Shown, "component-unreadable", "the record is not built: ") > 0 || Result != 0)
         return false;
     DeviceListMessages(Shown, R);
-    signed char Pre = GetHasPrerequisitesValue(Xml.c_str());
+    std::vector<size_t> Devices = DeviceIdLengths();
+    for (size_t Length : Devices)
+        Size += REQUISITE_FIXED + Length + 1;
+    signed char Pre = GetHasPrerequisitesValue(Xml.c_str()) || !Devices.empty();
     signed char PreConfig = GetRequiresPreConfigurationValue(Xml.c_str());
     GetRequiresPreCompilationValue(Xml.c_str());
     signed char PostConfig = GetRequiresPostConfigurationValue(Xml.c_str());
     GetRequiresPostCompilationValue(Xml.c_str());
     signed char Post = GetHasPostrequisitesValue(Xml.c_str());
-    char SubType[10], Value[1024];
-    for (int i = 0; Pre && GetPrerequisites(Xml.c_str(), SubType, Value, i) == 0; i++)
-        ;
-    for (int i = 0; Post && GetPostrequisites(Xml.c_str(), SubType, Value, i) == 0; i++)
-        ;
-    for (int Pass = 0; Pass < 2; Pass++) {
-        if (!(Pass == 0 ? PreConfig : PostConfig))
-            continue;
-        for (int i = 0;; i++) {
-            PRECONFIGURATION *Config = static_cast<PRECONFIGURATION *>(calloc(1, sizeof(PRECONFIGURATION)));
-            int Got = Pass == 0 ? GetPreConfigurationInfo(Xml.c_str(), i, Config, "en")
-                                : GetPostConfigurationInfo(Xml.c_str(), i, Config, "en");
-            FreeConfigStruct(Config, Pass == 0 ? 303 : 304);
-            if (Got != 0)
-                break;
-        }
-    }
+    Size += Pre ? RequisiteBytes(Xml, true) : 0;
+    Size += Post ? RequisiteBytes(Xml, false) : 0;
+    Size += PreConfig ? ConfigurationBytes(Xml, true) : 0;
+    Size += PostConfig ? ConfigurationBytes(Xml, false) : 0;
     ReportPrinted(R, Shown, "reader-message", std::string("on ") + D.Id + ": ");
+    if (Size > RZP_MAX_PAYLOAD) {
+        AddFinding(R, Shown, TopLine(), "record-too-long",
+                   "on " + std::string(D.Id) + " the install record would be " + std::to_string(Size) +
+                       " bytes, more than " + std::to_string(RZP_MAX_PAYLOAD) + ": the component is refused");
+        return false;
+    }
     return true;
 }
 
@@ -447,8 +524,8 @@ struct ComponentState {
     std::set<int> Distros;
 };
 
-void LintComponentFile(const std::string &Xml, const std::string &Shown, const Bundle &B,
-                       ComponentState *State, LintReport *R)
+void LintComponentFile(const std::string &Package, const std::string &Xml, const std::string &Shown,
+                       const Bundle &B, ComponentState *State, LintReport *R)
 {
     if (!State->Read) {
         State->Read = true;
@@ -470,7 +547,7 @@ void LintComponentFile(const std::string &Xml, const std::string &Shown, const B
                        std::string("no <") + Distros[d].Key + "> section for " + Describe(Distros[d]) +
                            ", which " + B.Shown + " supports: there every flag is off, and its "
                            "prerequisites and configuration are dropped");
-        RunComponentReaders(Xml, Shown, Distros[d], R);
+        RunComponentReaders(Package, Xml, Shown, Distros[d], R);
     }
 }
 
@@ -498,7 +575,7 @@ void LintPackage(const std::string &Directory, const Bundle &B, const Package &P
         return;
     }
     ComponentState &State = (*Components)[Xml];
-    LintComponentFile(Xml, ShownName(Directory, Xml), B, &State, R);
+    LintComponentFile(P.FileName, Xml, ShownName(Directory, Xml), B, &State, R);
 }
 
 std::vector<std::string> DirectoryEntries(void)

@@ -269,7 +269,7 @@ TEST(LintAgreement, CleanComponentsGetRecords)
     std::vector<std::string> Dirs = {std::string(ZEL_EXAMPLES) + "/server-bundle"};
     for (const char *Case : {"dialect-text", "reader-message", "pci-id", "subtype-range",
                                     "length-range", "prompt-language", "no-platform-section",
-                                    "unlisted-file", "package-file-missing"})
+                                    "unlisted-file", "package-file-missing", "record-too-long"})
         Dirs.push_back(Corpus + "/" + std::string(Case));
     for (const std::string &Dir : Dirs) {
         SCOPED_TRACE(Dir);
@@ -284,6 +284,10 @@ TEST(LintAgreement, CleanComponentsGetRecords)
         std::set<std::string> Built;
         for (const auto &C : J["components"])
             Built.insert(C["file"].get<std::string>());
+        // The sub-service refuses the component whose record lint finds too long.
+        if (Dir.find("record-too-long") != std::string::npos) {
+            EXPECT_EQ(Built.count("bad-1.0-1.i386.rpm"), 0u);
+        }
         for (const std::string &Name : Entries(Dir)) {
             if (Name.size() < 4 || Name.substr(Name.size() - 4) != ".xml" || Name.find("bp0") == 0)
                 continue;
@@ -298,5 +302,47 @@ TEST(LintAgreement, CleanComponentsGetRecords)
                 continue;
             EXPECT_EQ(Built.count(Package), 1u) << Package << " reads cleanly but got no record";
         }
+    }
+}
+
+// The record size lint computes is the sub-service's to the byte: a component whose record is
+// exactly 16384 bytes is built and not flagged; one byte more is refused and flagged.
+TEST(LintAgreement, RecordSizeBoundary)
+{
+    if (getuid() != 0)
+        GTEST_SKIP() << "the sandbox needs root";
+    std::string Source = Corpus + "/record-too-long";
+    std::string Xml = ReadAll(Source + "/bad-1.0-1.i386.xml");
+    // Keep 17 of the 900-character prerequisites and add one of Length characters: 196 makes
+    // the record 16384 bytes long.
+    std::string Kept, Rest = Xml;
+    size_t First = Xml.find("          <prerequisite_data");
+    size_t After = Xml.find("        </prerequisites>");
+    ASSERT_NE(First, std::string::npos);
+    std::istringstream Lines(Xml.substr(First, After - First));
+    std::string Line;
+    for (int i = 0; i < 17 && std::getline(Lines, Line); i++)
+        Kept += Line + "\n";
+    for (int Length : {196, 197}) {
+        SCOPED_TRACE(Length);
+        char Dir[] = "/tmp/lintsizeXXXXXX";
+        ASSERT_NE(mkdtemp(Dir), nullptr);
+        for (const std::string &Name : Entries(Source))
+            std::ofstream(std::string(Dir) + "/" + Name) << ReadAll(Source + "/" + Name);
+        std::ofstream(std::string(Dir) + "/bad-1.0-1.i386.xml")
+            << Xml.substr(0, First) + Kept + "          <prerequisite_data SubType=\"3\" value=\"" +
+                   std::string(static_cast<size_t>(Length), 'y') + "\"/>\n" + Xml.substr(After);
+        bool Flagged = false;
+        nlohmann::json Lint = LintJson(Dir);
+        for (const auto &F : Lint["findings"])
+            Flagged |= F["tag"] == "record-too-long";
+        RunResult Plan = RunManager({"--distro", "rh73", "--json", Dir});
+        bool Built = Plan.Out.find("\"file\": \"bad-1.0-1.i386.rpm\"") != std::string::npos ||
+                     Plan.Out.find("\"file\":\"bad-1.0-1.i386.rpm\"") != std::string::npos;
+        EXPECT_EQ(Flagged, Length == 197) << Lint.dump(2);
+        EXPECT_EQ(Built, Length == 196) << Plan.Out;
+        for (const std::string &Name : Entries(Dir))
+            unlink((std::string(Dir) + "/" + Name).c_str());
+        rmdir(Dir);
     }
 }

@@ -113,6 +113,10 @@ CASES = {
     "bundle-unreadable": ([('  <version value="1.0"/>\n', "")], [], {}, "bundle-top"),
     "component-unreadable": ([], [("      <command>rpm -Uvh bad-1.0-1.i386.rpm</command>\n", ""), ("    <install>", "    <install>@@")], {}, "bad"),
     "reader-message": ([], [('        <has_postrequisites value="no"/>\n', ""), ("      <Red_Hat_Linux_7.3>", "      <Red_Hat_Linux_7.3>@@")], {}, "bad"),
+    "record-too-long": ([], [('          <prerequisite_data SubType="3" value="/sbin/lsmod"/>\n',
+                              "".join('          <prerequisite_data SubType="3" value="/opt/%02d/%s"/>\n' % (i, "x" * 900)
+                                      for i in range(20))),
+                             ("<zel_package>", "<zel_package>@@")], {}, "bad"),
     "no-device-list": ([], [("  <prerequisites>\n    <supported_devices>\n      <supported_devices_and>\n        <supported_device>\n"
                              "          <supported_device_data name=\"ven\">8086</supported_device_data>\n"
                              "          <supported_device_data name=\"dev\">1229</supported_device_data>\n"
