@@ -495,9 +495,8 @@ void ReadPackages(Bundle *B, LintReport *R)
                        "package path " + Quoted(P.FileName) + " leaves the bundle directory");
         B->Packages.push_back(P);
     }
-    for (SECTIONPTR S = FindFirstChildOf(FindFirstChildOf(GetRootNode(), "zel_bundle"), "name");
-         S != nullptr; S = nullptr)
-        B->Languages = LanguagesOf(S, "name_xlate");
+    B->Languages = LanguagesOf(FindFirstChildOf(FindFirstChildOf(GetRootNode(), "zel_bundle"), "name"),
+                               "name_xlate");
 }
 
 // The bundle readers of the open and parse operations, then what lint reads itself.
