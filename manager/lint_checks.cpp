@@ -15,7 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "parser.h"
+#include "packages.h"
+#include "records.h"
 #include "support.h"
 #include "xmltokenizer.h"
 #include "zellint.h"
