@@ -418,8 +418,8 @@ void ReadClaims(Bundle *B, LintReport *R)
             if (F == nullptr) {
                 AddFinding(R, B->Shown, S->Line, "os-entry-unreadable",
                            "operating_system entry without an operating_system_xlate text: the "
-                           "sub-service stops here and takes the bundle as unsupported on " +
-                               Describe(Distros[d]));
+                           "sub-service stops here and takes the bundle as unsupported on every "
+                           "distribution that no entry before it matches");
                 break;
             }
             if (static_cast<int>(EntryMatched.size()) <= Index)
