@@ -151,6 +151,19 @@ CASES = {
 }
 
 
+# The dialect traps seen in real bundles, each in a directory of its own: (tag, changes...).
+TRAPS = {
+    "trap-quote-in-package-text": ("dialect-text", [(">good-1.0-1.i386.rpm</package>", '>good-1.0-1.i386.rpm"</package>@@')], [], {}, "bundle"),
+    "trap-unquoted-attribute": ("not-well-formed", [], [('<prerequisite_data SubType="3" value="/sbin/lsmod"/>',
+                                                         '<prerequisite_data SubType="3" value=/sbin/lsmod />@@')], {}, "bad"),
+    "trap-two-tags-on-one-line": ("dialect-element", [], [('      <reboot_required value="no"/>\n      <command>',
+                                                           '      <reboot_required value="no"/><command>@@')], {}, "bad"),
+    "trap-cdata-on-element-line": ("dialect-cdata", [], [('    <description_xlate lang="en">\n      <![CDATA[A component that reads cleanly.]]>\n    </description_xlate>',
+                                                            '    <description_xlate lang="en"><![CDATA[A component that reads cleanly.]]></description_xlate>@@')], {}, "bad"),
+    "trap-tab-after-name": ("dialect-element", [], [('<reboot_required value="no"/>', '<reboot_required\tvalue="no"/>@@')], {}, "bad"),
+}
+
+
 def marked(text):
     """The text without its @@ marker and the 1-based line of the marker (0 when none)."""
     for number, line in enumerate(text.split("\n"), 1):
@@ -166,8 +179,8 @@ def both_platforms(text):
     return text[:end] + block.replace("Red_Hat_Linux_7.3", "Red_Hat_Enterprise_Linux_3") + text[end:]
 
 
-def write_case(tag, bundle_changes, bad_changes, files, target):
-    directory = os.path.join(CORPUS, tag)
+def write_case(name, tag, bundle_changes, bad_changes, files, target):
+    directory = os.path.join(CORPUS, name)
     os.makedirs(directory)
     bundle = BUNDLE
     for old, new in bundle_changes:
@@ -211,7 +224,9 @@ def write_case(tag, bundle_changes, bad_changes, files, target):
 def main():
     shutil.rmtree(CORPUS, ignore_errors=True)
     for tag, case in CASES.items():
-        write_case(tag, *case)
+        write_case(tag, tag, *case)
+    for name, case in TRAPS.items():
+        write_case(name, *case)
 
 
 if __name__ == "__main__":
