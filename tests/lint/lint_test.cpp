@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -138,13 +137,16 @@ TEST(LintCorpus, EachBundleShowsItsTagAtItsLine)
         int Errors = J["counts"]["error"];
         EXPECT_EQ(Status, Errors > 0 ? 1 : 0);
         // The same finding as a GNU-style line.
-        std::string Shown = File == "-" ? Dir : Dir + "/" + File;
-        std::string Prefix = Shown + (Line > 0 ? ":" + std::to_string(Line) : std::string()) + ": ";
+        std::string Path = File == "-" ? Dir : Dir + "/" + File;
+        std::string Prefix = Path + (Line > 0 ? ":" + std::to_string(Line) : std::string()) + ": ";
         RunResult Text = RunManager({"lint", Dir});
         EXPECT_EQ(Text.Status, Status);
-        std::regex Gnu("^" + std::regex_replace(Prefix, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)") +
-                       "(error|warning|info): " + Tag + ": .+$", std::regex::multiline);
-        EXPECT_TRUE(std::regex_search(Text.Out, Gnu)) << Text.Out;
+        bool Shown = false;
+        std::istringstream Lines(Text.Out);
+        for (std::string L; std::getline(Lines, L);)
+            for (const char *Severity : {"error", "warning", "info"})
+                Shown |= L.rfind(Prefix + Severity + ": " + Tag + ": ", 0) == 0;
+        EXPECT_TRUE(Shown) << Text.Out;
     }
 }
 
@@ -184,17 +186,21 @@ TEST(LintDocs, XmlExamplesHaveNoFindings)
     int Count = 0;
     for (const std::string &Page : Entries(ZEL_DOCS)) {
         std::string Text = ReadAll(std::string(ZEL_DOCS) + "/" + Page);
-        std::regex Block("```xml\n([\\s\\S]*?)```");
-        for (std::sregex_iterator It(Text.begin(), Text.end(), Block), End; It != End; ++It) {
+        for (size_t At = Text.find("```xml\n"); At != std::string::npos; At = Text.find("```xml\n", At + 1)) {
+            size_t Start = At + 7;
+            size_t Stop = Text.find("```", Start);
+            if (Stop == std::string::npos)
+                break;
+            std::string Example = Text.substr(Start, Stop - Start);
             // A block with comments is an annotated illustration (the pages say such
             // comments are for the page only), not a file.
-            if ((*It)[1].str().find("<!--") != std::string::npos)
+            if (Example.find("<!--") != std::string::npos)
                 continue;
             std::string Path = std::string(Dir) + "/" + Page + "-" + std::to_string(Count++) + ".xml";
-            std::ofstream(Path) << (*It)[1].str();
+            std::ofstream(Path) << Example;
             RunResult R = RunManager({"lint", "--json", Path});
             nlohmann::json J = nlohmann::json::parse(R.Out);
-            EXPECT_TRUE(J["findings"].empty()) << Page << " example:\n" << (*It)[1].str() << J.dump(2);
+            EXPECT_TRUE(J["findings"].empty()) << Page << " example:\n" << Example << J.dump(2);
             EXPECT_EQ(R.Status, 0);
             unlink(Path.c_str());
         }
