@@ -33,6 +33,11 @@ typedef struct _BundleInfo {
 
 long FindBundleXmlFile(const char *DirectoryName, int Index, BUNDLEINFOPTR Bundle);
 signed char IsOSSupportedByBundle(const char *BundleXMLFileName);
+// The five matching rules for the installed name N and version V against one
+// operating_system_xlate text F: the number (1-5) of the rule that accepts, ENTRY_REJECTED
+// when rule 1 rejects the entry, ENTRY_NOT_MATCHED when no rule applies.
+enum { ENTRY_NOT_MATCHED = 0, ENTRY_REJECTED = -1 };
+int MatchOSEntry(const char *N, const char *V, const char *F);
 // BundleVersionSize / BundleNameSize: the caller's buffer sizes (values that do not fit are
 // refused, see docs/decisions.md).
 int GetBundleVersion(const char *BundleXMLFileName, char *BundleVersion, size_t BundleVersionSize);

@@ -25,16 +25,19 @@ typedef struct key {
     char *Attribute;
     char *Value;
     struct key *NextKey;
+    int Line; // source line of the record (1-based); 0 when not known
 } key, *KEYPTR;
 
 typedef struct token {
     char *Token;
     struct token *NextToken;
+    int Line;
 } token, *TOKENPTR;
 
 typedef struct CDATA {
     char *CDATAString;
     struct CDATA *NextCDATA;
+    int Line; // the line where the block starts
 } CDATA, *CDATAPTR;
 
 typedef struct section {
@@ -46,6 +49,7 @@ typedef struct section {
     struct section *Child;
     struct section *NextSibling;
     struct section *PreviousSibling;
+    int Line; // line of the start tag; 0 in the root
 } section, *SECTIONPTR;
 
 // Module state.

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "sandbox.h"
+#include "zellint.h"
 #include "zelrzpmanager.h"
 
 #ifndef ZEL_DEFAULT_PARSER
@@ -545,6 +546,8 @@ static void PrintTable(const CliPlan &P)
 
 int main(int Argc, char **Argv)
 {
+    if (Argc > 1 && strcmp(Argv[1], "lint") == 0)
+        return LintMain(Argc - 1, Argv + 1);
     CliOptions O;
     if (ParseArguments(Argc, Argv, &O) != 0)
         return CLI_USAGE;

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what the build, the tests, the benchmarks and the fuzzer need, when missing.
 set -euo pipefail
-packages=(cmake g++ make libgtest-dev libgmock-dev libbenchmark-dev libexpat1-dev libpugixml-dev
+packages=(cmake g++ make libgtest-dev libgmock-dev libbenchmark-dev libexpat1-dev libpugixml-dev nlohmann-json3-dev
           clang libclang-rt-14-dev)
 missing=()
 for p in "${packages[@]}"; do

@@ -65,8 +65,6 @@ static bool Contains(const char *Text, const char *Part)
     return strstr(Text, Part) != nullptr;
 }
 
-enum { ENTRY_NOT_MATCHED = 0, ENTRY_REJECTED = -1 };
-
 static const char *const RuleMessages[] = {
     nullptr,
     "A supported version of Red Hat Linux Advanced Server was found\n",
@@ -79,7 +77,7 @@ static const char *const RuleMessages[] = {
 // The five matching rules, in order, for the installed name N and version V against the
 // bundle entry F: the number of the rule that accepts, ENTRY_REJECTED when rule 1 rejects
 // the entry, ENTRY_NOT_MATCHED when no rule applies.
-static int MatchOSEntry(const char *N, const char *V, const char *F)
+int MatchOSEntry(const char *N, const char *V, const char *F)
 {
     if (Contains(N, "Advanced Server") && Contains(F, "Advanced Server"))
         return Contains(F, V) ? 1 : ENTRY_REJECTED;

@@ -29,6 +29,10 @@ char *CurrentlyInstalledOS = nullptr;
 // The tree holds what a failed parse left behind; the next ParseFile starts afresh.
 static int TreeIsPartial = 0;
 
+// Source line (1-based) of the logical line being tokenized, put into every record made from
+// it; 0 for lines handed to FindXMLTokens directly.
+static int TokenLine = 0;
+
 // Working copy W of FindXMLTokens, kept from one line to the next within a parse. One byte
 // more than a line: a self-closing tag at the end of a full line gets a space inserted.
 // Tokens are handed on as pieces of W, so no separate token buffer is needed.
@@ -219,6 +223,7 @@ static SECTIONPTR NewSection(const char *Token, size_t Length)
         return nullptr;
     *Record = SECTIONRECORD{};
     if (Token != nullptr) {
+        Record->Section.Line = TokenLine;
         Record->Section.Name = reinterpret_cast<char *>(Record + 1);
         CopyWithout(Record->Section.Name, Token, Length, CHAR_MARKUP);
     }
@@ -268,6 +273,7 @@ static unsigned long AddKey(const char *Token, size_t Length)
     if (Key == nullptr)
         return XML_NO_MEMORY;
     Key->NextKey = nullptr;
+    Key->Line = TokenLine;
     Key->Attribute = reinterpret_cast<char *>(Key + 1);
     Key->Value = CopyWithout(Key->Attribute, Name, NameLength, CHAR_NAME_DROP);
     CopyValue(Key->Value, Value, ValueLength);
@@ -286,6 +292,7 @@ static unsigned long AddText(const char *Token, size_t Length)
     if (Text == nullptr)
         return XML_NO_MEMORY;
     Text->NextToken = nullptr;
+    Text->Line = TokenLine;
     Text->Token = reinterpret_cast<char *>(Text + 1);
     CopyWithout(Text->Token, Token, Length, CHAR_MARKUP);
     SECTIONRECORD *Owner = RecordOf(ActiveSection);
@@ -304,6 +311,7 @@ static unsigned long AddCDATA(const char *Token, size_t Length)
     if (Block == nullptr)
         return XML_NO_MEMORY;
     Block->NextCDATA = nullptr;
+    Block->Line = TokenLine;
     Block->CDATAString = reinterpret_cast<char *>(Block + 1);
     memcpy(Block->CDATAString, Token, Length);
     Block->CDATAString[Length] = '\0';
@@ -661,8 +669,10 @@ void FindXMLTokens(char *line)
         return;
     size_t Length = strlen(line);
     // InternalParseXML never passes more; a direct caller's longer line is not read.
-    if (Length < XML_LINE_MAX)
+    if (Length < XML_LINE_MAX) {
+        TokenLine = 0;
         TokenizeLine(line, Length, LineMarkers(line, Length));
+    }
 }
 
 // ---- Line assembly and files -------------------------------------------------------------------
@@ -683,7 +693,7 @@ static long LineTooLong(void)
 
 // The end of the buffer: the text after the last LF (possibly empty) is the last line, unless
 // a CDATA block is still open.
-static long FinishBuffer(const char *Rest, size_t Length, int InCDATASection)
+static long FinishBuffer(const char *Rest, size_t Length, int InCDATASection, int LineNumber)
 {
     if (Length > XML_LINE_MAX - 1)
         return LineTooLong();
@@ -693,6 +703,7 @@ static long FinishBuffer(const char *Rest, size_t Length, int InCDATASection)
         return XML_PARSE_FAILED;
     }
     memcpy(LastLine, Rest, Length); // the caller's buffer need not have room for a terminator
+    TokenLine = LineNumber;
     LastLine[Length] = '\0';
     Length = strlen(LastLine);
     TokenizeLine(LastLine, Length, LineMarkers(LastLine, Length));
@@ -714,6 +725,8 @@ long InternalParseXML(char *xmlbuffer, long xmllength)
     const char *LineNul = nullptr; // its first NUL byte
     long LineStart = 0;
     long Position = 0;
+    int Physical = 1;  // source line of the next LF
+    int LogicalFirst = 1; // source line where the logical line began
     while (Position < xmllength) {
         int Seen = 0;
         const char *Nul = nullptr;
@@ -732,11 +745,14 @@ long InternalParseXML(char *xmlbuffer, long xmllength)
             InCDATASection = 0;
         else if (!InCDATASection)
             InCDATASection = (LineSeen & (SEEN_CDATA_START | SEEN_CDATA_END)) == SEEN_CDATA_START;
+        Physical++;
         if (InCDATASection) {
             if (Stop + 1 - LineStart > XML_LINE_MAX - 1)
                 return LineTooLong();
             continue;
         }
+        TokenLine = LogicalFirst;
+        LogicalFirst = Physical;
         char *Line = xmlbuffer + LineStart;
         Line[Stop - LineStart] = '\0';
         TokenizeLine(Line, static_cast<size_t>((LineNul != nullptr ? LineNul : Feed) - Line), LineSeen);
@@ -746,7 +762,7 @@ long InternalParseXML(char *xmlbuffer, long xmllength)
         LineNul = nullptr;
     }
     return FinishBuffer(xmlbuffer + LineStart, static_cast<size_t>(xmllength - LineStart),
-                        InCDATASection);
+                        InCDATASection, LogicalFirst);
 }
 
 long ReadXMLFile(int xmlsfp, char *xmlbuffer, long xmllength)
