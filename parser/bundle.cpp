@@ -129,17 +129,17 @@ signed char IsOSSupportedByBundle(const char *BundleXMLFileName)
     char V[OS_NAME_MAX] = {};
     if (BundleXMLFileName == nullptr)
         return DetectInstalledOS(N, V);
-    // A switch away from a current file happens before the detection, and its failure ends
-    // the call. A first parse is left to the walk below, so that a file that fails to parse
-    // is read (and reported) once, not again by the walk.
-    if (CurrentXMLFileParsed != nullptr && UseXMLFile(BundleXMLFileName) != 0)
+    // The current-file rule comes first on every call (a failed first parse goes on with the
+    // empty tree, a failed switch ends the call), then the detection, then the walk over the
+    // tree as it stands, so that the file is read once.
+    if (UseXMLFile(BundleXMLFileName) != 0)
         return FALSE;
     if (!DetectInstalledOS(N, V))
         return FALSE;
     static const XMLSTEP Steps[] = {{"zel_bundle", "zel_bundle"},
                                     {"operating_systems", "operating_systems"}};
     int Failure = XML_WALK_OK;
-    SECTIONPTR Systems = WalkToSection(BundleXMLFileName, Steps, 2, &Failure);
+    SECTIONPTR Systems = WalkTreeToSection(Steps, 2, &Failure);
     if (Systems == nullptr)
         return FALSE;
     int Outcome = AnyEntryMatches(Systems, N, V);

@@ -157,6 +157,26 @@ TEST_F(Matching, SilentInstallAndCorruptBundles)
     EXPECT_TRUE(Has(Out, CorruptSection + "operating_systems' section"));
 }
 
+TEST_F(Matching, TheBundleIsParsedBeforeTheDetectionFromTheFirstCallOn)
+{
+    std::string Out;
+    DEBUG_FLAG = 1;
+    VERBOSE_MODE = 1;
+    EXPECT_EQ(TRUE, Supported(RH73, System("Red Hat Linux 7.3"), &Out));
+    size_t Parsing = Out.find("XMLTOKENIZER--Parsing file, ");
+    ASSERT_NE(std::string::npos, Parsing) << Out;
+    EXPECT_LT(Parsing, Out.find("Installed OS Version is Red Hat Linux 7.3 \n")) << Out;
+    // Without a release file the bundle is still read first, then the detection fails.
+    DeleteTree();
+    std::string Path = Write("bp0n.xml", Bundle(Wrap("operating_systems", {System("x")})));
+    ASSERT_EQ(0, SandboxClearReleaseFiles());
+    Out = Captured([&] { EXPECT_EQ(FALSE, IsOSSupportedByBundle(Path.c_str())); });
+    Parsing = Out.find("XMLTOKENIZER--Parsing file, " + Path);
+    ASSERT_NE(std::string::npos, Parsing) << Out;
+    EXPECT_LT(Parsing, Out.find("on an unsupported operating system.")) << Out;
+    EXPECT_STREQ(Path.c_str(), CurrentXMLFileParsed);
+}
+
 TEST_F(Bundles, VersionAndNameAreCopiedWholeOrRefused)
 {
     std::string Path =
