@@ -135,8 +135,9 @@ signed char GetInstalledOSVersion(int OSMfg, char *InstalledOSName, char *Instal
 void CheckForULSP3(void);
 // The detection sequence that IsOSSupportedByBundle runs first: probes the release files,
 // fills the caller's two zero-filled OS_NAME_MAX buffers and sets CurrentlyInstalledOS.
-// FALSE (with the unsupported-OS message) when no release file exists, else TRUE whatever
-// the pipelines gave.
+// FALSE (with the unsupported-OS message) when no release file exists, FALSE (with a message
+// naming /tmp/release.out) when that path cannot be made safe for the pipelines, else TRUE
+// whatever the pipelines gave.
 signed char DetectInstalledOS(char *InstalledOSName, char *InstalledOSVersion);
 
 // Bundle descriptions.

@@ -80,9 +80,13 @@ static const char *const RuleMessages[] = {
 
 // The five matching rules, in order, for the installed name N and version V against the
 // bundle entry F: the number of the rule that accepts, ENTRY_REJECTED when rule 1 rejects
-// the entry, ENTRY_NOT_MATCHED when no rule applies.
+// the entry, ENTRY_NOT_MATCHED when no rule applies. An empty name or version (a detection
+// whose pipelines gave nothing) matches no entry: the empty string is contained in every
+// text, and would make any Red Hat bundle look supported.
 static int MatchOSEntry(const char *N, const char *V, const char *F)
 {
+    if (N[0] == '\0' || V[0] == '\0')
+        return ENTRY_NOT_MATCHED;
     if (Contains(N, "Advanced Server") && Contains(F, "Advanced Server"))
         return Contains(F, V) ? 1 : ENTRY_REJECTED;
     if (Contains(F, N) && Contains(F, V) && Contains(F, "Red Hat Enterprise"))

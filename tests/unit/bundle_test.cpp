@@ -121,6 +121,8 @@ TEST_F(Matching, EachRuleAcceptsAndRejects)
         {UL10, System("UnitedLinux 2.0"), FALSE, ""},
         {SLES8, System("SUSE Linux Enterprise Server 9"), TRUE, "(SLES) was found.\n"},
         {SLES8, System("SuSE SLES 8.1"), FALSE, ""},
+        // Every code fails: an empty name and version are contained in nothing.
+        {"Linux\n", System("Red Hat Linux 7.3") + System("Red Hat Enterprise Linux 3"), FALSE, ""},
         // An entry without text ends the search, silently, before a matching one.
         {RH73, "<operating_system>\n</operating_system>\n" + System("Red Hat Linux 7.3"), FALSE,
          nullptr},
