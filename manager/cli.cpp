@@ -292,7 +292,7 @@ static std::string OpenRefusal(int Code, bool Tqr)
         return "the installed distribution is not supported (-505)";
     if (Code == RZP_PARSER_NOT_ONE_BUNDLE)
         return "more than one bundle XML file supports the installed distribution (-505)";
-    return "open input file was answered " + std::to_string(Code);
+    return "open input file was answered " + ZmResultText(Code);
 }
 
 static int OpenAndParse(ZmSession *S, const CliOptions &O, CliPlan *Plan)
@@ -308,7 +308,7 @@ static int OpenAndParse(ZmSession *S, const CliOptions &O, CliPlan *Plan)
     if (A.Header.ReturnCode == RZP_PARSER_BAD_XML)
         return RunFailed("the bundle XML file cannot be read (-504)");
     if (A.Header.ReturnCode != 0)
-        return RunFailed("parse input file was answered " + std::to_string(A.Header.ReturnCode));
+        return RunFailed("parse input file was answered " + ZmResultText(A.Header.ReturnCode));
     Plan->BundleFile = AnswerText(A);
     std::string Error;
     if (ZmFetchAllRecords(S, nullptr, &Plan->Records, &Plan->NumberOfItems, &Error) != 0)

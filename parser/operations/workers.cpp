@@ -11,7 +11,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "parser.h"
+#include "operations.h"
+#include "protocol.h"
+#include "runflags.h"
+#include "service.h"
 
 // BundleList, ComponentList, InstallPacketList, NumberOfComponentsInBundle, the XML tree and
 // CurrentlyInstalledOS belong to the worker that holds this lock. A manager is meant to wait
