@@ -88,6 +88,11 @@ TEST_F(OSDetect, NothingPlantedAtReleaseOutIsFollowedOrRead)
               Out);
     EXPECT_STREQ("Earlier_1.0", CurrentlyInstalledOS);
     std::filesystem::remove_all(RELEASE_OUT_FILE);
+    // A /tmp in which anyone may rename the file away is no place for it.
+    ASSERT_EQ(0, chmod("/tmp", 0777));
+    Out = Captured([&] { EXPECT_EQ(FALSE, DetectInstalledOS(Name, Version)); });
+    ASSERT_EQ(0, chmod("/tmp", 01777));
+    EXPECT_TRUE(Has(Out, "/tmp/release.out cannot be used safely (/tmp is not a sticky")) << Out;
 }
 
 TEST_F(OSDetect, OverlongNameIsRefusedNotCut)
