@@ -309,8 +309,7 @@ signed char DetectInstalledOS(char *InstalledOSName, char *InstalledOSVersion)
     // trusted: then nothing was detected, and the call fails rather than match on nothing.
     if (Result == OS_CODE_UNSAFE)
         return FALSE;
-    if (VERBOSE_MODE == 1)
-        printf("Installed OS Version is %s %s \n", InstalledOSName, InstalledOSVersion);
+    VerbosePrint("Installed OS Version is %s %s \n", InstalledOSName, InstalledOSVersion);
     SetCurrentlyInstalledOS(InstalledOSName, InstalledOSVersion);
     return TRUE;
 }
@@ -320,8 +319,7 @@ void CheckForULSP3(void)
     if (CurrentlyInstalledOS == nullptr || strcmp(CurrentlyInstalledOS, "UnitedLinux_1.0") != 0)
         return;
     const char *SP3 = getenv("SP3");
-    if (DEBUG_FLAG == 1)
-        printf("XMLTOKENIZER--In CFULSP3, SP3 = %s\n", SP3 != nullptr ? SP3 : "(null)");
+    DebugPrint("XMLTOKENIZER--In CFULSP3, SP3 = %s\n", SP3 != nullptr ? SP3 : "(null)");
     if (SP3 == nullptr || strcmp(SP3, "YES") != 0)
         return;
     size_t Size = strlen(CurrentlyInstalledOS) + sizeof("_SP3");
@@ -331,6 +329,5 @@ void CheckForULSP3(void)
     snprintf(Extended, Size, "%s_SP3", CurrentlyInstalledOS);
     free(CurrentlyInstalledOS);
     CurrentlyInstalledOS = Extended;
-    if (DEBUG_FLAG == 1)
-        printf("CurrentlyInstalledOS = %s\n", CurrentlyInstalledOS);
+    DebugPrint("CurrentlyInstalledOS = %s\n", CurrentlyInstalledOS);
 }
