@@ -154,13 +154,11 @@ signed char IsOSSupportedByBundle(const char *BundleXMLFileName)
 
 // Copies Value into the caller's buffer, refusing (with a message) a value that does not fit:
 // a cut version or name would say something else.
-static bool CopyWhole(char *Dest, size_t DestSize, const char *Value, const char *What,
-                      const char *FileName)
+static bool CopyBundleValue(char *Dest, size_t DestSize, const char *Value, const char *What,
+                            const char *FileName)
 {
-    if (strlen(Value) < DestSize) {
-        CopyBounded(Dest, DestSize, Value);
+    if (CopyWhole(Dest, DestSize, Value) == 0)
         return true;
-    }
     printf("The %s in the bundle XML file %s is longer than %zu characters; it is refused.\n", What,
            FileName, DestSize == 0 ? static_cast<size_t>(0) : DestSize - 1);
     return false;
@@ -174,7 +172,7 @@ int GetBundleVersion(const char *BundleXMLFileName, char *BundleVersion, size_t 
     const char *Value = Version != nullptr ? GetAttribute(Version, "value") : nullptr;
     if (Value == nullptr || BundleVersion == nullptr)
         return RZP_PARSER_BAD_BUNDLE;
-    if (!CopyWhole(BundleVersion, BundleVersionSize, Value, "version", BundleXMLFileName))
+    if (!CopyBundleValue(BundleVersion, BundleVersionSize, Value, "version", BundleXMLFileName))
         return RZP_PARSER_BAD_BUNDLE;
     return 0;
 }
@@ -236,7 +234,7 @@ int GetBundleName(const char *BundleXMLFileName, const char *LanguageName, char 
     if (Name == nullptr)
         return Failure == XML_WALK_SWITCH_FAILED ? -1 : MissingNameSection();
     const char *Text = SelectLanguage(Name, "name_xlate", LanguageName, 0);
-    if (Text == nullptr || !CopyWhole(BundleName, BundleNameSize, Text, "name", BundleXMLFileName))
+    if (Text == nullptr || !CopyBundleValue(BundleName, BundleNameSize, Text, "name", BundleXMLFileName))
         return -5;
     return 0;
 }
