@@ -71,7 +71,8 @@ enum { RELEASE_OUT_FAILED = -1, RELEASE_OUT_UNSAFE = -2 };
 // The detection cannot trust /tmp/release.out: says so, naming the path and the reason.
 static int ReleaseOutUnsafe(const char *Reason)
 {
-    printf("The installed OS cannot be detected: " RELEASE_OUT_FILE " cannot be used safely (%s).\n",
+    printf("The installed OS cannot be detected: " RELEASE_OUT_FILE
+           " cannot be used safely (%s).\n",
            Reason);
     return RELEASE_OUT_UNSAFE;
 }

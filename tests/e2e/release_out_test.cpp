@@ -4,8 +4,8 @@
 // hang on it, and a path that cannot be made safe must fail the detection, not detect nothing.
 #include <fcntl.h>
 #include <grp.h>
-#include <signal.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
