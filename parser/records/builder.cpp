@@ -92,19 +92,6 @@ int AppendRequisiteRecord(unsigned char *Buffer, int Capacity, int *Position, ui
     return 0;
 }
 
-static void FreeInstallPacket(PRZP_INSTALL_PACKET Packet)
-{
-    if (Packet == nullptr)
-        return;
-    char *Strings[] = {Packet->FailureReasonString, Packet->ComponentFileName,
-                       Packet->ComponentName, Packet->ComponentDescription,
-                       Packet->ComponentVersion, Packet->InstallCommand,
-                       Packet->ConfigurationInputFileName, Packet->ConfigurationOutputFileName};
-    for (char *String : Strings)
-        free(String);
-    free(Packet);
-}
-
 // One string triple: a copy of Text (absent text is kept as the empty string).
 static int SetPacketString(uint32_t *Type, uint32_t *Length, char **Value, const char *Text)
 {
