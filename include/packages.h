@@ -42,6 +42,8 @@ int GetBundleName(const char *BundleXMLFileName, const char *LanguageName, char 
                   size_t BundleNameSize);
 // Frees one record and its three buffers (not the records after it).
 void FreeBundleInfo(BUNDLEINFOPTR Bundle);
+// Frees every record of the list at *List and sets *List to NULL.
+void FreeBundleList(BUNDLEINFOPTR *List);
 
 // Component descriptions.
 typedef struct _ComponentInfo {
@@ -81,6 +83,8 @@ extern COMPONENTINFOPTR ComponentList;
 // ScratchField zero-filled, Status 201, InstallStatus -502. Appends it to ComponentList.
 COMPONENTINFOPTR AppendComponent(const char *FileName);
 void FreeComponentList(void);
+// Frees an install record and its eight strings (NULL is allowed).
+void FreeInstallPacket(PRZP_INSTALL_PACKET Packet);
 
 // XMLFileName: a buffer of COMPONENT_FIELD_SIZE bytes. A derived name that would not fit is
 // refused with -1 and a message, the buffer untouched.

@@ -36,11 +36,7 @@ static BUNDLEINFOPTR NewBundleCandidate(void)
 // A second open starts from an empty list, so that its answer reflects the directory now.
 static void ClearBundleList(void)
 {
-    while (ParserQueue->BundleList != nullptr) {
-        BUNDLEINFOPTR Next = ParserQueue->BundleList->Next;
-        FreeBundleInfo(ParserQueue->BundleList);
-        ParserQueue->BundleList = Next;
-    }
+    FreeBundleList(&ParserQueue->BundleList);
 }
 
 // Appends every bundle file of "." to BundleList; returns how many were found.

@@ -248,3 +248,12 @@ void FreeBundleInfo(BUNDLEINFOPTR Bundle)
     free(Bundle->OSVersion);
     free(Bundle);
 }
+
+void FreeBundleList(BUNDLEINFOPTR *List)
+{
+    while (*List != nullptr) {
+        BUNDLEINFOPTR Next = (*List)->Next;
+        FreeBundleInfo(*List);
+        *List = Next;
+    }
+}
