@@ -3,6 +3,8 @@
 // flags by the manager and the three prompts. Defined in parser/operations/.
 #pragma once
 
+#include <pthread.h>
+
 #include <cstddef>
 #include <cstdint>
 
@@ -42,6 +44,16 @@ void SendParserAnswer(PPARSERWORK Work, int ReturnCode, unsigned char *Payload, 
 void SendParserAnswerWithRequest(PPARSERWORK Work, int ReturnCode);
 // Releases both areas (either may be NULL) and uncounts the worker from ThreadCount.
 void EndParserWork(PPARSERWORK Work);
+// Held by a worker around all its work on BundleList, ComponentList, InstallPacketList,
+// NumberOfComponentsInBundle, the XML tree and CurrentlyInstalledOS; outermost of the
+// sub-service's locks (see parser/operations/workers.cpp), never taken by the listener.
+extern pthread_mutex_t ParserStateMutex;
+typedef void (*PARSERSTEP)(PPARSERWORK Work);
+enum { WORK_ALONE = 0, WORK_ON_PARSER_STATE = 1, WORK_EXIT_WITHOUT_REQUEST = 2 };
+// The whole life of one worker: takes the request of OpCode, runs Step (holding
+// ParserStateMutex with WORK_ON_PARSER_STATE), ends. With WORK_EXIT_WITHOUT_REQUEST a missing
+// request sets Parser_Exiting. Returns BeginParserWork's result.
+int RunParserWorker(uint32_t OpCode, const char *OpCodeName, PARSERSTEP Step, int Flags);
 // Encodes Text as one STRING item at the start of Buffer (BufferSize bytes); the declared
 // length counts the NUL when CountNul is 1. Returns the bytes written, or -1 when the item
 // does not fit (nothing is written then).

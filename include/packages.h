@@ -16,8 +16,9 @@ signed char GetInstalledOSVersion(int OSMfg, char *InstalledOSName, char *Instal
 void CheckForULSP3(void);
 // The detection sequence that IsOSSupportedByBundle runs first: probes the release files,
 // fills the caller's two zero-filled OS_NAME_MAX buffers and sets CurrentlyInstalledOS.
-// FALSE (with the unsupported-OS message) when no release file exists, else TRUE whatever
-// the pipelines gave.
+// FALSE (with the unsupported-OS message) when no release file exists, FALSE (with a message
+// naming /tmp/release.out) when that path cannot be made safe for the pipelines, else TRUE
+// whatever the pipelines gave.
 signed char DetectInstalledOS(char *InstalledOSName, char *InstalledOSVersion);
 
 // Bundle descriptions.
@@ -46,6 +47,8 @@ int GetBundleName(const char *BundleXMLFileName, const char *LanguageName, char 
                   size_t BundleNameSize);
 // Frees one record and its three buffers (not the records after it).
 void FreeBundleInfo(BUNDLEINFOPTR Bundle);
+// Frees every record of the list at *List and sets *List to NULL.
+void FreeBundleList(BUNDLEINFOPTR *List);
 
 // Component descriptions.
 typedef struct _ComponentInfo {
@@ -85,6 +88,8 @@ extern COMPONENTINFOPTR ComponentList;
 // ScratchField zero-filled, Status 201, InstallStatus -502. Appends it to ComponentList.
 COMPONENTINFOPTR AppendComponent(const char *FileName);
 void FreeComponentList(void);
+// Frees an install record and its eight strings (NULL is allowed).
+void FreeInstallPacket(PRZP_INSTALL_PACKET Packet);
 
 // XMLFileName: a buffer of COMPONENT_FIELD_SIZE bytes. A derived name that would not fit is
 // refused with -1 and a message, the buffer untouched.

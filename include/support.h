@@ -10,5 +10,9 @@ int strupr(char *Value);
 // Returns 0 when the whole string fitted, 1 when it was cut (or Src is NULL: Dest empty).
 int CopyBounded(char *Dest, size_t DestSize, const char *Src);
 
+// Copies the whole of Src into Dest of DestSize bytes and returns 0; when Src does not fit
+// (or is NULL) returns 1 and leaves Dest untouched. For values that a cut would change.
+int CopyWhole(char *Dest, size_t DestSize, const char *Src);
+
 // Returns a malloc'ed copy of Src, or NULL for a NULL Src or when memory runs out.
 char *DuplicateString(const char *Src);

@@ -110,6 +110,9 @@ enum { XML_WALK_OK = 0, XML_WALK_SWITCH_FAILED = 1, XML_WALK_MISSING = 2 };
 //           {"LINUX", "LINUX"}, {XML_INSTALLED_OS, NULL}}.
 SECTIONPTR WalkToSection(const char *FileName, const XMLSTEP *Steps, int StepCount,
                          int *Failure);
+// The same walk over the tree as it stands, for a reader that has applied the current-file
+// rule itself (no file is parsed here).
+SECTIONPTR WalkTreeToSection(const XMLSTEP *Steps, int StepCount, int *Failure);
 // Prints "The XML file is corrupt.  The '%s' section cannot be found.\n".
 void PrintMissingSection(const char *What);
 // Language selection: the content (CDATA when WantCDATA, else text) of the first child of

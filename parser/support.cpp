@@ -33,6 +33,14 @@ int CopyBounded(char *Dest, size_t DestSize, const char *Src)
     return 0;
 }
 
+int CopyWhole(char *Dest, size_t DestSize, const char *Src)
+{
+    if (Src == nullptr || strnlen(Src, DestSize) >= DestSize)
+        return 1;
+    memcpy(Dest, Src, strlen(Src) + 1);
+    return 0;
+}
+
 char *DuplicateString(const char *Src)
 {
     if (Src == nullptr)

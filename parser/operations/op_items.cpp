@@ -1,7 +1,8 @@
 // op_items.cpp - the workers that hand out the install records (number of items, first, next,
 // last), the close-input-file worker, and the update of three run flags from the manager's
-// packet. Reads InstallPacketList and NumberOfComponentsInBundle; writes REBOOT_IF_NEEDED,
-// FORCE_INSTALL_FLAG and NO_USER_INTERFACE (update packet, on the listener thread).
+// packet. Reads InstallPacketList and NumberOfComponentsInBundle (holding ParserStateMutex);
+// writes REBOOT_IF_NEEDED, FORCE_INSTALL_FLAG and NO_USER_INTERFACE (update packet, on the
+// listener thread).
 #include <cstdio>
 #include <cstring>
 
@@ -20,46 +21,27 @@ static void AnswerWithRecord(PPARSERWORK Work, PINSTALL_PACKET_LIST Node)
                      Node->InstallPacketSendBufferLength);
 }
 
-void *HandleParserCloseInputFilePacket(void *parm1)
+static void CloseInputFile(PPARSERWORK Work)
 {
-    (void)parm1;
-    PARSERWORK Work = {nullptr, nullptr};
-    if (BeginParserWork(&Work, RZP_PARSER_CLOSE_INPUT_FILE, "RZP_PARSER_CLOSE_INPUT_FILE") == 0)
-        SendParserAnswerWithRequest(&Work, RZP_SUCCESS);
-    EndParserWork(&Work);
-    return nullptr;
+    SendParserAnswerWithRequest(Work, RZP_SUCCESS);
 }
 
-void *HandleParserReturnNumberOfItemsPacket(void *parm1)
+static void AnswerNumberOfItems(PPARSERWORK Work)
 {
-    (void)parm1;
-    PARSERWORK Work = {nullptr, nullptr};
-    if (BeginParserWork(&Work, RZP_PARSER_RETURN_NUMBER_OF_ITEMS,
-                        "RZP_PARSER_RETURN_NUMBER_OF_ITEMS") == 0) {
-        int Count = NumberOfComponentsInBundle;
-        memset(Work.Buffer, 0, RZP_MAX_PAYLOAD);
-        int Length = Tokenize(Work.Buffer, "%U%U%U", static_cast<uint32_t>(RZP_TYPE_ULONG),
-                              static_cast<uint32_t>(4), static_cast<uint32_t>(Count));
-        DebugPrint("Parser number of items: Type %d  Length %d  Value %d\n", RZP_TYPE_ULONG, 4,
-                   Count);
-        SendParserAnswer(&Work, RZP_SUCCESS, Work.Buffer, Length);
-    }
-    EndParserWork(&Work);
-    return nullptr;
+    int Count = NumberOfComponentsInBundle;
+    memset(Work->Buffer, 0, RZP_MAX_PAYLOAD);
+    int Length = Tokenize(Work->Buffer, "%U%U%U", static_cast<uint32_t>(RZP_TYPE_ULONG),
+                          static_cast<uint32_t>(4), static_cast<uint32_t>(Count));
+    DebugPrint("Parser number of items: Type %d  Length %d  Value %d\n", RZP_TYPE_ULONG, 4, Count);
+    SendParserAnswer(Work, RZP_SUCCESS, Work->Buffer, Length);
 }
 
-void *HandleParserReturnFirstItemPacket(void *parm1)
+static void AnswerFirstItem(PPARSERWORK Work)
 {
-    (void)parm1;
-    PARSERWORK Work = {nullptr, nullptr};
-    if (BeginParserWork(&Work, RZP_PARSER_RETURN_FIRST_ITEM, "RZP_PARSER_RETURN_FIRST_ITEM") == 0) {
-        if (InstallPacketList == nullptr)
-            SendParserAnswer(&Work, RZP_PARSER_NO_MORE_ITEMS, nullptr, 0);
-        else
-            AnswerWithRecord(&Work, InstallPacketList);
-    }
-    EndParserWork(&Work);
-    return nullptr;
+    if (InstallPacketList == nullptr)
+        SendParserAnswer(Work, RZP_PARSER_NO_MORE_ITEMS, nullptr, 0);
+    else
+        AnswerWithRecord(Work, InstallPacketList);
 }
 
 // The node after the one whose handle the next-item request names, or NULL when the request
@@ -79,37 +61,67 @@ static PINSTALL_PACKET_LIST FindNextRecord(PPARSERWORK Work)
     return Node == nullptr ? nullptr : Node->NextPacket;
 }
 
+static void AnswerNextItem(PPARSERWORK Work)
+{
+    PINSTALL_PACKET_LIST Next = nullptr;
+    if (InstallPacketList == nullptr)
+        SendParserAnswerWithRequest(Work, RZP_PARSER_NO_MORE_ITEMS);
+    else if ((Next = FindNextRecord(Work)) == nullptr)
+        SendParserAnswer(Work, RZP_PARSER_NO_MORE_ITEMS, nullptr, 0);
+    else
+        AnswerWithRecord(Work, Next);
+}
+
+static void AnswerLastItem(PPARSERWORK Work)
+{
+    PINSTALL_PACKET_LIST Node = InstallPacketList;
+    while (Node != nullptr && Node->NextPacket != nullptr)
+        Node = Node->NextPacket;
+    if (Node == nullptr)
+        SendParserAnswerWithRequest(Work, RZP_PARSER_NO_MORE_ITEMS);
+    else
+        AnswerWithRecord(Work, Node);
+}
+
+// Close touches no shared state and answers beside a running parse; the item workers read
+// what a parse writes and wait for it.
+void *HandleParserCloseInputFilePacket(void *parm1)
+{
+    (void)parm1;
+    RunParserWorker(RZP_PARSER_CLOSE_INPUT_FILE, "RZP_PARSER_CLOSE_INPUT_FILE", CloseInputFile,
+                    WORK_ALONE);
+    return nullptr;
+}
+
+void *HandleParserReturnNumberOfItemsPacket(void *parm1)
+{
+    (void)parm1;
+    RunParserWorker(RZP_PARSER_RETURN_NUMBER_OF_ITEMS, "RZP_PARSER_RETURN_NUMBER_OF_ITEMS",
+                    AnswerNumberOfItems, WORK_ON_PARSER_STATE);
+    return nullptr;
+}
+
+void *HandleParserReturnFirstItemPacket(void *parm1)
+{
+    (void)parm1;
+    RunParserWorker(RZP_PARSER_RETURN_FIRST_ITEM, "RZP_PARSER_RETURN_FIRST_ITEM", AnswerFirstItem,
+                    WORK_ON_PARSER_STATE);
+    return nullptr;
+}
+
 void *HandleParserReturnNextItemPacket(void *parm1)
 {
     (void)parm1;
-    PARSERWORK Work = {nullptr, nullptr};
-    if (BeginParserWork(&Work, RZP_PARSER_RETURN_NEXT_ITEM, "RZP_PARSER_RETURN_NEXT_ITEM") == 0) {
-        PINSTALL_PACKET_LIST Next = nullptr;
-        if (InstallPacketList == nullptr)
-            SendParserAnswerWithRequest(&Work, RZP_PARSER_NO_MORE_ITEMS);
-        else if ((Next = FindNextRecord(&Work)) == nullptr)
-            SendParserAnswer(&Work, RZP_PARSER_NO_MORE_ITEMS, nullptr, 0);
-        else
-            AnswerWithRecord(&Work, Next);
-    }
-    EndParserWork(&Work);
+    RunParserWorker(RZP_PARSER_RETURN_NEXT_ITEM, "RZP_PARSER_RETURN_NEXT_ITEM", AnswerNextItem,
+                    WORK_ON_PARSER_STATE);
     return nullptr;
 }
 
 void *HandleParserReturnLastItemPacket(void *parm1)
 {
     (void)parm1;
-    PARSERWORK Work = {nullptr, nullptr};
-    if (BeginParserWork(&Work, RZP_PARSER_RETURN_LAST_ITEM, "RZP_PARSER_RETURN_LAST_ITEM") == 0) {
-        PINSTALL_PACKET_LIST Node = InstallPacketList;
-        while (Node != nullptr && Node->NextPacket != nullptr)
-            Node = Node->NextPacket;
-        if (Node == nullptr)
-            SendParserAnswerWithRequest(&Work, RZP_PARSER_NO_MORE_ITEMS);
-        else
-            AnswerWithRecord(&Work, Node);
-    }
-    EndParserWork(&Work);
+    RunParserWorker(RZP_PARSER_RETURN_LAST_ITEM, "RZP_PARSER_RETURN_LAST_ITEM", AnswerLastItem,
+                    WORK_ON_PARSER_STATE);
     return nullptr;
 }
 

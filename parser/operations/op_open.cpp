@@ -1,6 +1,7 @@
 // op_open.cpp - the open-input-file worker: finds the bundle XML files of the current
 // directory, keeps those that support the installed distribution and answers with the name
-// of the one left. Writes ParserQueue->BundleList and, when no bundle fits, Parser_Exiting.
+// of the one left. Writes, holding ParserStateMutex, ParserQueue->BundleList (and through the
+// detection CurrentlyInstalledOS and the tree); when no bundle fits, Parser_Exiting.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -35,11 +36,7 @@ static BUNDLEINFOPTR NewBundleCandidate(void)
 // A second open starts from an empty list, so that its answer reflects the directory now.
 static void ClearBundleList(void)
 {
-    while (ParserQueue->BundleList != nullptr) {
-        BUNDLEINFOPTR Next = ParserQueue->BundleList->Next;
-        FreeBundleInfo(ParserQueue->BundleList);
-        ParserQueue->BundleList = Next;
-    }
+    FreeBundleList(&ParserQueue->BundleList);
 }
 
 // Appends every bundle file of "." to BundleList; returns how many were found.
@@ -132,16 +129,18 @@ static void OpenBundle(PPARSERWORK Work)
     }
 }
 
+static void OpenInputFile(PPARSERWORK Work)
+{
+    if (TQR_INSTALL != 0)
+        OpenForTQRInstall(Work);
+    else
+        OpenBundle(Work);
+}
+
 void *HandleParserOpenInputFilePacket(void *parm1)
 {
     (void)parm1;
-    PARSERWORK Work = {nullptr, nullptr};
-    if (BeginParserWork(&Work, RZP_PARSER_OPEN_INPUT_FILE, "RZP_PARSER_OPEN_INPUT_FILE") == 0) {
-        if (TQR_INSTALL != 0)
-            OpenForTQRInstall(&Work);
-        else
-            OpenBundle(&Work);
-    }
-    EndParserWork(&Work);
+    RunParserWorker(RZP_PARSER_OPEN_INPUT_FILE, "RZP_PARSER_OPEN_INPUT_FILE", OpenInputFile,
+                    WORK_ON_PARSER_STATE);
     return nullptr;
 }

@@ -1,7 +1,7 @@
 // op_parse.cpp - the parse-input-file worker: announces the installation, builds the component
 // list of the chosen bundle (or of the TQR packages), checks and builds every component and
-// reports the failed ones. Writes ComponentList, NumberOfComponentsInBundle and, through the
-// builder, InstallPacketList.
+// reports the failed ones. Writes, holding ParserStateMutex, ComponentList,
+// NumberOfComponentsInBundle and, through the builder, InstallPacketList and the tree.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -186,25 +186,24 @@ static void ParseInputFile(PPARSERWORK Work, PARSEBUFFERS *Buffers)
     AnswerParse(Work, Buffers, BundleFile);
 }
 
+static void ParseWithBuffers(PPARSERWORK Work)
+{
+    PARSEBUFFERS Buffers;
+    Buffers.Send = static_cast<unsigned char *>(calloc(1, RZP_MAX_PAYLOAD));
+    Buffers.Text = static_cast<char *>(calloc(1, RZP_MAX_PAYLOAD));
+    if (Buffers.Send == nullptr || Buffers.Text == nullptr)
+        SendParserAnswerWithRequest(Work, RZP_OUT_OF_MEMORY);
+    else
+        ParseInputFile(Work, &Buffers);
+    free(Buffers.Send);
+    free(Buffers.Text);
+}
+
 void *HandleParserParseInputFilePacket(void *parm1)
 {
     (void)parm1;
-    PARSERWORK Work = {nullptr, nullptr};
-    int Result = BeginParserWork(&Work, RZP_PARSER_PARSE_INPUT_FILE, "RZP_PARSER_PARSE_INPUT_FILE");
-    if (Result == RZP_OPCODE_NOT_SUPPORTED)
-        Parser_Exiting = 1;
-    if (Result == 0) {
-        PARSEBUFFERS Buffers;
-        Buffers.Send = static_cast<unsigned char *>(calloc(1, RZP_MAX_PAYLOAD));
-        Buffers.Text = static_cast<char *>(calloc(1, RZP_MAX_PAYLOAD));
-        if (Buffers.Send == nullptr || Buffers.Text == nullptr)
-            SendParserAnswerWithRequest(&Work, RZP_OUT_OF_MEMORY);
-        else
-            ParseInputFile(&Work, &Buffers);
-        free(Buffers.Send);
-        free(Buffers.Text);
-    }
-    EndParserWork(&Work);
+    RunParserWorker(RZP_PARSER_PARSE_INPUT_FILE, "RZP_PARSER_PARSE_INPUT_FILE", ParseWithBuffers,
+                    WORK_ON_PARSER_STATE | WORK_EXIT_WITHOUT_REQUEST);
     return nullptr;
 }
 

@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 #include "operations.h"
 #include "protocol.h"
@@ -44,13 +43,13 @@ int EncodePrompt(unsigned char *Payload, const PromptKind &Kind)
 // The items of an answer: the prompt, the bounds or allowed characters, the answer.
 struct PromptAnswer {
     uint32_t PromptType, PromptLength;
-    std::vector<char> Prompt = std::vector<char>(RZP_MAX_PAYLOAD);
+    char *Prompt; // RZP_MAX_PAYLOAD bytes, as are Chars and Returned
     uint32_t MinType, MinLength, MaxType, MaxLength;
     int32_t Minimum, Maximum;
     uint32_t CharsType, CharsLength;
-    std::vector<char> Chars = std::vector<char>(RZP_MAX_PAYLOAD);
+    char *Chars;
     uint32_t ReturnedType, ReturnedLength;
-    std::vector<char> Returned = std::vector<char>(RZP_MAX_PAYLOAD);
+    char *Returned;
     unsigned char ReturnedCharacter;
 };
 
@@ -61,11 +60,11 @@ int DecodeAnswer(const unsigned char *Payload, int Length, const PromptKind &Kin
     PAYLOADREADER R = {Payload, Length, 0, 0};
     A->PromptType = ReadPayloadU32(&R);
     A->PromptLength = ReadPayloadU32(&R);
-    ReadPayloadString(&R, A->Prompt.data(), A->Prompt.size());
+    ReadPayloadString(&R, A->Prompt, RZP_MAX_PAYLOAD);
     if (Kind.AllowedCharacters != nullptr) {
         A->CharsType = ReadPayloadU32(&R);
         A->CharsLength = ReadPayloadU32(&R);
-        ReadPayloadString(&R, A->Chars.data(), A->Chars.size());
+        ReadPayloadString(&R, A->Chars, RZP_MAX_PAYLOAD);
         A->ReturnedType = ReadPayloadU32(&R);
         A->ReturnedLength = ReadPayloadU32(&R);
         A->ReturnedCharacter = ReadPayloadByte(&R);
@@ -78,7 +77,7 @@ int DecodeAnswer(const unsigned char *Payload, int Length, const PromptKind &Kin
         A->Maximum = static_cast<int32_t>(ReadPayloadU32(&R));
         A->ReturnedType = ReadPayloadU32(&R);
         A->ReturnedLength = ReadPayloadU32(&R);
-        ReadPayloadString(&R, A->Returned.data(), A->Returned.size());
+        ReadPayloadString(&R, A->Returned, RZP_MAX_PAYLOAD);
     }
     return R.Failed ? -1 : R.Offset;
 }
@@ -86,11 +85,11 @@ int DecodeAnswer(const unsigned char *Payload, int Length, const PromptKind &Kin
 void PrintAnswer(const PromptKind &Kind, const PromptAnswer &A)
 {
     printf("Parser...PromptType: %d   PromptLength: %d    Prompt:  %s\n", A.PromptType,
-           A.PromptLength, A.Prompt.data());
+           A.PromptLength, A.Prompt);
     if (Kind.AllowedCharacters != nullptr) {
         printf("Parser...Supported Chars Type: %d   Supported Chars Length: %d     Supported "
                "Chars: %s\n",
-               A.CharsType, A.CharsLength, A.Chars.data());
+               A.CharsType, A.CharsLength, A.Chars);
         printf("Parser...Returned Type: %d   Returned Length: %d     Returned Character: %c\n",
                A.ReturnedType, A.ReturnedLength, A.ReturnedCharacter);
         return;
@@ -100,36 +99,58 @@ void PrintAnswer(const PromptKind &Kind, const PromptAnswer &A)
     printf("Parser...Max Type: %d   Max Length: %d     Maximum: %d\n", A.MaxType, A.MaxLength,
            A.Maximum);
     printf("Parser...Returned Type: %d   Returned Length: %d     Returned %s: %s\n",
-           A.ReturnedType, A.ReturnedLength, Kind.ReturnedLabel, A.Returned.data());
+           A.ReturnedType, A.ReturnedLength, Kind.ReturnedLabel, A.Returned);
+}
+
+void FreeAnswer(PromptAnswer *A)
+{
+    free(A->Prompt);
+    free(A->Chars);
+    free(A->Returned);
+}
+
+// Decodes the answer of Length bytes in Payload and shows it in debug mode. The bytes
+// decoded, -1 for an answer without its items, -111 when its areas cannot be allocated.
+int TakeAnswer(const PromptKind &Kind, const unsigned char *Payload, int Length)
+{
+    PromptAnswer Answer;
+    memset(&Answer, 0, sizeof Answer);
+    Answer.Prompt = static_cast<char *>(calloc(1, RZP_MAX_PAYLOAD));
+    Answer.Chars = static_cast<char *>(calloc(1, RZP_MAX_PAYLOAD));
+    Answer.Returned = static_cast<char *>(calloc(1, RZP_MAX_PAYLOAD));
+    int Result = RZP_OUT_OF_MEMORY;
+    if (Answer.Prompt != nullptr && Answer.Chars != nullptr && Answer.Returned != nullptr)
+        Result = DecodeAnswer(Payload, Length, Kind, &Answer);
+    if (Result == -1)
+        printf("Parser...The answer to %s does not hold its items (Data Length %d).\n", Kind.Name,
+               Length);
+    else if (Result >= 0 && Debugging())
+        PrintAnswer(Kind, Answer);
+    FreeAnswer(&Answer);
+    return Result;
 }
 
 int SendPrompt(const PromptKind &Kind)
 {
     if (QueryOpcodeSupport(Kind.OpCode, Kind.Name) != 0)
         return RZP_OPCODE_NOT_SUPPORTED;
+    unsigned char *Payload = static_cast<unsigned char *>(calloc(1, RZP_MAX_PAYLOAD));
+    if (Payload == nullptr)
+        return RZP_OUT_OF_MEMORY;
     RZP_HEADER_PACKET Header;
-    std::vector<unsigned char> Payload(RZP_MAX_PAYLOAD);
     FillRequestHeader(&Header, Kind.OpCode, ParserQueue->WriteConnectionHandle,
-                      EncodePrompt(Payload.data(), Kind));
+                      EncodePrompt(Payload, Kind));
     PENDINGWAIT Wait;
     ExpectAnswerByOpCode(&Wait, Kind.OpCode);
-    SendPacketLocked(&Header, Payload.data());
+    SendPacketLocked(&Header, Payload);
     // The answer is the first parked packet of the prompt's opcode. The header is not cleared
     // first: a wait ended by the exit flag leaves the request's own -106.
-    std::fill(Payload.begin(), Payload.end(), 0);
-    WaitForExpectedAnswer(&Wait, &Header, Payload.data());
+    memset(Payload, 0, RZP_MAX_PAYLOAD);
+    WaitForExpectedAnswer(&Wait, &Header, Payload);
     int Result = Header.ReturnCode;
-    if (Result != 0)
-        return Result;
-    PromptAnswer Answer;
-    Result = DecodeAnswer(Payload.data(), Header.DataLength, Kind, &Answer);
-    if (Result < 0) {
-        printf("Parser...The answer to %s does not hold its items (Data Length %d).\n", Kind.Name,
-               Header.DataLength);
-        return Result;
-    }
-    if (Debugging())
-        PrintAnswer(Kind, Answer);
+    if (Result == 0)
+        Result = TakeAnswer(Kind, Payload, Header.DataLength);
+    free(Payload);
     return Result;
 }
 

@@ -1,6 +1,12 @@
 // workers.cpp - the shape every parser worker thread shares: its request and answer areas,
-// taking the request back from the pending-I/O list, answering in the request's header and
-// ending. Writes ThreadCount (each worker uncounts itself) and LocalSequenceNumber (answers).
+// taking the request back from the pending-I/O list, the parser state lock around its work,
+// answering in the request's header and ending. Owns ParserStateMutex. Writes ThreadCount
+// (each worker uncounts itself) and LocalSequenceNumber (answers).
+//
+// Lock order, outermost first: ParserStateMutex (a worker's whole work on the shared state,
+// waits for the manager's answers included), SendDataMutex (one send), the write
+// connection's lock. PendingIOMutex is taken alone, inside Enqueue and the dequeues. The
+// listener never takes ParserStateMutex, so the answers a parse waits for always arrive.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -10,11 +16,11 @@
 #include "runflags.h"
 #include "service.h"
 
-// The shared lists, the XML tree and the counts pass from one worker to the next without a
-// lock: the manager asks for the next operation only after the previous answer arrived. That
-// order travels through the connection, where thread analysers cannot see it, so every
-// answer is also published here and every worker acquires it after taking its request.
-static std::atomic<unsigned> AnswersSent(0);
+// BundleList, ComponentList, InstallPacketList, NumberOfComponentsInBundle, the XML tree and
+// CurrentlyInstalledOS belong to the worker that holds this lock. A manager is meant to wait
+// for each answer before its next request; one that does not must still find every request
+// answered once and the records whole, so the workers take turns here.
+pthread_mutex_t ParserStateMutex = PTHREAD_MUTEX_INITIALIZER;
 
 int BeginParserWork(PPARSERWORK Work, uint32_t OpCode, const char *OpCodeName)
 {
@@ -30,7 +36,6 @@ int BeginParserWork(PPARSERWORK Work, uint32_t OpCode, const char *OpCodeName)
                OpCodeName);
         return RZP_OPCODE_NOT_SUPPORTED;
     }
-    AnswersSent.load(std::memory_order_acquire);
     return 0;
 }
 
@@ -41,8 +46,24 @@ void SendParserAnswer(PPARSERWORK Work, int ReturnCode, unsigned char *Payload, 
     Header->RemoteSequenceNumber = NextSequenceNumber();
     Header->DestHandle = ParserQueue->WriteConnectionHandle;
     Header->DataLength = DataLength;
-    AnswersSent.fetch_add(1, std::memory_order_release);
     SendPacketLocked(Header, DataLength > 0 ? Payload : nullptr);
+}
+
+int RunParserWorker(uint32_t OpCode, const char *OpCodeName, PARSERSTEP Step, int Flags)
+{
+    PARSERWORK Work = {nullptr, nullptr};
+    int Result = BeginParserWork(&Work, OpCode, OpCodeName);
+    if (Result == RZP_OPCODE_NOT_SUPPORTED && (Flags & WORK_EXIT_WITHOUT_REQUEST) != 0)
+        Parser_Exiting = 1;
+    if (Result == 0) {
+        if ((Flags & WORK_ON_PARSER_STATE) != 0)
+            pthread_mutex_lock(&ParserStateMutex);
+        Step(&Work);
+        if ((Flags & WORK_ON_PARSER_STATE) != 0)
+            pthread_mutex_unlock(&ParserStateMutex);
+    }
+    EndParserWork(&Work);
+    return Result;
 }
 
 void SendParserAnswerWithRequest(PPARSERWORK Work, int ReturnCode)

@@ -122,17 +122,17 @@ signed char IsOSSupportedByBundle(const char *BundleXMLFileName)
     char V[OS_NAME_MAX] = {};
     if (BundleXMLFileName == nullptr)
         return DetectInstalledOS(N, V);
-    // A switch away from a current file happens before the detection, and its failure ends
-    // the call. A first parse is left to the walk below, so that a file that fails to parse
-    // is read (and reported) once, not again by the walk.
-    if (CurrentXMLFileParsed != nullptr && UseXMLFile(BundleXMLFileName) != 0)
+    // The current-file rule comes first on every call (a failed first parse goes on with the
+    // empty tree, a failed switch ends the call), then the detection, then the walk over the
+    // tree as it stands, so that the file is read once.
+    if (UseXMLFile(BundleXMLFileName) != 0)
         return FALSE;
     if (!DetectInstalledOS(N, V))
         return FALSE;
     static const XMLSTEP Steps[] = {{"zel_bundle", "zel_bundle"},
                                     {"operating_systems", "operating_systems"}};
     int Failure = XML_WALK_OK;
-    SECTIONPTR Systems = WalkToSection(BundleXMLFileName, Steps, 2, &Failure);
+    SECTIONPTR Systems = WalkTreeToSection(Steps, 2, &Failure);
     if (Systems == nullptr)
         return FALSE;
     int Outcome = AnyEntryMatches(Systems, N, V);
@@ -148,13 +148,11 @@ signed char IsOSSupportedByBundle(const char *BundleXMLFileName)
 
 // Copies Value into the caller's buffer, refusing (with a message) a value that does not fit:
 // a cut version or name would say something else.
-static bool CopyWhole(char *Dest, size_t DestSize, const char *Value, const char *What,
-                      const char *FileName)
+static bool CopyBundleValue(char *Dest, size_t DestSize, const char *Value, const char *What,
+                            const char *FileName)
 {
-    if (strlen(Value) < DestSize) {
-        CopyBounded(Dest, DestSize, Value);
+    if (CopyWhole(Dest, DestSize, Value) == 0)
         return true;
-    }
     printf("The %s in the bundle XML file %s is longer than %zu characters; it is refused.\n", What,
            FileName, DestSize == 0 ? static_cast<size_t>(0) : DestSize - 1);
     return false;
@@ -168,7 +166,7 @@ int GetBundleVersion(const char *BundleXMLFileName, char *BundleVersion, size_t 
     const char *Value = Version != nullptr ? GetAttribute(Version, "value") : nullptr;
     if (Value == nullptr || BundleVersion == nullptr)
         return RZP_PARSER_BAD_BUNDLE;
-    if (!CopyWhole(BundleVersion, BundleVersionSize, Value, "version", BundleXMLFileName))
+    if (!CopyBundleValue(BundleVersion, BundleVersionSize, Value, "version", BundleXMLFileName))
         return RZP_PARSER_BAD_BUNDLE;
     return 0;
 }
@@ -230,7 +228,7 @@ int GetBundleName(const char *BundleXMLFileName, const char *LanguageName, char 
     if (Name == nullptr)
         return Failure == XML_WALK_SWITCH_FAILED ? -1 : MissingNameSection();
     const char *Text = SelectLanguage(Name, "name_xlate", LanguageName, 0);
-    if (Text == nullptr || !CopyWhole(BundleName, BundleNameSize, Text, "name", BundleXMLFileName))
+    if (Text == nullptr || !CopyBundleValue(BundleName, BundleNameSize, Text, "name", BundleXMLFileName))
         return -5;
     return 0;
 }
@@ -243,4 +241,13 @@ void FreeBundleInfo(BUNDLEINFOPTR Bundle)
     free(Bundle->Version);
     free(Bundle->OSVersion);
     free(Bundle);
+}
+
+void FreeBundleList(BUNDLEINFOPTR *List)
+{
+    while (*List != nullptr) {
+        BUNDLEINFOPTR Next = (*List)->Next;
+        FreeBundleInfo(*List);
+        *List = Next;
+    }
 }

@@ -24,18 +24,21 @@ static void FreeComponent(COMPONENTINFOPTR Component)
                        Component->RebootRequired, Component->ScratchField};
     for (char *String : Strings)
         free(String);
-    PRZP_INSTALL_PACKET Packet = Component->InstallPacket;
-    if (Packet != nullptr) {
-        char *PacketStrings[] = {Packet->FailureReasonString, Packet->ComponentFileName,
-                                 Packet->ComponentName, Packet->ComponentDescription,
-                                 Packet->ComponentVersion, Packet->InstallCommand,
-                                 Packet->ConfigurationInputFileName,
-                                 Packet->ConfigurationOutputFileName};
-        for (char *String : PacketStrings)
-            free(String);
-        free(Packet);
-    }
+    FreeInstallPacket(Component->InstallPacket);
     free(Component);
+}
+
+void FreeInstallPacket(PRZP_INSTALL_PACKET Packet)
+{
+    if (Packet == nullptr)
+        return;
+    char *Strings[] = {Packet->FailureReasonString, Packet->ComponentFileName,
+                       Packet->ComponentName, Packet->ComponentDescription,
+                       Packet->ComponentVersion, Packet->InstallCommand,
+                       Packet->ConfigurationInputFileName, Packet->ConfigurationOutputFileName};
+    for (char *String : Strings)
+        free(String);
+    free(Packet);
 }
 
 COMPONENTINFOPTR AppendComponent(const char *FileName)

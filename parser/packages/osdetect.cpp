@@ -1,6 +1,7 @@
 // osdetect.cpp - detection of the installed distribution from its release file under /etc,
 // through shell pipelines that leave their result in /tmp/release.out.
-// Writes CurrentlyInstalledOS (defined with the tree's globals) and /tmp/release.out.
+// Writes CurrentlyInstalledOS (defined with the tree's globals) and /tmp/release.out (created
+// by this file, root's own, before each pipeline).
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -55,40 +56,127 @@ static const OSPIPELINES *FindPipelines(int OSMfg)
     return nullptr;
 }
 
-// Runs one pipeline and reads the start of what it left in /tmp/release.out into Data (NUL
-// terminated). The file is removed before the pipeline runs and after it is read, and it is
-// opened without following a link and only when it is a regular file, so nothing planted at
-// the fixed path is read instead. Returns the number of bytes read, or -1 with the message.
+// ---- /tmp/release.out ----------------------------------------------------------------------
+// The pipelines are root shells that write "> /tmp/release.out" (open with O_TRUNC, following
+// links, blocking on a FIFO). Before each one the sub-service creates the file itself, new,
+// regular, owned by root and mode 0600, in a sticky /tmp: no other user can then remove or
+// rename it, so the shell writes into that file and nowhere else. After the pipeline the same
+// file is read through the descriptor kept open, once the name is seen to still lead to it.
+
+// How many times something planted at the path is removed before the creation gives up.
+#define RELEASE_OUT_ATTEMPTS 100
+
+enum { RELEASE_OUT_FAILED = -1, RELEASE_OUT_UNSAFE = -2 };
+
+// The detection cannot trust /tmp/release.out: says so, naming the path and the reason.
+static int ReleaseOutUnsafe(const char *Reason)
+{
+    printf("The installed OS cannot be detected: " RELEASE_OUT_FILE
+           " cannot be used safely (%s).\n",
+           Reason);
+    return RELEASE_OUT_UNSAFE;
+}
+
+// /tmp must let only a file's owner remove or rename it: a directory owned by root that no
+// one else may write, or a sticky one.
+static bool TmpKeepsOwnersFiles(void)
+{
+    struct stat Info;
+    if (stat("/tmp", &Info) != 0 || !S_ISDIR(Info.st_mode) || Info.st_uid != 0)
+        return false;
+    return (Info.st_mode & (S_IWGRP | S_IWOTH)) == 0 || (Info.st_mode & S_ISVTX) != 0;
+}
+
+// Removes whatever is at the path (an empty directory included). 0, or the errno of a removal
+// that failed (a non-empty directory of another user: ENOTEMPTY).
+static int RemovePlanted(void)
+{
+    struct stat Info;
+    if (lstat(RELEASE_OUT_FILE, &Info) != 0)
+        return 0;
+    int Result = S_ISDIR(Info.st_mode) ? rmdir(RELEASE_OUT_FILE) : unlink(RELEASE_OUT_FILE);
+    return Result == 0 || errno == ENOENT ? 0 : errno;
+}
+
+// Creates the file afresh for one pipeline: its descriptor (read and write), or -1 with errno.
+// Something planted again between the removal and the creation is removed again, a bounded
+// number of times; something that cannot be removed ends the attempt at once.
+static int CreateReleaseOut(struct stat *Created)
+{
+    for (int Attempt = 0; Attempt < RELEASE_OUT_ATTEMPTS; Attempt++) {
+        int Removal = RemovePlanted();
+        if (Removal != 0) {
+            errno = Removal;
+            return -1;
+        }
+        int Fd = open(RELEASE_OUT_FILE, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (Fd >= 0) {
+            if (fstat(Fd, Created) == 0)
+                return Fd;
+            int Failure = errno;
+            close(Fd);
+            errno = Failure;
+            return -1;
+        }
+        if (errno != EEXIST)
+            return -1;
+    }
+    errno = EEXIST;
+    return -1;
+}
+
+// The path still names the file created for the pipeline, and nothing else links to it.
+static bool StillOurs(int Fd, const struct stat *Created)
+{
+    struct stat AtPath, Opened;
+    if (lstat(RELEASE_OUT_FILE, &AtPath) != 0 || fstat(Fd, &Opened) != 0)
+        return false;
+    return AtPath.st_dev == Created->st_dev && AtPath.st_ino == Created->st_ino &&
+           Opened.st_ino == Created->st_ino && S_ISREG(AtPath.st_mode) &&
+           AtPath.st_uid == geteuid() && AtPath.st_nlink == 1;
+}
+
+// Reads the start of the file (at most DataSize - 1 bytes) into Data, NUL terminated.
+static long ReadReleaseOut(int Fd, char *Data, size_t DataSize)
+{
+    struct stat Info;
+    if (fstat(Fd, &Info) != 0) {
+        printf("Error reading release.out file.  Error returned is %s\n", strerror(errno));
+        return RELEASE_OUT_FAILED;
+    }
+    size_t Size = static_cast<size_t>(Info.st_size);
+    ssize_t Got = pread(Fd, Data, Size < DataSize - 1 ? Size : DataSize - 1, 0);
+    if (Got < 0) {
+        printf("Error reading release.out file.  Error returned is %s\n", strerror(errno));
+        return RELEASE_OUT_FAILED;
+    }
+    Data[Got] = '\0';
+    return Got;
+}
+
+// Runs one pipeline into a fresh /tmp/release.out and reads what it left there into Data.
+// Returns the number of bytes read, RELEASE_OUT_FAILED (read error, with its message) or
+// RELEASE_OUT_UNSAFE (the path cannot be trusted, with its message). The file is removed.
 static long RunReleasePipeline(const char *Pipeline, char *Data, size_t DataSize)
 {
+    Data[0] = '\0';
+    if (!TmpKeepsOwnersFiles())
+        return ReleaseOutUnsafe("/tmp is not a sticky directory owned by root");
+    struct stat Created;
+    int Fd = CreateReleaseOut(&Created);
+    if (Fd < 0)
+        return ReleaseOutUnsafe(strerror(errno));
     char Command[COMMAND_BUFFER_SIZE] = {};
     CopyBounded(Command, sizeof(Command), Pipeline);
-    unlink(RELEASE_OUT_FILE);
     (void)system(Command);
-
-    int Fd = open(RELEASE_OUT_FILE, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (Fd < 0) {
-        printf("Error opening release.out file.  Error returned is %s\n", strerror(errno));
+    long Length = RELEASE_OUT_UNSAFE;
+    if (StillOurs(Fd, &Created)) {
+        Length = ReadReleaseOut(Fd, Data, DataSize);
         unlink(RELEASE_OUT_FILE);
-        return -1;
-    }
-    struct stat Info;
-    long Length = -1;
-    if (fstat(Fd, &Info) != 0 || !S_ISREG(Info.st_mode)) {
-        printf("Error opening release.out file.  Error returned is %s\n", "not a regular file");
     } else {
-        size_t Wanted = static_cast<size_t>(Info.st_size) < DataSize - 1
-                            ? static_cast<size_t>(Info.st_size)
-                            : DataSize - 1;
-        ssize_t Got = read(Fd, Data, Wanted);
-        if (Got < 0)
-            printf("Error reading release.out file.  Error returned is %s\n", strerror(errno));
-        else
-            Length = Got;
+        ReleaseOutUnsafe("it was replaced while a pipeline ran");
     }
     close(Fd);
-    unlink(RELEASE_OUT_FILE);
-    Data[Length < 0 ? 0 : Length] = '\0';
     return Length;
 }
 
@@ -110,14 +198,24 @@ static bool FitsOSBuffer(size_t Length, const char *What)
     return false;
 }
 
+// The outcome of one pass or one code: TRUE, FALSE, or OS_CODE_UNSAFE when /tmp/release.out
+// could not be trusted (the detection then fails as a whole).
+#define OS_CODE_UNSAFE (-1)
+
+// A pipeline that gave nothing usable empties both buffers; an unsafe path says so.
+static signed char PipelineFailed(long Length, char *InstalledOSName, char *InstalledOSVersion)
+{
+    InstalledOSName[0] = InstalledOSVersion[0] = '\0';
+    return Length == RELEASE_OUT_UNSAFE ? OS_CODE_UNSAFE : FALSE;
+}
+
 static signed char VersionPass(const char *Pipeline, char *InstalledOSName,
                                char *InstalledOSVersion)
 {
     char Data[RELEASE_OUT_READ_MAX];
-    if (RunReleasePipeline(Pipeline, Data, sizeof(Data)) < 0) {
-        InstalledOSName[0] = InstalledOSVersion[0] = '\0';
-        return FALSE;
-    }
+    long Length = RunReleasePipeline(Pipeline, Data, sizeof(Data));
+    if (Length < 0)
+        return PipelineFailed(Length, InstalledOSName, InstalledOSVersion);
     size_t Run = 0;
     while (IsDigitOrPunctuation(static_cast<unsigned char>(Data[Run])))
         Run++;
@@ -131,10 +229,9 @@ static signed char VersionPass(const char *Pipeline, char *InstalledOSName,
 static signed char NamePass(const char *Pipeline, char *InstalledOSName, char *InstalledOSVersion)
 {
     char Data[RELEASE_OUT_READ_MAX];
-    if (RunReleasePipeline(Pipeline, Data, sizeof(Data)) < 0) {
-        InstalledOSName[0] = InstalledOSVersion[0] = '\0';
-        return FALSE;
-    }
+    long Length = RunReleasePipeline(Pipeline, Data, sizeof(Data));
+    if (Length < 0)
+        return PipelineFailed(Length, InstalledOSName, InstalledOSVersion);
     size_t Line = strcspn(Data, "\n");
     Data[Line] = '\0';
     if (Line == 0 || !FitsOSBuffer(Line, "name"))
@@ -143,14 +240,21 @@ static signed char NamePass(const char *Pipeline, char *InstalledOSName, char *I
     return TRUE;
 }
 
-signed char GetInstalledOSVersion(int OSMfg, char *InstalledOSName, char *InstalledOSVersion)
+// One code's two passes: TRUE, FALSE or OS_CODE_UNSAFE.
+static signed char RunOSCode(int OSMfg, char *InstalledOSName, char *InstalledOSVersion)
 {
     const OSPIPELINES *Entry = FindPipelines(OSMfg);
     if (Entry == nullptr || InstalledOSName == nullptr || InstalledOSVersion == nullptr)
         return FALSE;
-    if (!VersionPass(Entry->VersionCommand, InstalledOSName, InstalledOSVersion))
-        return FALSE;
+    signed char Result = VersionPass(Entry->VersionCommand, InstalledOSName, InstalledOSVersion);
+    if (Result != TRUE)
+        return Result;
     return NamePass(Entry->NameCommand, InstalledOSName, InstalledOSVersion);
+}
+
+signed char GetInstalledOSVersion(int OSMfg, char *InstalledOSName, char *InstalledOSVersion)
+{
+    return RunOSCode(OSMfg, InstalledOSName, InstalledOSVersion) == TRUE ? TRUE : FALSE;
 }
 
 // CurrentlyInstalledOS = "<name> <version>" with every space turned into '_'.
@@ -174,21 +278,38 @@ static bool ReleaseFileExists(const char *Path)
     return stat(Path, &Info) == 0;
 }
 
+// The codes of one release file, in order: each runs only while the ones before it gave FALSE.
+// TRUE when the last one run gave TRUE, FALSE when none did, OS_CODE_UNSAFE as soon as one was.
+static signed char RunOSCodes(const int *Codes, int Count, char *InstalledOSName,
+                              char *InstalledOSVersion)
+{
+    signed char Result = FALSE;
+    for (int Index = 0; Index < Count && Result == FALSE; Index++)
+        Result = RunOSCode(Codes[Index], InstalledOSName, InstalledOSVersion);
+    return Result;
+}
+
 signed char DetectInstalledOS(char *InstalledOSName, char *InstalledOSVersion)
 {
+    static const int RedHatCodes[] = {OS_RED_HAT, OS_RED_HAT_AS, OS_RED_HAT_EL};
+    static const int UnitedLinuxCodes[] = {OS_UNITED_LINUX};
+    static const int SuSECodes[] = {OS_SUSE};
+    signed char Result;
     if (ReleaseFileExists("/etc/redhat-release")) {
-        if (!GetInstalledOSVersion(OS_RED_HAT, InstalledOSName, InstalledOSVersion) &&
-            !GetInstalledOSVersion(OS_RED_HAT_AS, InstalledOSName, InstalledOSVersion))
-            GetInstalledOSVersion(OS_RED_HAT_EL, InstalledOSName, InstalledOSVersion);
+        Result = RunOSCodes(RedHatCodes, 3, InstalledOSName, InstalledOSVersion);
     } else if (ReleaseFileExists("/etc/UnitedLinux-release")) {
-        GetInstalledOSVersion(OS_UNITED_LINUX, InstalledOSName, InstalledOSVersion);
+        Result = RunOSCodes(UnitedLinuxCodes, 1, InstalledOSName, InstalledOSVersion);
     } else if (ReleaseFileExists("/etc/SuSE-release")) {
-        GetInstalledOSVersion(OS_SUSE, InstalledOSName, InstalledOSVersion);
+        Result = RunOSCodes(SuSECodes, 1, InstalledOSName, InstalledOSVersion);
     } else {
         printf("An attempt was made to install the Rezapak on an unsupported operating system.  "
                "Installation FAILED.\n");
         return FALSE;
     }
+    // What the pipelines gave is taken whatever it is, unless /tmp/release.out could not be
+    // trusted: then nothing was detected, and the call fails rather than match on nothing.
+    if (Result == OS_CODE_UNSAFE)
+        return FALSE;
     VerbosePrint("Installed OS Version is %s %s \n", InstalledOSName, InstalledOSVersion);
     SetCurrentlyInstalledOS(InstalledOSName, InstalledOSVersion);
     return TRUE;

@@ -4,8 +4,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <new>
 
 #include "protocol.h"
 #include "records.h"
@@ -93,19 +91,6 @@ int AppendRequisiteRecord(unsigned char *Buffer, int Capacity, int *Position, ui
     if (RecordLength != nullptr)
         *RecordLength = Record;
     return 0;
-}
-
-static void FreeInstallPacket(PRZP_INSTALL_PACKET Packet)
-{
-    if (Packet == nullptr)
-        return;
-    char *Strings[] = {Packet->FailureReasonString, Packet->ComponentFileName,
-                       Packet->ComponentName, Packet->ComponentDescription,
-                       Packet->ComponentVersion, Packet->InstallCommand,
-                       Packet->ConfigurationInputFileName, Packet->ConfigurationOutputFileName};
-    for (char *String : Strings)
-        free(String);
-    free(Packet);
 }
 
 // One string triple: a copy of Text (absent text is kept as the empty string).
@@ -407,12 +392,18 @@ static int SerializeRecord(RECORD_WRITER *W, const char *XMLFileName, PRZP_INSTA
 
 static void SendFormatted(const char *Coloured, const char *Plain, const char *FileName)
 {
-    char ColouredText[RZP_MAX_PAYLOAD];
-    char PlainText[RZP_MAX_PAYLOAD];
-    if (Coloured != nullptr)
-        snprintf(ColouredText, sizeof(ColouredText), Coloured, FileName);
-    snprintf(PlainText, sizeof(PlainText), Plain, FileName);
-    SendScreenAndLog(Coloured == nullptr ? nullptr : ColouredText, PlainText);
+    char *ColouredText = static_cast<char *>(calloc(1, RZP_MAX_PAYLOAD));
+    char *PlainText = static_cast<char *>(calloc(1, RZP_MAX_PAYLOAD));
+    if (ColouredText != nullptr && PlainText != nullptr) {
+        if (Coloured != nullptr)
+            snprintf(ColouredText, RZP_MAX_PAYLOAD, Coloured, FileName);
+        snprintf(PlainText, RZP_MAX_PAYLOAD, Plain, FileName);
+        SendScreenAndLog(Coloured == nullptr ? nullptr : ColouredText, PlainText);
+    } else {
+        printf("Unable to allocate memory for the message about %s.\n", FileName);
+    }
+    free(ColouredText);
+    free(PlainText);
 }
 
 static void ReportNotSupported(const char *FileName)
@@ -524,6 +515,31 @@ static int OfferRecord(const char *FileName, PRZP_INSTALL_PACKET P, RECORD_WRITE
     return 0;
 }
 
+// Builds, serializes and offers the record of Component in the caller's two zero-filled
+// RZP_MAX_PAYLOAD areas (device sub-records, whole record).
+static int BuildInAreas(const char *XMLFileName, COMPONENTINFOPTR Component,
+                        unsigned char *Devices, unsigned char *Record)
+{
+    const char *FileName = TextOrEmpty(Component->FileName);
+    int DeviceLength = 0;
+    int DeviceCount = RetrievePCIDevicesFromXML(XMLFileName, Devices, &DeviceLength);
+    PRZP_INSTALL_PACKET Packet = NewInstallPacket(XMLFileName, Component, DeviceCount);
+    if (Packet == nullptr)
+        return RZP_OUT_OF_MEMORY;
+    int Result;
+    RECORD_WRITER Writer = {Record, RZP_MAX_PAYLOAD, 0};
+    if (SerializeRecord(&Writer, XMLFileName, Packet, Devices, DeviceLength) != 0) {
+        printf("The install record for %s would be longer than %d bytes; the component is "
+               "refused.\n",
+               FileName, RZP_MAX_PAYLOAD);
+        Result = RZP_OUT_OF_MEMORY;
+    } else {
+        Result = OfferRecord(FileName, Packet, &Writer);
+    }
+    FreeInstallPacket(Packet);
+    return Result;
+}
+
 int BuildRZPInstallStructures(const char *XMLFileName, COMPONENTINFOPTR Component,
                               const char *language)
 {
@@ -533,26 +549,13 @@ int BuildRZPInstallStructures(const char *XMLFileName, COMPONENTINFOPTR Componen
     int Result = ReadComponentDescription(XMLFileName, Component, language);
     if (Result != 0)
         return Result;
-    const char *FileName = TextOrEmpty(Component->FileName);
-    std::unique_ptr<unsigned char[]> Devices(new (std::nothrow) unsigned char[RZP_MAX_PAYLOAD]());
-    std::unique_ptr<unsigned char[]> Record(new (std::nothrow) unsigned char[RZP_MAX_PAYLOAD]());
-    if (Devices == nullptr || Record == nullptr)
-        return RZP_OUT_OF_MEMORY;
-    int DeviceLength = 0;
-    int DeviceCount = RetrievePCIDevicesFromXML(XMLFileName, Devices.get(), &DeviceLength);
-    PRZP_INSTALL_PACKET Packet = NewInstallPacket(XMLFileName, Component, DeviceCount);
-    if (Packet == nullptr)
-        return RZP_OUT_OF_MEMORY;
-    RECORD_WRITER Writer = {Record.get(), RZP_MAX_PAYLOAD, 0};
-    if (SerializeRecord(&Writer, XMLFileName, Packet, Devices.get(), DeviceLength) != 0) {
-        printf("The install record for %s would be longer than %d bytes; the component is "
-               "refused.\n",
-               FileName, RZP_MAX_PAYLOAD);
-        Result = RZP_OUT_OF_MEMORY;
-    } else {
-        Result = OfferRecord(FileName, Packet, &Writer);
-    }
-    FreeInstallPacket(Packet);
+    unsigned char *Devices = static_cast<unsigned char *>(calloc(1, RZP_MAX_PAYLOAD));
+    unsigned char *Record = static_cast<unsigned char *>(calloc(1, RZP_MAX_PAYLOAD));
+    Result = Devices != nullptr && Record != nullptr
+                 ? BuildInAreas(XMLFileName, Component, Devices, Record)
+                 : RZP_OUT_OF_MEMORY;
+    free(Devices);
+    free(Record);
     return Result;
 }
 

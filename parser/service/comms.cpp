@@ -62,6 +62,19 @@ void CloseConnections(int Count, const int *Handles)
         CloseTransport(Handles[i]);
 }
 
+// Frees the connection record with its names and bundle list; ParserQueue becomes NULL.
+void FreeQueueRecord(void)
+{
+    if (ParserQueue == nullptr)
+        return;
+    FreeBundleList(&ParserQueue->BundleList);
+    free(ParserQueue->WriteConnectionName);
+    free(ParserQueue->ReadConnectionName);
+    free(ParserQueue->SubServiceName);
+    free(ParserQueue);
+    ParserQueue = nullptr;
+}
+
 // A start-up failure after the record exists: message, exit flag, release, code.
 int FailStartUp(const char *Message, int Code)
 {
@@ -69,13 +82,7 @@ int FailStartUp(const char *Message, int Code)
         printf("%s", Message);
     Parser_Exiting = 1;
     UnbindTransportLibrary();
-    if (ParserQueue != nullptr) {
-        free(ParserQueue->WriteConnectionName);
-        free(ParserQueue->ReadConnectionName);
-        free(ParserQueue->SubServiceName);
-        free(ParserQueue);
-        ParserQueue = nullptr;
-    }
+    FreeQueueRecord();
     return Code;
 }
 
@@ -294,17 +301,8 @@ void *Shutdown(void *)
         CloseTransport(ParserQueue->ReadConnectionHandle);
         CloseTransport(ParserQueue->WriteConnectionHandle);
         CloseTransport(ParserQueue->RegistrationConnectionHandle);
-        while (ParserQueue->BundleList != nullptr) {
-            BUNDLEINFOPTR Next = ParserQueue->BundleList->Next;
-            FreeBundleInfo(ParserQueue->BundleList);
-            ParserQueue->BundleList = Next;
-        }
-        free(ParserQueue->WriteConnectionName);
-        free(ParserQueue->ReadConnectionName);
-        free(ParserQueue->SubServiceName);
-        free(ParserQueue);
-        ParserQueue = nullptr;
     }
+    FreeQueueRecord();
     FreeComponentList();
     DeleteTree();
     free(CurrentlyInstalledOS);

@@ -55,6 +55,15 @@ SECTIONPTR WalkToSection(const char *FileName, const XMLSTEP *Steps, int StepCou
         *Failure = XML_WALK_SWITCH_FAILED;
         return nullptr;
     }
+    return WalkTreeToSection(Steps, StepCount, Failure);
+}
+
+SECTIONPTR WalkTreeToSection(const XMLSTEP *Steps, int StepCount, int *Failure)
+{
+    int Ignored = 0;
+    if (Failure == nullptr)
+        Failure = &Ignored;
+    *Failure = XML_WALK_OK;
     SECTIONPTR Section = GetRootNode();
     if (Section == nullptr) {
         printf("The XML file is corrupt.  The root node is null.\n");

@@ -121,6 +121,10 @@ TEST_F(Matching, EachRuleAcceptsAndRejects)
         {UL10, System("UnitedLinux 2.0"), FALSE, ""},
         {SLES8, System("SUSE Linux Enterprise Server 9"), TRUE, "(SLES) was found.\n"},
         {SLES8, System("SuSE SLES 8.1"), FALSE, ""},
+        // Every code fails: the empty name and version are contained in every entry, so the
+        // first Red Hat entry matches (a planted /tmp/release.out fails the detection instead).
+        {"Linux\n", System("Red Hat Linux 7.3") + System("Red Hat Enterprise Linux 3"), TRUE,
+         "Red Hat Linux Professional was found\n"},
         // An entry without text ends the search, silently, before a matching one.
         {RH73, "<operating_system>\n</operating_system>\n" + System("Red Hat Linux 7.3"), FALSE,
          nullptr},
@@ -155,6 +159,26 @@ TEST_F(Matching, SilentInstallAndCorruptBundles)
     Out = Captured([&] { EXPECT_EQ(FALSE, IsOSSupportedByBundle(Broken.c_str())); });
     EXPECT_EQ(Out.find("Error 10100"), Out.rfind("Error 10100"));
     EXPECT_TRUE(Has(Out, CorruptSection + "operating_systems' section"));
+}
+
+TEST_F(Matching, TheBundleIsParsedBeforeTheDetectionFromTheFirstCallOn)
+{
+    std::string Out;
+    DEBUG_FLAG = 1;
+    VERBOSE_MODE = 1;
+    EXPECT_EQ(TRUE, Supported(RH73, System("Red Hat Linux 7.3"), &Out));
+    size_t Parsing = Out.find("XMLTOKENIZER--Parsing file, ");
+    ASSERT_NE(std::string::npos, Parsing) << Out;
+    EXPECT_LT(Parsing, Out.find("Installed OS Version is Red Hat Linux 7.3 \n")) << Out;
+    // Without a release file the bundle is still read first, then the detection fails.
+    DeleteTree();
+    std::string Path = Write("bp0n.xml", Bundle(Wrap("operating_systems", {System("x")})));
+    ASSERT_EQ(0, SandboxClearReleaseFiles());
+    Out = Captured([&] { EXPECT_EQ(FALSE, IsOSSupportedByBundle(Path.c_str())); });
+    Parsing = Out.find("XMLTOKENIZER--Parsing file, " + Path);
+    ASSERT_NE(std::string::npos, Parsing) << Out;
+    EXPECT_LT(Parsing, Out.find("on an unsupported operating system.")) << Out;
+    EXPECT_STREQ(Path.c_str(), CurrentXMLFileParsed);
 }
 
 TEST_F(Bundles, VersionAndNameAreCopiedWholeOrRefused)

@@ -76,10 +76,23 @@ TEST_F(OSDetect, NothingPlantedAtReleaseOutIsFollowedOrRead)
     EXPECT_TRUE(std::getline(Target, Line) && Line == "9.9 Other OS");
     EXPECT_FALSE(Exists(RELEASE_OUT_FILE));
 
-    ASSERT_EQ(0, mkdir(RELEASE_OUT_FILE, 0755)); // cannot be removed: must not be read
-    EXPECT_EQ(
-        "Error opening release.out file.  Error returned is not a regular file\n",
-        Captured([&] { EXPECT_EQ(FALSE, GetInstalledOSVersion(OS_RED_HAT, Name, Version)); }));
+    ASSERT_EQ(0, mkdir(RELEASE_OUT_FILE, 0755)); // an empty directory is removed
+    EXPECT_EQ(TRUE, GetInstalledOSVersion(OS_RED_HAT, Name, Version));
+    // A directory that cannot be removed fails the whole detection, naming the path.
+    ASSERT_EQ(0, mkdir(RELEASE_OUT_FILE, 0755));
+    std::ofstream(RELEASE_OUT_FILE "/keep") << "x";
+    SetInstalledOS("Earlier_1.0");
+    std::string Out = Captured([&] { EXPECT_EQ(FALSE, DetectInstalledOS(Name, Version)); });
+    EXPECT_EQ("The installed OS cannot be detected: /tmp/release.out cannot be used safely "
+              "(Directory not empty).\n",
+              Out);
+    EXPECT_STREQ("Earlier_1.0", CurrentlyInstalledOS);
+    std::filesystem::remove_all(RELEASE_OUT_FILE);
+    // A /tmp in which anyone may rename the file away is no place for it.
+    ASSERT_EQ(0, chmod("/tmp", 0777));
+    Out = Captured([&] { EXPECT_EQ(FALSE, DetectInstalledOS(Name, Version)); });
+    ASSERT_EQ(0, chmod("/tmp", 01777));
+    EXPECT_TRUE(Has(Out, "/tmp/release.out cannot be used safely (/tmp is not a sticky")) << Out;
 }
 
 TEST_F(OSDetect, OverlongNameIsRefusedNotCut)
