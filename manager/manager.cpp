@@ -14,6 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -205,6 +206,8 @@ static int SupportAnswer(ZmSession *S, const ZmPacket &P)
     return Asked < Refusals ? RZP_OPCODE_NOT_SUPPORTED : S->Config.SupportedAnswer;
 }
 
+static bool ReadConsoleLocked(ZmSession *S);
+
 // Output (2001) and log (2002): one string item, kept in the session.
 static int TextAnswer(ZmSession *S, const ZmPacket &P, std::vector<std::string> *Texts)
 {
@@ -215,7 +218,9 @@ static int TextAnswer(ZmSession *S, const ZmPacket &P, std::vector<std::string> 
     } else {
         {
             std::lock_guard<std::mutex> Guard(S->Lock);
+            ReadConsoleLocked(S); // the lines printed before this message come first
             Texts->push_back(Text);
+            S->Messages.push_back({P.Header.opCode == RZP_OUTPUT_DATA ? ZM_SCREEN : ZM_LOG, Text});
         }
         if (P.Header.opCode == RZP_OUTPUT_DATA && S->Config.EchoScreen)
             Echo(S, Text);
@@ -384,28 +389,61 @@ static void PumpThread(ZmSession *S)
     }
 }
 
-// Appends the sub-service's output; after Stopping it drains what is left and ends.
-static void ConsoleThread(ZmSession *S)
+// Takes every byte of console output that is waiting (the pipe is non-blocking), echoes it and
+// splits the complete lines into S->Messages. Called with S->Lock held, by the console reader
+// and by the pump before it records a screen or log text: the sub-service prints a line before
+// it sends the packets that follow it, so Messages keeps the order in which it produced them.
+// Returns false at the end of the output.
+static bool ReadConsoleLocked(ZmSession *S)
 {
     char Buffer[4096];
     for (;;) {
-        struct pollfd P = {S->ConsoleFd, POLLIN, 0};
-        int Ready = poll(&P, 1, 20);
-        if (Ready == 0 && S->Stopping)
-            return;
-        if (Ready <= 0)
+        ssize_t N = S->ConsoleFd < 0 ? 0 : read(S->ConsoleFd, Buffer, sizeof Buffer);
+        if (N < 0 && errno == EINTR)
             continue;
-        ssize_t N = read(S->ConsoleFd, Buffer, sizeof Buffer);
+        if (N < 0 && errno == EAGAIN)
+            return true;
         if (N <= 0)
-            return;
+            return false;
         if (S->Config.EchoConsole) {
             ssize_t Written = write(S->Config.EchoFd, Buffer, (size_t)N);
             (void)Written;
         }
-        std::lock_guard<std::mutex> Guard(S->Lock);
         S->Console.append(Buffer, (size_t)N);
+        size_t End;
+        while ((End = S->Console.find('\n', S->ConsoleLinesEnd)) != std::string::npos) {
+            S->Messages.push_back(
+                {ZM_CONSOLE, S->Console.substr(S->ConsoleLinesEnd, End - S->ConsoleLinesEnd)});
+            S->ConsoleLinesEnd = End + 1;
+        }
         S->Changed.notify_all();
     }
+}
+
+// Appends the sub-service's output; after Stopping it drains what is left and ends.
+static void ConsoleThread(ZmSession *S)
+{
+    for (;;) {
+        struct pollfd P = {S->ConsoleFd, POLLIN, 0};
+        int Ready = poll(&P, 1, 20);
+        if (Ready == 0 && S->Stopping)
+            break;
+        if (Ready <= 0)
+            continue;
+        std::lock_guard<std::mutex> Guard(S->Lock);
+        if (!ReadConsoleLocked(S))
+            break;
+    }
+    std::lock_guard<std::mutex> Guard(S->Lock); // a last line without its line feed
+    if (S->ConsoleLinesEnd < S->Console.size())
+        S->Messages.push_back({ZM_CONSOLE, S->Console.substr(S->ConsoleLinesEnd)});
+    S->ConsoleLinesEnd = S->Console.size();
+}
+
+void ZmSyncConsole(ZmSession *S)
+{
+    std::lock_guard<std::mutex> Guard(S->Lock);
+    ReadConsoleLocked(S);
 }
 
 // ---- Starting and ending -----------------------------------------------------------------------
@@ -450,6 +488,7 @@ static int StartProcess(ZmSession *S, std::string *Error)
     }
     S->Pid = Pid;
     S->ConsoleFd = Pipe[0];
+    fcntl(S->ConsoleFd, F_SETFL, fcntl(S->ConsoleFd, F_GETFL) | O_NONBLOCK);
     return 0;
 }
 
@@ -462,6 +501,8 @@ static void ResetRecorded(ZmSession *S, const ZmConfig &Config)
     S->Stopping = false;
     S->Packets.clear();
     S->Console.clear();
+    S->ConsoleLinesEnd = 0;
+    S->Messages.clear();
     S->ScreenTexts.clear();
     S->LogTexts.clear();
     S->SupportQueries.clear();
