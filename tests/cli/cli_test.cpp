@@ -372,7 +372,8 @@ TEST(Cli, EveryXmlExampleOfTheDocsRunsWithoutAFinding)
         int Clean = 0;
         for (const Json &Run : R.Parsed["distributions"]) {
             Clean += Run["outcome"] == "clean";
-            EXPECT_EQ(0, Problems(Run)) << Doc << " " << Run["findings"].dump(1);
+            if (Run["outcome"] != "not claimed")
+                EXPECT_EQ(0, Problems(Run)) << Doc << " " << Run["findings"].dump(1);
         }
         EXPECT_GT(Clean, 0) << Doc;
     }
