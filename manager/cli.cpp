@@ -93,7 +93,6 @@ struct CliOptions {
 static const char Usage[] =
     "usage: zelrzp-manager [options] [--] BUNDLE_DIR\n"
     "       zelrzp-manager matrix [options] [--] BUNDLE_DIR    (the same as --all-distros)\n"
-    "       zelrzp-manager lint DIR\n"
     "Runs the parser sub-service on BUNDLE_DIR and prints the install plan it produces, with\n"
     "every message it printed or sent, tied to the file or component it concerns.\n"
     "\n"
