@@ -14,7 +14,9 @@
 #include <thread>
 #include <vector>
 
-#include "parser.h"
+#include "protocol.h"
+#include "runflags.h"
+#include "service.h"
 
 namespace {
 

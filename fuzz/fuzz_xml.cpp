@@ -1,6 +1,6 @@
 // fuzz_xml.cpp - libFuzzer target: arbitrary bytes as an XML file through the current-file
 // rule (ParseFile), every lookup on every section of the resulting tree, the readers' walk and
-// the language selection, then DeleteTree. Defines the one global it needs (DEBUG_FLAG).
+// the language selection, then DeleteTree. The run flags are the service's own (cmdline.cpp).
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -9,10 +9,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "parser.h"
+#include "runflags.h"
 #include "xmltokenizer.h"
-
-std::atomic<char> DEBUG_FLAG{0};
 
 // The input lives in a memory file, named for ParseFile by its /proc path: writing a real
 // file for every run would make disk syncs the bottleneck.

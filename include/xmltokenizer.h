@@ -1,6 +1,6 @@
-// xmltokenizer.h - the XML document model (the line-oriented tokenizer, the one tree it
-// builds, the lookups over it) and the package descriptions read from it: installed OS
-// detection, bundle files and component files.
+// xmltokenizer.h - the XML document model: the line-oriented tokenizer, the one tree it
+// builds, the lookups over it and the walk that every reader of the tree shares. Defined in
+// parser/xml/. The package descriptions read from the tree are in packages.h.
 //
 // Contract of the tokenizer: ParseFile reads a whole file and adds its elements to the one
 // process-wide tree at ActiveSection; it returns 0, XML_OPEN_FAILED or XML_PARSE_FAILED.
@@ -13,12 +13,8 @@
 
 #include <cstddef>
 
-#include "zelrzp.h"
+#include "zelrzp.h" // the result codes
 
-#define XML_OPEN_FAILED 0x10010L  /* no name, cannot open, empty file; also: no bundle file */
-#define XML_PARSE_FAILED 0x10100L /* read error, unterminated CDATA, over-long line */
-#define XML_NO_MEMORY 0x10001L    /* InsertToken could not allocate */
-#define XML_NO_PACKAGES 0x12000   /* GetBundlePackages: nothing to install or unusable */
 #define XML_LINE_MAX 16384        /* a logical line with its terminator */
 
 enum { XML_ATTRIBUTE = 1, XML_TEXT = 2, XML_ELEMENT_START = 3, XML_ELEMENT_END = 4, XML_CDATA = 5 };
@@ -115,94 +111,3 @@ void PrintMissingSection(const char *What);
 // the missing-section message naming ChildName) when there is none.
 char *SelectLanguage(SECTIONPTR Parent, const char *ChildName, const char *Language,
                      int WantCDATA);
-
-// One-byte truth values of the OS, bundle and flag readers (signed char).
-#ifndef TRUE
-#define TRUE 1
-#endif
-#ifndef FALSE
-#define FALSE 0
-#endif
-
-// Installed OS detection.
-enum { OS_RED_HAT = 1, OS_SUSE = 2, OS_RED_HAT_AS = 3, OS_UNITED_LINUX = 4, OS_RED_HAT_EL = 6 };
-#define RELEASE_OUT_FILE "/tmp/release.out"
-#define OS_NAME_MAX 256
-signed char GetInstalledOSVersion(int OSMfg, char *InstalledOSName, char *InstalledOSVersion);
-void CheckForULSP3(void);
-// The detection sequence that IsOSSupportedByBundle runs first: probes the release files,
-// fills the caller's two zero-filled OS_NAME_MAX buffers and sets CurrentlyInstalledOS.
-// FALSE (with the unsupported-OS message) when no release file exists, else TRUE whatever
-// the pipelines gave.
-signed char DetectInstalledOS(char *InstalledOSName, char *InstalledOSVersion);
-
-// Bundle descriptions.
-typedef struct _BundleInfo {
-    char *FileName; // 256 bytes
-    char *Version;  // 256 bytes
-    char *OSVersion; // 256 bytes
-    int Status;     // 301 for a bundle file that has been found
-    struct _BundleInfo *Next;
-} BundleInfo, *BUNDLEINFOPTR;
-#define BUNDLE_FOUND 301
-#define BUNDLE_FIELD_SIZE 256
-
-long FindBundleXmlFile(const char *DirectoryName, int Index, BUNDLEINFOPTR Bundle);
-signed char IsOSSupportedByBundle(const char *BundleXMLFileName);
-// BundleVersionSize / BundleNameSize: the caller's buffer sizes (values that do not fit are
-// refused, see docs/decisions.md).
-int GetBundleVersion(const char *BundleXMLFileName, char *BundleVersion, size_t BundleVersionSize);
-int GetBundlePackages(const char *BundleXMLFileName);
-int GetBundleName(const char *BundleXMLFileName, const char *LanguageName, char *BundleName,
-                  size_t BundleNameSize);
-// Frees one record and its three buffers (not the records after it).
-void FreeBundleInfo(BUNDLEINFOPTR Bundle);
-
-// Component descriptions.
-typedef struct _ComponentInfo {
-    char *FileName;       // 256 bytes
-    char *Version;        // or NULL
-    char *Name;           // or NULL
-    char *Description;    // or NULL
-    char *xmlfilename;    // 256 bytes
-    char *InstallCommand; // or NULL
-    char *RebootRequired; // or NULL
-    char *ScratchField;   // 4000 bytes
-    int Status;
-    int InstallStatus;
-    PRZP_INSTALL_PACKET InstallPacket;
-    struct _ComponentInfo *next;
-} ComponentInfo, *COMPONENTINFOPTR;
-#define COMPONENT_FIELD_SIZE 256
-#define COMPONENT_SCRATCH_SIZE 4000
-enum {
-    COMPONENT_BUILT = 101,
-    COMPONENT_LISTED = 201,
-    COMPONENT_FILE_MISSING = 402,
-    COMPONENT_BUILD_FAILED = 403,
-    COMPONENT_NOT_INSTALLED = -502,
-};
-
-extern COMPONENTINFOPTR ComponentList;
-
-// Allocates a component record as the bundle reader and the TQR list create it: FileName
-// (a copy of FileName, refused with NULL when it does not fit 256 bytes), xmlfilename and
-// ScratchField zero-filled, Status 201, InstallStatus -502. Appends it to ComponentList.
-COMPONENTINFOPTR AppendComponent(const char *FileName);
-void FreeComponentList(void);
-
-// XMLFileName: a buffer of COMPONENT_FIELD_SIZE bytes. A derived name that would not fit is
-// refused with -1 and a message, the buffer untouched.
-int FindCorrespondingXMLFileName(const char *InstallFileName, char *XMLFileName);
-int FindComponentXmlFile(const char *FileName, char *XMLFileName);
-int DoesComponentFileExist(const char *FileName);
-int GetComponentInformation(const char *ComponentXMLFileName, COMPONENTINFOPTR Component,
-                            const char *language);
-int GetRebootValue(const char *ComponentXMLFileName, COMPONENTINFOPTR Component);
-int GetInstallCommand(const char *XMLFileName, COMPONENTINFOPTR Component);
-signed char GetHasPrerequisitesValue(const char *XMLFileName);
-signed char GetHasPostrequisitesValue(const char *XMLFileName);
-signed char GetRequiresPreConfigurationValue(const char *XMLFileName);
-signed char GetRequiresPostConfigurationValue(const char *XMLFileName);
-signed char GetRequiresPreCompilationValue(const char *XMLFileName);
-signed char GetRequiresPostCompilationValue(const char *XMLFileName);

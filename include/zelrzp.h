@@ -9,6 +9,13 @@
 #define RZP_MAX_PAYLOAD 16384 /* every payload, receive, queue and work buffer */
 
 typedef unsigned char BOOLEAN;
+// One-byte truth values of BOOLEAN items and of the yes/no readers (signed char).
+#ifndef TRUE
+#define TRUE 1
+#endif
+#ifndef FALSE
+#define FALSE 0
+#endif
 
 // The header of every packet. Host byte order in memory; the transport writes it
 // little-endian on the wire. Data is reserved: written as 0, ignored on receipt.
@@ -79,23 +86,40 @@ enum : uint32_t {
     RZP_IS_COMPONENT_SUPPORTED_ON_THIS_ERRATA = 6007,
 };
 
-// Return codes.
-enum {
+// Result codes: every code that a function of the sub-service returns or that a packet carries
+// in ReturnCode, one name each; RZPResultName gives the name. The values are fixed (the wire
+// codes are the manager's contract; the others are named in the functions' contracts).
+// -502 is only the empty-component-XML result: the InstallStatus value -502 of a component not
+// yet built is a status (packages.h), never a result.
+enum RZP_RESULT : int32_t {
     RZP_SUCCESS = 0,
-    RZP_OPCODE_NOT_SUPPORTED = -103,
-    RZP_NO_RESULT_YET = -106,
-    RZP_OUT_OF_MEMORY = -111,
-    RZP_ALREADY_INITIALIZED = -115,
-    RZP_OPCODE_SUPPORTED = -118,
-    RZP_NO_SEQUENCE_NUMBER = -119,
-    RZP_NOTHING_PENDING = -120,
-    RZP_PARSER_BAD_XML = -504,
-    RZP_PARSER_NOT_ONE_BUNDLE = -505,
-    RZP_PARSER_NO_MORE_ITEMS = -508,
-    RZP_PARSER_ERRATA_UNSUPPORTED = -509,
-    RZP_PARSER_NO_BUNDLE = -703,
-    RZP_PARSER_BAD_BUNDLE = -704,
+    RZP_FAILED = -1,                 // a bad argument or option value, a missing file, a refusal
+    RZP_COMPONENT_FILE_EMPTY = -101, // DoesComponentFileExist: the component file is empty
+    RZP_OPCODE_NOT_SUPPORTED = -103, // wire
+    RZP_NO_RESULT_YET = -106,        // wire: in every request
+    RZP_OUT_OF_MEMORY = -111,        // wire
+    RZP_TRANSPORT_UNAVAILABLE = -114, // the transport library cannot be loaded or bound
+    RZP_ALREADY_INITIALIZED = -115,   // InitializeCommunicationsInterface called twice
+    RZP_OPCODE_SUPPORTED = -118,      // wire
+    RZP_NO_SEQUENCE_NUMBER = -119,    // Dequeue with sequence number -1
+    RZP_NOTHING_PENDING = -120,       // Dequeue: no parked packet matches
+    RZP_COMPONENT_XML_EMPTY = -502,   // FindComponentXmlFile: the component XML file is empty
+    RZP_PARSER_BAD_XML = -504,        // wire; also every reader's missing section
+    RZP_PARSER_NOT_ONE_BUNDLE = -505, // wire
+    RZP_PARSER_NO_MORE_ITEMS = -508,  // wire
+    RZP_PARSER_ERRATA_UNSUPPORTED = -509, // builder: unsupported on the errata kernel
+    RZP_PARSER_NO_BUNDLE = -703,      // wire
+    RZP_PARSER_BAD_BUNDLE = -704,     // GetBundleVersion: no usable version
+    XML_NO_MEMORY = 0x10001,          // InsertToken could not allocate
+    XML_OPEN_FAILED = 0x10010,        // no name, cannot open, empty file; also: no bundle file
+    XML_PARSE_FAILED = 0x10100,       // read error, unterminated CDATA, over-long line
+    XML_NO_PACKAGES = 0x12000,        // GetBundlePackages: nothing to install or unusable
 };
+
+// The name of a result code ("RZP_PARSER_BAD_XML"), or "unknown" for a value not in the
+// enum. Never NULL; the string is static.
+const char *RZPResultName(long Code);
+
 
 // Registration record: six items, "%U%U%U%U%U%B%U%U%B%U%U%S%U%U%S%U%U%S".
 #define RZP_REGISTER_FORMAT "%U%U%U%U%U%B%U%U%B%U%U%S%U%U%S%U%U%S"

@@ -203,3 +203,5 @@ int ZmFetchAllRecords(ZmSession *S, std::vector<std::vector<unsigned char>> *Raw
                       std::vector<ZmRecord> *Records, int32_t *NumberOfItems,
                       std::string *Error = nullptr);
 const char *ZmSubTypeName(uint32_t SubType);
+// A result code as the manager prints it: "-504 (RZP_PARSER_BAD_XML)" (names: RZPResultName).
+std::string ZmResultText(int32_t Code);

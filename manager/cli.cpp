@@ -476,7 +476,7 @@ static int ParseBundle(CliRun *Run)
                       "the version or the name of the bundle XML file cannot be read (-504)");
     if (A.Header.ReturnCode != 0)
         return Failed(Run, "parse", A.Header.ReturnCode,
-                      "parse input file was answered " + std::to_string(A.Header.ReturnCode));
+                      "parse input file was answered " + ZmResultText(A.Header.ReturnCode));
     if (!Run->Tqr)
         Run->BundleFile = AnswerText(A);
     std::string Error;
@@ -592,7 +592,7 @@ static std::string FailureText(const CliRun &Run, const Json &R, int Code)
         What.pop_back();
         return What;
     }
-    return "open input file was answered " + std::to_string(Code);
+    return "open input file was answered " + ZmResultText(Code);
 }
 
 // True when a -703 only says that no bundle file claims this distribution.

@@ -298,6 +298,11 @@ const char *ZmSubTypeName(uint32_t SubType)
     return "SUBTYPE_UNKNOWN";
 }
 
+std::string ZmResultText(int32_t Code)
+{
+    return std::to_string(Code) + " (" + RZPResultName(Code) + ")";
+}
+
 // ---- Walking all records -----------------------------------------------------------------------
 // More records than this in one answer stream means the sub-service hands out a cycle.
 #define ZM_MAX_RECORDS 100000
@@ -328,7 +333,7 @@ int ZmFetchAllRecords(ZmSession *S, std::vector<std::vector<unsigned char>> *Raw
     if (ZmRequest(S, RZP_PARSER_RETURN_NUMBER_OF_ITEMS, {}, &Answer) != 0)
         return FetchFail(Error, "no answer to the number-of-items request");
     if (Answer.Header.ReturnCode != 0)
-        return FetchFail(Error, "number of items answered " + std::to_string(Answer.Header.ReturnCode));
+        return FetchFail(Error, "number of items answered " + ZmResultText(Answer.Header.ReturnCode));
     if (DecodeCount(Answer, &Count, Error) != 0)
         return -1;
     if (NumberOfItems != nullptr)
@@ -342,7 +347,7 @@ int ZmFetchAllRecords(ZmSession *S, std::vector<std::vector<unsigned char>> *Raw
         if (Answer.Header.ReturnCode == RZP_PARSER_NO_MORE_ITEMS)
             return 0;
         if (Answer.Header.ReturnCode != 0)
-            return FetchFail(Error, "item request answered " + std::to_string(Answer.Header.ReturnCode));
+            return FetchFail(Error, "item request answered " + ZmResultText(Answer.Header.ReturnCode));
         ZmRecord R;
         std::string Why;
         if (ZmDecodeRecord(Answer.Payload.data(), Answer.Payload.size(), &R, &Why) != 0)

@@ -5,7 +5,11 @@
 #include <cstdio>
 #include <cstring>
 
-#include "parser.h"
+#include "operations.h"
+#include "protocol.h"
+#include "records.h"
+#include "runflags.h"
+#include "service.h"
 
 int NumberOfComponentsInBundle = 0;
 

@@ -5,7 +5,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "parser.h"
+#include "operations.h"
+#include "packages.h"
+#include "runflags.h"
+#include "service.h"
 #include "support.h"
 
 #define BUNDLE_NAME_SIZE 512

@@ -6,12 +6,14 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "parser.h"
-#include "support.h"
+#include "operations.h"
+#include "protocol.h"
+#include "records.h"
+#include "runflags.h"
+#include "service.h"
 
 #define BUNDLE_STRING_SIZE 1024
 #define PARSE_LANGUAGE "en"
-#define INSTALL_STATUS_BUILD_FAILED 0x10100
 
 // The two work buffers of one parse: the reply is encoded in Send, messages are formatted in
 // Text (its two halves hold the coloured and the plain form of a two-form message).
@@ -117,7 +119,7 @@ static int ParseOneComponent(PARSEBUFFERS *Buffers, COMPONENTINFOPTR Component)
         printf("Parser--return from BuildRZPInstallStructs = %d\n", Result);
     if (Result == 0) {
         Component->Status = COMPONENT_BUILT;
-        Component->InstallStatus = 0;
+        Component->InstallStatus = INSTALL_STATUS_BUILT;
         return 1;
     }
     if (Result != RZP_PARSER_ERRATA_UNSUPPORTED) {

@@ -6,8 +6,10 @@
 #include <cstring>
 #include <vector>
 
-#include "parser.h"
-#include "support.h"
+#include "operations.h"
+#include "protocol.h"
+#include "runflags.h"
+#include "service.h"
 
 namespace {
 

@@ -5,7 +5,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "parser.h"
+#include "operations.h"
+#include "protocol.h"
+#include "runflags.h"
+#include "service.h"
 
 // The shared lists, the XML tree and the counts pass from one worker to the next without a
 // lock: the manager asks for the next operation only after the previous answer arrived. That

@@ -8,11 +8,9 @@
 #include <cstring>
 #include <string>
 
-#include "parser.h"
+#include "packages.h"
+#include "runflags.h"
 #include "support.h"
-#include "xmltokenizer.h"
-
-#define BUNDLE_VERSION_FAILED -704
 
 // A bundle file's name, upper-cased, contains both ".XML" and "BP0".
 static bool IsBundleFileName(const char *Name)
@@ -174,9 +172,9 @@ int GetBundleVersion(const char *BundleXMLFileName, char *BundleVersion, size_t 
     SECTIONPTR Version = WalkToSection(BundleXMLFileName, Steps, 2, &Failure);
     const char *Value = Version != nullptr ? GetAttribute(Version, "value") : nullptr;
     if (Value == nullptr || BundleVersion == nullptr)
-        return BUNDLE_VERSION_FAILED;
+        return RZP_PARSER_BAD_BUNDLE;
     if (!CopyWhole(BundleVersion, BundleVersionSize, Value, "version", BundleXMLFileName))
-        return BUNDLE_VERSION_FAILED;
+        return RZP_PARSER_BAD_BUNDLE;
     return 0;
 }
 

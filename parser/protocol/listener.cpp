@@ -12,7 +12,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "parser.h"
+#include "operations.h"
+#include "protocol.h"
+#include "runflags.h"
+#include "service.h"
 
 namespace {
 

@@ -5,7 +5,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "parser.h"
+#include "protocol.h"
+#include "runflags.h"
+#include "service.h"
 #include "support.h"
 
 namespace {

@@ -9,7 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "parser.h"
+#include "protocol.h"
+#include "runflags.h"
 
 PPENDINGIO PendingIOList = nullptr;
 pthread_mutex_t PendingIOMutex = PTHREAD_MUTEX_INITIALIZER;

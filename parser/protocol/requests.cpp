@@ -7,7 +7,9 @@
 #include <cstring>
 #include <vector>
 
-#include "parser.h"
+#include "protocol.h"
+#include "runflags.h"
+#include "service.h"
 #include "support.h"
 
 int SupportQueryLimit = SUPPORT_QUERY_LIMIT;

@@ -2,7 +2,9 @@
 // which callers hold around every send; the write connection's lock is taken inside.
 #include <cstdio>
 
-#include "parser.h"
+#include "protocol.h"
+#include "runflags.h"
+#include "service.h"
 
 pthread_mutex_t SendDataMutex = PTHREAD_MUTEX_INITIALIZER;
 
@@ -14,8 +16,8 @@ int HandleOutgoingPacket(PRZP_HEADER_PACKET Header, unsigned char *Payload)
     int Result = SendDataRaw(Header, Payload, PARSER_CALLER);
     UnlockConnection(ParserQueue->WriteConnectionHandle, &WriteConnectionFileLock);
     if (Result < 0 && DEBUG_FLAG)
-        printf("Parser send of opCode %d failed with %d\n", static_cast<int>(Header->opCode),
-               Result);
+        printf("Parser send of opCode %d failed with %d (%s)\n", static_cast<int>(Header->opCode),
+               Result, RZPResultName(Result));
     return Result;
 }
 

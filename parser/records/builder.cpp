@@ -7,7 +7,10 @@
 #include <memory>
 #include <new>
 
-#include "parser.h"
+#include "protocol.h"
+#include "records.h"
+#include "runflags.h"
+#include "service.h"
 #include "support.h"
 
 PINSTALL_PACKET_LIST InstallPacketList = nullptr;

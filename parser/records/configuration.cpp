@@ -5,7 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "parser.h"
+#include "records.h"
+#include "runflags.h"
 #include "support.h"
 
 #define DEFAULT_MAXIMUM_LENGTH 16384

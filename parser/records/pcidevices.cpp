@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "parser.h"
-#include "support.h"
+#include "records.h"
+#include "runflags.h"
 
 #define PCI_PART_COUNT 4
 #define PCI_PART_MAX 4 /* hexadecimal digits of one identifier part */

@@ -4,7 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "parser.h"
+#include "records.h"
+#include "runflags.h"
 #include "support.h"
 
 // Names and messages that tell the two requisite lists apart.

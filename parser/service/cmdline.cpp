@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "parser.h"
+#include "runflags.h"
 #include "support.h"
 
 int SILENT_INSTALL = 0;

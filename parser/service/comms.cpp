@@ -10,7 +10,10 @@
 #include <cstring>
 #include <string>
 
-#include "parser.h"
+#include "protocol.h"
+#include "records.h"
+#include "runflags.h"
+#include "service.h"
 #include "support.h"
 
 PQUEUE ParserQueue = nullptr;
@@ -26,9 +29,6 @@ Tokenize_t Tokenize = nullptr;
 struct flock ReadConnectionFileLock;
 struct flock WriteConnectionFileLock;
 struct flock RegistrationConnectionFileLock;
-
-// The library could not be loaded, or lacks an entry point.
-#define RZP_TRANSPORT_UNAVAILABLE -114
 
 namespace {
 

@@ -6,7 +6,9 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "parser.h"
+#include "protocol.h"
+#include "runflags.h"
+#include "service.h"
 
 namespace {
 

@@ -17,7 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "parser.h"
+#include "runflags.h"
 #include "support.h"
 #include "xmltokenizer.h"
 

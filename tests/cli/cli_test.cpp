@@ -224,8 +224,9 @@ TEST(Cli, NoPlanCasesExitThreeAndSayWhyOnStdout)
         EXPECT_EQ(3, R.Exit) << C.What;
         EXPECT_EQ(3, R.Parsed["exitStatus"]) << C.What;
         ASSERT_TRUE(R.Parsed["failure"].is_object()) << C.What;
-        if (C.Code != 0)
+        if (C.Code != 0) {
             EXPECT_EQ(C.Code, R.Parsed["failure"]["code"]) << C.What;
+        }
         std::string What = R.Parsed["failure"]["what"];
         EXPECT_NE(std::string::npos, What.find(C.Says)) << C.What << ": " << What;
         EXPECT_NE(std::string::npos, R.Err.find(What)) << C.What; // one line on stderr too

@@ -205,7 +205,7 @@ TEST_F(Bundles, PackagesSelectedByInstallYesInAnyCase)
     std::string Names;
     for (COMPONENTINFOPTR C = ComponentList; C != nullptr; C = C->next) {
         Names += std::string(C->FileName) + " ";
-        EXPECT_TRUE(C->Status == COMPONENT_LISTED && C->InstallStatus == COMPONENT_NOT_INSTALLED);
+        EXPECT_TRUE(C->Status == COMPONENT_LISTED && C->InstallStatus == INSTALL_STATUS_NOT_BUILT);
     }
     EXPECT_EQ("earlier.rpm a-1.0.rpm c-1.0.rpm f-1.0.rpm ", Names);
     EXPECT_TRUE(Has(Out, "has no 'install' attribute") && Has(Out, "has no file name") &&

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "parser.h"
+#include "runflags.h"
 
 namespace {
 

@@ -67,7 +67,7 @@ TEST_F(Components, XMLFileNameAndFileChecks)
     EXPECT_EQ("XML File " + Dir + "/a.xml returned error No such file or directory\n",
               Captured([&] { EXPECT_EQ(-1, FindComponentXmlFile(Rpm.c_str(), Xml)); }));
     Write("a.xml", "");
-    EXPECT_EQ(-502, FindComponentXmlFile(Rpm.c_str(), Xml));
+    EXPECT_EQ(RZP_COMPONENT_XML_EMPTY, FindComponentXmlFile(Rpm.c_str(), Xml));
     Write("a.xml", Version);
     SetInstalledOS("UnitedLinux_1.0");
     setenv("SP3", "YES", 1);
@@ -77,7 +77,7 @@ TEST_F(Components, XMLFileNameAndFileChecks)
     EXPECT_STREQ("UnitedLinux_1.0_SP3", CurrentlyInstalledOS);
 
     EXPECT_EQ(0, DoesComponentFileExist(Rpm.c_str()));
-    EXPECT_EQ(-101, DoesComponentFileExist(Write("empty.rpm", "").c_str()));
+    EXPECT_EQ(RZP_COMPONENT_FILE_EMPTY, DoesComponentFileExist(Write("empty.rpm", "").c_str()));
     EXPECT_EQ("",
               Captured([&] { EXPECT_EQ(-1, DoesComponentFileExist((Dir + "/no.rpm").c_str())); }));
 }

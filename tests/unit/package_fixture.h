@@ -9,9 +9,10 @@
 #include <fstream>
 #include <functional>
 
-#include "parser.h"
-#include "sandbox.h"
+#include "packages.h"
+#include "runflags.h"
 #include "support.h"
+#include "sandbox.h"
 
 inline std::string Captured(const std::function<void()> &Run)
 {

@@ -9,9 +9,12 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
-#include "parser.h"
+#include "protocol.h"
+#include "runflags.h"
+#include "service.h"
 
 namespace {
 
@@ -261,6 +264,22 @@ TEST_F(Registration, UnknownOpcodesLongNamesAndTruncatedAnswersChangeNothing)
     HandlePostRegistration(&H, P.data());
     EXPECT_NE(Captured().find("does not hold the registration record"), std::string::npos);
     EXPECT_EQ(ParserQueue->Provides_RZPParserParseInputFile, 1);
+}
+
+// Every result code has its own name, so a log or a failed test names what went wrong; the
+// values on the wire stay those of the protocol.
+TEST(ResultCodes, EachCodeHasOneNameAndTheWireValuesStay)
+{
+    const std::pair<long, const char *> Codes[] = {
+        {0, "RZP_SUCCESS"},           {-103, "RZP_OPCODE_NOT_SUPPORTED"},
+        {-106, "RZP_NO_RESULT_YET"},  {-111, "RZP_OUT_OF_MEMORY"},
+        {-118, "RZP_OPCODE_SUPPORTED"}, {-502, "RZP_COMPONENT_XML_EMPTY"},
+        {-504, "RZP_PARSER_BAD_XML"}, {-505, "RZP_PARSER_NOT_ONE_BUNDLE"},
+        {-508, "RZP_PARSER_NO_MORE_ITEMS"}, {-703, "RZP_PARSER_NO_BUNDLE"},
+        {0x10100, "XML_PARSE_FAILED"}};
+    for (const auto &Code : Codes)
+        EXPECT_STREQ(RZPResultName(Code.first), Code.second);
+    EXPECT_STREQ(RZPResultName(-12345), "unknown");
 }
 
 } // namespace

@@ -11,7 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "parser.h"
+#include "records.h"
+#include "runflags.h"
+#include "service.h"
 #include "support.h"
 
 using testing::internal::CaptureStdout;

@@ -14,7 +14,10 @@
 #include <thread>
 #include <vector>
 
-#include "parser.h"
+#include "operations.h"
+#include "protocol.h"
+#include "runflags.h"
+#include "service.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "parser.h"
+#include "runflags.h"
 #include "xmltokenizer.h"
 
 namespace {

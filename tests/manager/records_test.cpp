@@ -1,11 +1,12 @@
 // The manager's record decoder on hand-built byte strings (made with the transport's own
-// encoder, then damaged), its payload helpers, and one session against the real sub-service.
+// encoder, then damaged) and its payload helpers. No process is started.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
+#include <vector>
 
-#include "sandbox.h"
 #include "zelrzpmanager.h"
 #include "zelrzptransport.h"
 
@@ -231,80 +232,4 @@ TEST(ManagerRecords, PayloadHelpersMatchTheTransportEncoder)
     EXPECT_STREQ(ZmSubTypeName(8), "SUBTYPE_PCI_DEVICE_PRESENT");
     EXPECT_STREQ(ZmSubTypeName(0), "SUBTYPE_UNKNOWN");
     EXPECT_STREQ(ZmSubTypeName(12), "SUBTYPE_UNKNOWN");
-}
-
-// ---- A whole session against the sub-service ---------------------------------------------------
-
-namespace {
-
-ZmConfig ExampleConfig()
-{
-    ZmConfig C;
-    C.ParserPath = ZEL_PARSER_PATH;
-    C.BundleDir = ZEL_EXAMPLES "/server-bundle";
-    return C;
-}
-
-bool EnterRedHat73()
-{
-    return SandboxEnter() == 0 && SandboxClearReleaseFiles() == 0 &&
-           SandboxSetFile("/etc/redhat-release", "Red Hat Linux release 7.3 (Valhalla)\n") == 0;
-}
-
-bool IsDeregistration(const ZmPacket &P, const void *)
-{
-    return P.Connection == "/dev/zelrzp_np1" && P.Header.opCode == RZP_SHUTDOWN;
-}
-
-} // namespace
-
-TEST(ManagerSession, AnswersSupportQueriesAndErrataQuestionsAsConfigured)
-{
-    ASSERT_TRUE(EnterRedHat73());
-    ZmConfig C = ExampleConfig();
-    C.NotSupportedAnswers[RZP_IS_COMPONENT_SUPPORTED_ON_THIS_ERRATA] = 2;
-    C.ErrataUnsupported.insert("raidutil-1.7-2.i386.rpm");
-    ZmSession S;
-    std::string Error;
-    ASSERT_EQ(ZmStart(&S, C, &Error), 0) << Error;
-    ZmPacket A;
-    ASSERT_EQ(ZmRequest(&S, RZP_PARSER_OPEN_INPUT_FILE, {}, &A), 0);
-    ASSERT_EQ(A.Header.ReturnCode, 0);
-    ASSERT_EQ(ZmRequest(&S, RZP_PARSER_PARSE_INPUT_FILE, {}, &A), 0);
-    std::vector<ZmRecord> Records;
-    int32_t Items = -1;
-    ASSERT_EQ(ZmFetchAllRecords(&S, nullptr, &Records, &Items, &Error), 0) << Error;
-    ASSERT_EQ(Records.size(), 2u);
-    EXPECT_EQ(Items, 2);
-    EXPECT_EQ(Records[1].FileName, "mgmtagent-5.0.2-3.i386.rpm");
-    EXPECT_EQ(Records[1].Number, 1u);
-    {
-        std::lock_guard<std::mutex> Guard(S.Lock);
-        // Two refusals, then one query per component built: three components reach the builder.
-        EXPECT_EQ(S.SupportQueries[RZP_IS_COMPONENT_SUPPORTED_ON_THIS_ERRATA], 5);
-        EXPECT_EQ(S.ErrataQuestions.size(), 3u);
-        EXPECT_TRUE(S.Problems.empty()) << S.Problems[0];
-        EXPECT_FALSE(S.ScreenTexts.empty());
-        EXPECT_EQ(S.ScreenTexts.size(), S.LogTexts.size() - 2); // two banner lines are log only
-    }
-    EXPECT_EQ(ZmStop(&S), 0);
-    size_t From = 0;
-    EXPECT_EQ(ZmWaitForPacket(&S, IsDeregistration, nullptr, &From, nullptr, 0), 0);
-    ZmClose(&S);
-}
-
-TEST(ManagerSession, StartReportsASubServiceThatEndsBeforeRegistering)
-{
-    ASSERT_TRUE(EnterRedHat73());
-    ZmConfig C = ExampleConfig();
-    C.PassMG = false;
-    ZmSession S;
-    std::string Error;
-    EXPECT_EQ(ZmStart(&S, C, &Error), -1);
-    EXPECT_NE(Error.find("status 255"), std::string::npos) << Error;
-    EXPECT_NE(ZmConsoleSnapshot(&S).find("can only be executed"), std::string::npos);
-    ZmPacket A;
-    EXPECT_EQ(ZmRequest(&S, RZP_PARSER_OPEN_INPUT_FILE, {}, &A, 100), -1);
-    ZmClose(&S);
-    ZmClose(&S);
 }
