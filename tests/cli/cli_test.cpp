@@ -70,6 +70,11 @@ CliResult RunCli(const std::vector<std::string> &Args, int Uid = -1)
     fclose(Out);
     fclose(Err);
     R.Parsed = Json::parse(R.Out, nullptr, false);
+    // A sanitizer report of the program, or of the sub-service it ran (which the program
+    // repeats on its standard error), fails the test whatever the exit status says.
+    for (const char *Marker : {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
+                               "WARNING: ThreadSanitizer", "runtime error:", "sanitizer report"})
+        EXPECT_EQ(std::string::npos, R.Err.find(Marker)) << R.Err;
     return R;
 }
 
