@@ -30,6 +30,11 @@ unsigned char ReadPayloadByte(PAYLOADREADER *Reader);
 // when it was cut, 0 otherwise. A string without its NUL inside the payload sets Failed.
 int ReadPayloadString(PAYLOADREADER *Reader, char *Dest, size_t DestSize);
 
+// The header of a request that the sub-service starts (requests to the manager, registration,
+// deregistration): zeroed, then SrcHandle the read connection's handle, DestHandle, the next
+// sequence number, RemoteSequenceNumber -1, OpCode, ReturnCode -106 and DataLength.
+void FillRequestHeader(PRZP_HEADER_PACKET Header, uint32_t OpCode, int DestHandle, int DataLength);
+
 // Send path: callers hold SendDataMutex.
 extern pthread_mutex_t SendDataMutex;
 int HandleOutgoingPacket(PRZP_HEADER_PACKET Header, unsigned char *Payload);

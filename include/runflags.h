@@ -35,5 +35,12 @@ extern std::atomic<int> LocalSequenceNumber;
 int CheckCommandLineParameters(int argc, char **argv);
 // Releases the TQR package slots (used by tests and at process end).
 void FreeCommandLineState(void);
+// The debug and verbose console lines: printf to standard output when DEBUG_FLAG (for
+// DebugPrint) or VERBOSE_MODE (for VerbosePrint) is 1, nothing otherwise.
+inline bool Debugging(void) { return DEBUG_FLAG.load() == 1; }
+inline bool Verbose(void) { return VERBOSE_MODE == 1; }
+void DebugPrint(const char *Format, ...) __attribute__((format(printf, 1, 2)));
+void VerbosePrint(const char *Format, ...) __attribute__((format(printf, 1, 2)));
+
 // Takes the next sequence number (read and advance as one atomic step).
 int NextSequenceNumber(void);

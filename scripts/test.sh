@@ -10,19 +10,24 @@ jobs=$(nproc)
 
 run_suite() { # name, cmake options...
   local dir="build-ci-$1"; shift
-  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZEL_WERROR=ON "$@" >/dev/null
   cmake --build "$dir" -j"$jobs"
   (cd "$dir" && ctest -j"$jobs" --output-on-failure --timeout 300)
 }
 
-echo "== plain build"
-run_suite plain
-echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
-ASAN_OPTIONS=detect_leaks=1 run_suite asan -DZEL_ASAN=ON
-echo "== ThreadSanitizer build"
-TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" run_suite tsan -DZEL_TSAN=ON
+stage() { # title, command...: runs the command and prints its wall and CPU time
+  local title="$1"; shift
+  echo "== $title"
+  local TIMEFORMAT="-- $title: %0R s wall, %0U s user, %0S s system"
+  time "$@"
+}
+
+stage "plain build" run_suite plain
+ASAN_OPTIONS=detect_leaks=1 stage "AddressSanitizer + UndefinedBehaviorSanitizer build" \
+  run_suite asan -DZEL_ASAN=ON
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" stage "ThreadSanitizer build" \
+  run_suite tsan -DZEL_TSAN=ON
 if [ "$fuzz_seconds" != 0 ] && [ -f fuzz/run.sh ]; then
-  echo "== fuzzing the XML tokenizer for ${fuzz_seconds}s"
-  bash fuzz/run.sh "$fuzz_seconds"
+  stage "fuzzing the XML tokenizer for ${fuzz_seconds}s" bash fuzz/run.sh "$fuzz_seconds"
 fi
 echo "All test runs passed."

@@ -40,8 +40,7 @@ void *HandleParserReturnNumberOfItemsPacket(void *parm1)
         memset(Work.Buffer, 0, RZP_MAX_PAYLOAD);
         int Length = Tokenize(Work.Buffer, "%U%U%U", static_cast<uint32_t>(RZP_TYPE_ULONG),
                               static_cast<uint32_t>(4), static_cast<uint32_t>(Count));
-        if (DEBUG_FLAG.load() == 1)
-            printf("Parser number of items: Type %d  Length %d  Value %d\n", RZP_TYPE_ULONG, 4,
+        DebugPrint("Parser number of items: Type %d  Length %d  Value %d\n", RZP_TYPE_ULONG, 4,
                    Count);
         SendParserAnswer(&Work, RZP_SUCCESS, Work.Buffer, Length);
     }
@@ -73,8 +72,7 @@ static PINSTALL_PACKET_LIST FindNextRecord(PPARSERWORK Work)
     int32_t Handle = static_cast<int32_t>(ReadPayloadU32(&Reader));
     if (Reader.Failed)
         return nullptr;
-    if (DEBUG_FLAG.load() == 1)
-        printf("Parser received Handle %d\n", Handle);
+    DebugPrint("Parser received Handle %d\n", Handle);
     PINSTALL_PACKET_LIST Node = InstallPacketList;
     while (Node != nullptr && Node->InstallPacketHandle != Handle)
         Node = Node->NextPacket;

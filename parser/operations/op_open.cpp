@@ -53,13 +53,11 @@ static int FindBundleFiles(void)
             return Count;
         long Result = FindBundleXmlFile(".", Count, Bundle);
         if (Result != 0) {
-            if (DEBUG_FLAG.load() == 1)
-                printf("Return code from FindBundleXmlFile is %lx\n", Result);
+            DebugPrint("Return code from FindBundleXmlFile is %lx\n", Result);
             FreeBundleInfo(Bundle);
             return Count;
         }
-        if (DEBUG_FLAG.load() == 1)
-            printf("Bundle Filename is %s\n", Bundle->FileName);
+        DebugPrint("Bundle Filename is %s\n", Bundle->FileName);
         if (Tail == nullptr)
             ParserQueue->BundleList = Bundle;
         else
@@ -77,9 +75,8 @@ static int KeepSupportedBundles(int Count)
     BUNDLEINFOPTR Bundle = ParserQueue->BundleList;
     while (Bundle != nullptr) {
         BUNDLEINFOPTR Next = Bundle->Next;
-        if (VERBOSE_MODE == 1)
-            printf("Now checking bundle %s for support of this version of Linux.\n",
-                   Bundle->FileName);
+        VerbosePrint("Now checking bundle %s for support of this version of Linux.\n",
+                     Bundle->FileName);
         if (IsOSSupportedByBundle(Bundle->FileName) == 1) {
             Previous = Bundle;
         } else {

@@ -59,8 +59,7 @@ static int AnnounceBundle(PARSEBUFFERS *Buffers, const char *BundleFile)
              BundleFile);
     SendScreenAndLog(nullptr, Buffers->Text);
     int Result = GetBundleVersion(BundleFile, Version, sizeof(Version));
-    if (DEBUG_FLAG.load() == 1)
-        printf("Return from GetBundleVersion is %d\n", Result);
+    DebugPrint("Return from GetBundleVersion is %d\n", Result);
     if (Result != 0)
         return RZP_PARSER_BAD_XML;
     if (GetBundleName(BundleFile, PARSE_LANGUAGE, Name, sizeof(Name)) < 0)
@@ -93,8 +92,7 @@ static int ListComponents(const char *BundleFile)
     int Count = TQR_INSTALL != 0 ? GetTQRPackages() : GetBundlePackages(BundleFile);
     if (Count == XML_NO_PACKAGES)
         Count = 0;
-    if (DEBUG_FLAG.load() == 1)
-        printf("%d components were found to install.\n", Count);
+    DebugPrint("%d components were found to install.\n", Count);
     return Count;
 }
 
@@ -111,12 +109,10 @@ static int ParseOneComponent(PARSEBUFFERS *Buffers, COMPONENTINFOPTR Component)
         Component->Status = COMPONENT_FILE_MISSING;
         return 0;
     }
-    if (DEBUG_FLAG.load() == 1)
-        printf("Parser--args to BRIS: %s, %p, %s\n", Component->xmlfilename,
+    DebugPrint("Parser--args to BRIS: %s, %p, %s\n", Component->xmlfilename,
                static_cast<void *>(Component), PARSE_LANGUAGE);
     int Result = BuildRZPInstallStructures(Component->xmlfilename, Component, PARSE_LANGUAGE);
-    if (DEBUG_FLAG.load() == 1)
-        printf("Parser--return from BuildRZPInstallStructs = %d\n", Result);
+    DebugPrint("Parser--return from BuildRZPInstallStructs = %d\n", Result);
     if (Result == 0) {
         Component->Status = COMPONENT_BUILT;
         Component->InstallStatus = INSTALL_STATUS_BUILT;
@@ -146,8 +142,7 @@ static void ParseComponents(PARSEBUFFERS *Buffers)
     }
     if (VIEW_ONLY != 0)
         NumberOfComponentsInBundle = ViewCount;
-    if (VERBOSE_MODE == 1)
-        printf("Completed parsing of component XML files.\n");
+    VerbosePrint("Completed parsing of component XML files.\n");
 }
 
 static void AnswerParse(PPARSERWORK Work, PARSEBUFFERS *Buffers, const char *BundleFile)
@@ -157,8 +152,7 @@ static void AnswerParse(PPARSERWORK Work, PARSEBUFFERS *Buffers, const char *Bun
         SendParserAnswer(Work, RZP_SUCCESS, nullptr, 0);
         return;
     }
-    if (DEBUG_FLAG.load() == 1)
-        printf("PARSER----BundleFileName sent is %s\n", BundleFile);
+    DebugPrint("PARSER----BundleFileName sent is %s\n", BundleFile);
     int Length = EncodeStringItem(Buffers->Send, RZP_MAX_PAYLOAD, BundleFile, 1);
     SendParserAnswer(Work, RZP_SUCCESS, Buffers->Send, Length < 0 ? 0 : Length);
 }

@@ -109,14 +109,8 @@ int SendPrompt(const PromptKind &Kind)
         return RZP_OPCODE_NOT_SUPPORTED;
     RZP_HEADER_PACKET Header;
     std::vector<unsigned char> Payload(RZP_MAX_PAYLOAD);
-    memset(&Header, 0, sizeof Header);
-    Header.SrcHandle = ParserQueue->ReadConnectionHandle;
-    Header.DestHandle = ParserQueue->WriteConnectionHandle;
-    Header.LocalSequenceNumber = NextSequenceNumber();
-    Header.RemoteSequenceNumber = -1;
-    Header.opCode = Kind.OpCode;
-    Header.ReturnCode = RZP_NO_RESULT_YET;
-    Header.DataLength = EncodePrompt(Payload.data(), Kind);
+    FillRequestHeader(&Header, Kind.OpCode, ParserQueue->WriteConnectionHandle,
+                      EncodePrompt(Payload.data(), Kind));
     SendPacketLocked(&Header, Payload.data());
     // The answer is the first parked packet of the prompt's opcode. The header is not cleared
     // first: a wait ended by the exit flag leaves the request's own -106.
@@ -132,7 +126,7 @@ int SendPrompt(const PromptKind &Kind)
                Header.DataLength);
         return Result;
     }
-    if (DEBUG_FLAG)
+    if (Debugging())
         PrintAnswer(Kind, Answer);
     return Result;
 }

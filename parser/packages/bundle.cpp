@@ -106,15 +106,12 @@ static int AnyEntryMatches(SECTIONPTR Systems, const char *N, const char *V)
         const char *F = Xlate != nullptr ? GetFirstToken(Xlate) : nullptr;
         if (F == nullptr)
             return ENTRY_UNREADABLE;
-        if (DEBUG_FLAG == 1)
-            printf("InstalledOSName --> %s\tVersionFound --> %s\t\tInstalledOSVersion --> %s\n", N,
+        DebugPrint("InstalledOSName --> %s\tVersionFound --> %s\t\tInstalledOSVersion --> %s\n", N,
                    F, V);
-        if (VERBOSE_MODE == 1)
-            printf("Version of OS found in Bundle file is %s\n", F);
+        VerbosePrint("Version of OS found in Bundle file is %s\n", F);
         int Rule = MatchOSEntry(N, V, F);
         if (Rule > 0) {
-            if (VERBOSE_MODE == 1)
-                printf("%s", RuleMessages[Rule]);
+            VerbosePrint("%s", RuleMessages[Rule]);
             return ENTRY_ACCEPTED;
         }
     }

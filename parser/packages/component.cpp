@@ -131,7 +131,7 @@ static signed char ReadPlatformFlag(const char *XMLFileName, const char *Element
 {
     static const XMLSTEP Steps[] = {
         {"zel_package", "zel_package"}, {"platform_specific", nullptr}, {"LINUX", nullptr}};
-    bool Tracing = Trace && DEBUG_FLAG == 1;
+    bool Tracing = Trace && Debugging();
     if (Tracing)
         printf("XMLTokenizer--XMLFileName = %s, CurrentXMLFile = %s\n", TextOrNull(XMLFileName),
                TextOrNull(CurrentXMLFileParsed));

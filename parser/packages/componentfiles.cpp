@@ -39,8 +39,7 @@ int FindComponentXmlFile(const char *FileName, char *XMLFileName)
     }
     if (Info.st_size == 0)
         return RZP_COMPONENT_XML_EMPTY;
-    if (DEBUG_FLAG == 1)
-        printf("XMLTOKENIZER--Calling CheckForULSP3\n");
+    DebugPrint("XMLTOKENIZER--Calling CheckForULSP3\n");
     CheckForULSP3();
     return 0;
 }
@@ -50,7 +49,6 @@ int DoesComponentFileExist(const char *FileName)
     struct stat Info;
     if (FileName == nullptr || stat(FileName, &Info) != 0)
         return -1;
-    if (DEBUG_FLAG == 1)
-        printf("XML Filename found is %s\n", FileName);
+    DebugPrint("XML Filename found is %s\n", FileName);
     return Info.st_size > 0 ? 0 : RZP_COMPONENT_FILE_EMPTY;
 }

@@ -189,8 +189,7 @@ signed char DetectInstalledOS(char *InstalledOSName, char *InstalledOSVersion)
                "Installation FAILED.\n");
         return FALSE;
     }
-    if (VERBOSE_MODE == 1)
-        printf("Installed OS Version is %s %s \n", InstalledOSName, InstalledOSVersion);
+    VerbosePrint("Installed OS Version is %s %s \n", InstalledOSName, InstalledOSVersion);
     SetCurrentlyInstalledOS(InstalledOSName, InstalledOSVersion);
     return TRUE;
 }
@@ -200,8 +199,7 @@ void CheckForULSP3(void)
     if (CurrentlyInstalledOS == nullptr || strcmp(CurrentlyInstalledOS, "UnitedLinux_1.0") != 0)
         return;
     const char *SP3 = getenv("SP3");
-    if (DEBUG_FLAG == 1)
-        printf("XMLTOKENIZER--In CFULSP3, SP3 = %s\n", SP3 != nullptr ? SP3 : "(null)");
+    DebugPrint("XMLTOKENIZER--In CFULSP3, SP3 = %s\n", SP3 != nullptr ? SP3 : "(null)");
     if (SP3 == nullptr || strcmp(SP3, "YES") != 0)
         return;
     size_t Size = strlen(CurrentlyInstalledOS) + sizeof("_SP3");
@@ -211,6 +209,5 @@ void CheckForULSP3(void)
     snprintf(Extended, Size, "%s_SP3", CurrentlyInstalledOS);
     free(CurrentlyInstalledOS);
     CurrentlyInstalledOS = Extended;
-    if (DEBUG_FLAG == 1)
-        printf("CurrentlyInstalledOS = %s\n", CurrentlyInstalledOS);
+    DebugPrint("CurrentlyInstalledOS = %s\n", CurrentlyInstalledOS);
 }

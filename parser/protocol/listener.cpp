@@ -72,8 +72,7 @@ const DispatchEntry *FindDispatchEntry(uint32_t OpCode)
 void Park(PRZP_HEADER_PACKET Header, unsigned char *Payload)
 {
     int Result = Enqueue(Header, Payload);
-    if (DEBUG_FLAG)
-        printf("Return code from Enqueue is %d\n", Result);
+    DebugPrint("Return code from Enqueue is %d\n", Result);
 }
 
 // Parks the request and starts its worker detached. A worker that cannot be started is
@@ -119,15 +118,14 @@ int HandleIncomingPacket(PRZP_HEADER_PACKET Header, unsigned char *Payload)
                static_cast<int>(Header->opCode), Header->DataLength, RZP_MAX_PAYLOAD);
         return 0;
     }
-    if (DEBUG_FLAG)
+    if (Debugging())
         DumpPacket(Header, Payload, 1);
     const DispatchEntry *Entry = FindDispatchEntry(Header->opCode);
     if (Entry == nullptr) {
         AnswerNotSupported(Header, Payload);
         return 0;
     }
-    if (DEBUG_FLAG)
-        printf("%s", Entry->DebugLine);
+    DebugPrint("%s", Entry->DebugLine);
     switch (Entry->Action) {
     case ACTION_REGISTER:
         HandlePostRegistration(Header, Payload);
@@ -175,8 +173,7 @@ void *Listen(void *)
         memset(Header, 0, sizeof *Header);
         memset(Payload, 0, RZP_MAX_PAYLOAD);
     }
-    if (DEBUG_FLAG)
-        printf("Exiting Listen thread\n");
+    DebugPrint("Exiting Listen thread\n");
     free(Header);
     free(Payload);
     ThreadCount--;

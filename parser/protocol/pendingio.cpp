@@ -56,7 +56,7 @@ template <typename MatchFn, typename TraceFn>
 bool TakeFirst(PRZP_HEADER_PACKET Header, unsigned char *Payload, MatchFn Match, TraceFn Trace)
 {
     for (PPENDINGIO *Link = &PendingIOList; *Link != nullptr; Link = &(*Link)->Next) {
-        if (DEBUG_FLAG)
+        if (Debugging())
             Trace((*Link)->Header);
         if (Match((*Link)->Header)) {
             TakeNode(Link, Header, Payload);
@@ -132,7 +132,7 @@ int DequeueByOpCodeLocked(PRZP_HEADER_PACKET Header, unsigned char *Payload, uin
             printf("Parser opCode asked for %d    Found opCode is %d\n", static_cast<int>(OpCode),
                    static_cast<int>(H->opCode));
         });
-    if (Taken && OpCode == RZP_PROMPT_FOR_NUMBER && DEBUG_FLAG && Header->DataLength > 0)
+    if (Taken && OpCode == RZP_PROMPT_FOR_NUMBER && Debugging() && Header->DataLength > 0)
         DumpPromptBuffer(Payload, Header->DataLength);
     return Taken ? 0 : RZP_OPCODE_NOT_SUPPORTED;
 }

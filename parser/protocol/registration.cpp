@@ -124,16 +124,6 @@ BOOLEAN *ProvidesFlag(uint32_t OpCode)
     }
 }
 
-void FillRequestHeader(PRZP_HEADER_PACKET Header, uint32_t OpCode, int DestHandle)
-{
-    memset(Header, 0, sizeof *Header);
-    Header->SrcHandle = ParserQueue->ReadConnectionHandle;
-    Header->DestHandle = DestHandle;
-    Header->RemoteSequenceNumber = -1;
-    Header->opCode = OpCode;
-    Header->ReturnCode = RZP_NO_RESULT_YET;
-}
-
 } // namespace
 
 int RegisterWithRZPManager(void)
@@ -145,21 +135,18 @@ int RegisterWithRZPManager(void)
         printf("Unable to allocate memory for the registration.\n");
         return 0;
     }
-    FillRequestHeader(&Header, RZP_REGISTER, ParserQueue->RegistrationConnectionHandle);
     FillRegistrationRecord(&Record);
-    if (DEBUG_FLAG)
-        printf("Sending data to register the parser.\n");
+    DebugPrint("Sending data to register the parser.\n");
     for (uint32_t OpCode : RegisteredOpCodes) {
         Record.opCode = OpCode;
-        Header.LocalSequenceNumber = NextSequenceNumber();
-        Header.DataLength = EncodeRegistrationRecord(Payload, &Record);
+        FillRequestHeader(&Header, RZP_REGISTER, ParserQueue->RegistrationConnectionHandle,
+                          EncodeRegistrationRecord(Payload, &Record));
         LockConnection(ParserQueue->RegistrationConnectionHandle, &RegistrationConnectionFileLock);
         SendPacketLocked(&Header, Payload);
         UnlockConnection(ParserQueue->RegistrationConnectionHandle,
                          &RegistrationConnectionFileLock);
     }
-    if (DEBUG_FLAG)
-        printf("Send registration data complete.\n");
+    DebugPrint("Send registration data complete.\n");
     free(Payload);
     return 0;
 }
@@ -178,7 +165,7 @@ int HandlePostRegistration(PRZP_HEADER_PACKET Header, unsigned char *Payload)
                Header->DataLength);
         return 0;
     }
-    if (DEBUG_FLAG)
+    if (Debugging())
         DumpRegistrationAnswer(&Record);
     BOOLEAN *Flag = ProvidesFlag(Record.opCode);
     if (Flag == nullptr)
@@ -193,8 +180,7 @@ int DeRegisterWithRZPManager(void)
     RZP_HEADER_PACKET Header;
     if (ParserQueue == nullptr)
         return 0;
-    FillRequestHeader(&Header, RZP_SHUTDOWN, ParserQueue->RegistrationConnectionHandle);
-    Header.LocalSequenceNumber = NextSequenceNumber();
+    FillRequestHeader(&Header, RZP_SHUTDOWN, ParserQueue->RegistrationConnectionHandle, 0);
     SendPacketLocked(&Header, nullptr);
     return 0;
 }

@@ -16,16 +16,10 @@ int SupportQueryLimit = SUPPORT_QUERY_LIMIT;
 
 namespace {
 
+// A request to the manager: sent on the write connection.
 void BuildRequestHeader(PRZP_HEADER_PACKET Header, uint32_t OpCode, int DataLength)
 {
-    memset(Header, 0, sizeof *Header);
-    Header->SrcHandle = ParserQueue->ReadConnectionHandle;
-    Header->DestHandle = ParserQueue->WriteConnectionHandle;
-    Header->LocalSequenceNumber = NextSequenceNumber();
-    Header->RemoteSequenceNumber = -1;
-    Header->opCode = OpCode;
-    Header->ReturnCode = RZP_NO_RESULT_YET;
-    Header->DataLength = DataLength;
+    FillRequestHeader(Header, OpCode, ParserQueue->WriteConnectionHandle, DataLength);
 }
 
 // Sends one request and waits for its answer; Header holds the answer's header afterwards
@@ -98,7 +92,7 @@ int QueryOpcodeSupport(uint32_t OpCode, const char *DebugName)
         RoundTrip(&Header, Query, Answer.data());
         Count++;
         Result = Header.ReturnCode;
-        if (DEBUG_FLAG && DebugName != nullptr)
+        if (Debugging() && DebugName != nullptr)
             printf("%s %s supported.\n", DebugName,
                    Result == RZP_OPCODE_SUPPORTED ? "is" : "is not");
     }
@@ -141,8 +135,7 @@ int SendIsComponentSupportedByThisErrataPacket(unsigned char *Buffer, int Buffer
     std::vector<unsigned char> Answer(RZP_MAX_PAYLOAD);
     BuildRequestHeader(&Header, RZP_IS_COMPONENT_SUPPORTED_ON_THIS_ERRATA, BufferLength);
     RoundTrip(&Header, Buffer, Answer.data());
-    if (DEBUG_FLAG)
-        printf("The return code from the SendIsComponentSupportByThisErrataPacket is %d\n",
+    DebugPrint("The return code from the SendIsComponentSupportByThisErrataPacket is %d\n",
                Header.ReturnCode);
     return Header.ReturnCode;
 }

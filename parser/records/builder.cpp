@@ -251,7 +251,7 @@ static const REQUISITE_LOOP PostrequisiteLoop = {
 static void PrintRequisiteTrace(const REQUISITE_LOOP *Loop, uint32_t SubType, int ValueLength,
                                 int Body, int Record)
 {
-    if (DEBUG_FLAG != 1)
+    if (!Debugging())
         return;
     if (Loop->StructType == RZP_STRUCT_PREREQ)
         printf("TempType is %d   TempLength is %d   SubTypeLength is %d   StructLength is %d\n",
@@ -270,8 +270,7 @@ static int AppendRequisites(RECORD_WRITER *W, const char *XMLFileName, const REQ
     int Overflow = 0;
     for (int Index = 0;; Index++) {
         int Result = Loop->Reader(XMLFileName, SubType, Value, Index);
-        if (DEBUG_FLAG == 1)
-            printf(Loop->ReturnMessage, Result);
+        DebugPrint(Loop->ReturnMessage, Result);
         if (Result != 0)
             break;
         uint32_t Code = DecimalValue(SubType);
@@ -284,8 +283,7 @@ static int AppendRequisites(RECORD_WRITER *W, const char *XMLFileName, const REQ
         PrintRequisiteTrace(Loop, Code, static_cast<int>(strlen(Value) + 1), Body, Record);
         Count++;
     }
-    if (VERBOSE_MODE == 1)
-        printf(Loop->CountMessage, Count);
+    VerbosePrint(Loop->CountMessage, Count);
     return Overflow ? -1 : 0;
 }
 
@@ -330,8 +328,7 @@ static int AppendConfiguration(RECORD_WRITER *W, PPRECONFIGURATION C, uint32_t S
         C->OutputNameLength, S[3], C->DefaultValueType, C->DefaultValueLength, S[4],
         C->ActualValueType, C->ActualValueLength, S[5], C->OutputFileNameType,
         C->OutputFileNameLength, S[6], C->AttributesType, C->AttributesLength, C->Attributes);
-    if (DEBUG_FLAG == 1)
-        printf("StructType is %d   StructLength is %d\n", StructType, BodyLength);
+    DebugPrint("StructType is %d   StructLength is %d\n", StructType, BodyLength);
     int HeaderLength = Tokenize(At, "%U%U", StructType, static_cast<uint32_t>(BodyLength));
     if (CheckEncoded(BodyLength, Body) != 0 || CheckEncoded(HeaderLength, Header) != 0)
         return -1;
@@ -353,8 +350,7 @@ static int AppendConfigurations(RECORD_WRITER *W, const char *XMLFileName,
             break;
         }
         int Result = Loop->Reader(XMLFileName, Index, Config, CONFIGURATION_LOCALE);
-        if (DEBUG_FLAG == 1)
-            printf(Loop->ReturnMessage, Result);
+        DebugPrint(Loop->ReturnMessage, Result);
         if (Result == 0) {
             DumpConfigurationStruct(Config, static_cast<int>(Loop->StructType));
             Overflow = AppendConfiguration(W, Config, Loop->StructType) != 0;
@@ -364,8 +360,7 @@ static int AppendConfigurations(RECORD_WRITER *W, const char *XMLFileName,
         if (Result != 0 || Overflow)
             break;
     }
-    if (VERBOSE_MODE == 1)
-        printf(Loop->CountMessage, Count);
+    VerbosePrint(Loop->CountMessage, Count);
     return Overflow ? -1 : 0;
 }
 
@@ -441,20 +436,20 @@ static const char *Does(BOOLEAN Flag)
 
 static void PrintSummaries(PRZP_INSTALL_PACKET P, int Length)
 {
-    if (DEBUG_FLAG == 1) {
+    if (Debugging()) {
         printf("Component Version --> %s\n", P->ComponentVersion);
         printf("Component Name --> %s\n", P->ComponentName);
         printf("Component Description --> %s\n", P->ComponentDescription);
         printf("Component %s require a reboot.\n", Does(P->ComponentRequiresReboot));
         printf("Component Install Command --> %s\n", P->InstallCommand);
     }
-    if (VERBOSE_MODE == 1) {
+    if (Verbose()) {
         printf("Component %s have prerequisites.\n", Does(P->HasPrerequisites));
         printf("Component %s have postrequisites.\n", Does(P->HasPostrequisites));
         printf("Component %s require pre-configuration.\n", Does(P->RequiresPreConfiguration));
         printf("Component %s require post-configuration.\n", Does(P->RequiresPostConfiguration));
     }
-    if (DEBUG_FLAG == 1) {
+    if (Debugging()) {
         printf("InstallPacketNumber is %d\n", InstallPacketNumber);
         printf("Length is %d\n\n", Length);
     }
@@ -492,18 +487,15 @@ static int ReadComponentDescription(const char *XMLFileName, COMPONENTINFOPTR Co
     int Result = GetComponentInformation(XMLFileName, Component, language);
     if (Result != 0)
         return Result;
-    if (DEBUG_FLAG == 1)
-        printf("Component information found.\n");
+    DebugPrint("Component information found.\n");
     Result = GetRebootValue(XMLFileName, Component);
     if (Result != 0)
         return Result;
-    if (DEBUG_FLAG == 1)
-        printf("Reboot value found.\n");
+    DebugPrint("Reboot value found.\n");
     Result = GetInstallCommand(XMLFileName, Component);
     if (Result != 0)
         return Result;
-    if (DEBUG_FLAG == 1)
-        printf("Install command found.\n");
+    DebugPrint("Install command found.\n");
     return 0;
 }
 
@@ -511,8 +503,7 @@ static int ReadComponentDescription(const char *XMLFileName, COMPONENTINFOPTR Co
 static int OfferRecord(const char *FileName, PRZP_INSTALL_PACKET P, RECORD_WRITER *W)
 {
     int Supported = SendIsComponentSupportedByThisErrataPacket(W->Buffer, W->Position);
-    if (DEBUG_FLAG == 1)
-        printf("Component %s %s supported by the currently installed errata kernel\n", FileName,
+    DebugPrint("Component %s %s supported by the currently installed errata kernel\n", FileName,
                Supported == 0 ? "is" : "is not");
     if (Supported != 0) {
         ReportNotSupported(FileName);
@@ -529,8 +520,7 @@ static int OfferRecord(const char *FileName, PRZP_INSTALL_PACKET P, RECORD_WRITE
 int BuildRZPInstallStructures(const char *XMLFileName, COMPONENTINFOPTR Component,
                               const char *language)
 {
-    if (DEBUG_FLAG == 1)
-        printf("Component XML Filename is %s\n", TextOrEmpty(XMLFileName));
+    DebugPrint("Component XML Filename is %s\n", TextOrEmpty(XMLFileName));
     if (XMLFileName == nullptr || Component == nullptr)
         return RZP_PARSER_BAD_XML;
     int Result = ReadComponentDescription(XMLFileName, Component, language);

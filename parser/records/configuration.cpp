@@ -97,8 +97,7 @@ static int ReadPrompt(SECTIONPTR Entry, PPRECONFIGURATION Config, const char *Cu
         const char *Language = GetAttribute(Xlate, "lang");
         if (Language == nullptr)
             continue;
-        if (DEBUG_FLAG == 1)
-            printf("language found is %s   CurrentLocaleName is %s\n", Language,
+        DebugPrint("language found is %s   CurrentLocaleName is %s\n", Language,
                    CurrentLocaleName == nullptr ? "" : CurrentLocaleName);
         if (CurrentLocaleName != nullptr && strcmp(Language, CurrentLocaleName) == 0)
             return SetString(&Config->Prompt, &Config->PromptLength, GetFirstCDATA(Xlate));
@@ -146,8 +145,7 @@ static int ReadOutputs(SECTIONPTR Entry, PPRECONFIGURATION Config)
                         AttributeOf(Entry, "output_filename", "value"));
     C->Attributes =
         static_cast<uint32_t>(HexadecimalValue(AttributeOf(Entry, "attributes", "value")));
-    if (DEBUG_FLAG == 1)
-        printf("Attributes is set to %08x\n", C->Attributes);
+    DebugPrint("Attributes is set to %08x\n", C->Attributes);
     return Result == 0 ? 0 : RZP_OUT_OF_MEMORY;
 }
 
@@ -194,7 +192,7 @@ static const char *Shown(const char *Text)
 void DumpConfigurationStruct(PPRECONFIGURATION ConfigurationStruct, int StructType)
 {
     PPRECONFIGURATION C = ConfigurationStruct;
-    if (DEBUG_FLAG != 1 || C == nullptr)
+    if (!Debugging() || C == nullptr)
         return;
     printf(StructType == RZP_STRUCT_PRECONFIG ? "PreConfiguration Structure found\n"
                                               : "PostConfiguration Structure found\n");

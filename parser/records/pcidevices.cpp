@@ -67,8 +67,7 @@ int GetPCIDevices(const char *XMLFileName, char *Value, int LineNumber)
     if (Value == nullptr)
         return RZP_OUT_OF_MEMORY;
     snprintf(Value, REQUISITE_VALUE_SIZE, "%s.%s.%s.%s", Parts[0], Parts[1], Parts[2], Parts[3]);
-    if (DEBUG_FLAG == 1)
-        printf("PCI Device found Value--> %s\n", Value);
+    DebugPrint("PCI Device found Value--> %s\n", Value);
     return 0;
 }
 
@@ -81,8 +80,7 @@ int RetrievePCIDevicesFromXML(const char *XMLFileName, unsigned char *Buffer, in
         return 0;
     for (int Index = 0;; Index++) {
         int Result = GetPCIDevices(XMLFileName, Value, Index);
-        if (DEBUG_FLAG == 1)
-            printf("Return code from GetPCIDevices is %d\n", Result);
+        DebugPrint("Return code from GetPCIDevices is %d\n", Result);
         if (Result != 0)
             break;
         int BodyLength = 0, RecordLength = 0;
@@ -94,14 +92,12 @@ int RetrievePCIDevicesFromXML(const char *XMLFileName, unsigned char *Buffer, in
                    XMLFileName, Index);
             break;
         }
-        if (DEBUG_FLAG == 1)
-            printf("TempType is %d   TempLength is %d   SubTypeLength is %d   StructLength is %d\n",
+        DebugPrint("TempType is %d   TempLength is %d   SubTypeLength is %d   StructLength is %d\n",
                    SUBTYPE_PCI_DEVICE_PRESENT, static_cast<int>(strlen(Value) + 1), BodyLength,
                    RecordLength);
         Count++;
     }
-    if (VERBOSE_MODE == 1)
-        printf("The number of PCI Device records found was %d\n", Count);
+    VerbosePrint("The number of PCI Device records found was %d\n", Count);
     *BufferLength = Position;
     return Count;
 }

@@ -83,8 +83,7 @@ static int GetRequisite(const REQUISITE_LIST *List, const char *XMLFileName, cha
         return RZP_PARSER_BAD_XML;
     CopyBounded(SubType, SUBTYPE_BUFFER_SIZE, TypeText);
     CopyBounded(SubTypeValue, REQUISITE_VALUE_SIZE, ValueText);
-    if (DEBUG_FLAG == 1)
-        printf("Found SubType--> %s     Found Value--> %s\n", SubType, SubTypeValue);
+    DebugPrint("Found SubType--> %s     Found Value--> %s\n", SubType, SubTypeValue);
     return 0;
 }
 

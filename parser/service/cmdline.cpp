@@ -1,6 +1,8 @@
-// cmdline.cpp - the run flags and the command-line scan that sets them. Owns every run-flag
-// global (SILENT_INSTALL ... REBOOT_IF_NEEDED), Parser_Exiting, ThreadCount and
-// LocalSequenceNumber; CheckCommandLineParameters writes them on the main thread only.
+// cmdline.cpp - the run flags, the command-line scan that sets them, and the debug and verbose
+// console lines that they switch on. Owns every run-flag global (SILENT_INSTALL ...
+// REBOOT_IF_NEEDED), Parser_Exiting, ThreadCount and LocalSequenceNumber;
+// CheckCommandLineParameters writes them on the main thread only.
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -208,4 +210,22 @@ void FreeCommandLineState(void)
 int NextSequenceNumber(void)
 {
     return LocalSequenceNumber.fetch_add(1);
+}
+
+void DebugPrint(const char *Format, ...)
+{
+    va_list Arguments;
+    va_start(Arguments, Format);
+    if (Debugging())
+        vprintf(Format, Arguments);
+    va_end(Arguments);
+}
+
+void VerbosePrint(const char *Format, ...)
+{
+    va_list Arguments;
+    va_start(Arguments, Format);
+    if (Verbose())
+        vprintf(Format, Arguments);
+    va_end(Arguments);
 }

@@ -202,8 +202,7 @@ int InitializeCommunicationsInterface(void)
     Result = OpenConnections();
     if (Result != 0)
         return Result;
-    if (DEBUG_FLAG)
-        printf("Parser RCH is %d         WCH is %d           RegCH is %d\n",
+    DebugPrint("Parser RCH is %d         WCH is %d           RegCH is %d\n",
                ParserQueue->ReadConnectionHandle, ParserQueue->WriteConnectionHandle,
                ParserQueue->RegistrationConnectionHandle);
     Result = CopyConnectionNames();

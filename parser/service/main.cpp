@@ -72,8 +72,7 @@ int main(int argc, char **argv)
         if (Result == 0)
             Result = RunService();
     }
-    if (VERBOSE_MODE == 1)
-        printf("Parser sub-service is unloading\n");
+    VerbosePrint("Parser sub-service is unloading\n");
     FreeCommandLineState();
     ThreadCount--;
     return Result;

@@ -42,11 +42,6 @@ static const char CDATA_START[] = "<![CDATA[";
 static const size_t CDATA_START_LENGTH = 9;
 static const size_t CDATA_END_LENGTH = 3;
 
-static int Debugging(void)
-{
-    return DEBUG_FLAG.load() == 1;
-}
-
 // ---- Character classes --------------------------------------------------------------------------
 
 enum {
@@ -304,8 +299,7 @@ static unsigned long AddText(const char *Token, size_t Length)
 
 static unsigned long AddCDATA(const char *Token, size_t Length)
 {
-    if (Debugging())
-        printf("CDATA string is being copied to CDATA structure.\n");
+    DebugPrint("CDATA string is being copied to CDATA structure.\n");
     CDATAPTR Block = static_cast<CDATAPTR>(TreeAllocate(sizeof(CDATA) + Length + 1));
     if (Block == nullptr)
         return XML_NO_MEMORY;
@@ -319,8 +313,7 @@ static unsigned long AddCDATA(const char *Token, size_t Length)
     else
         ActiveSection->NextCDATA = Block;
     Owner->LastCDATA = Block;
-    if (Debugging())
-        printf("CDATA string has been copied.\n");
+    DebugPrint("CDATA string has been copied.\n");
     return 0;
 }
 
@@ -451,8 +444,7 @@ static void ReleaseTree(void)
 
 unsigned long DeleteTree(void)
 {
-    if (Debugging())
-        printf("Now deleting the sections of the tree.\n");
+    DebugPrint("Now deleting the sections of the tree.\n");
     ReleaseTree();
     return 0;
 }
@@ -513,8 +505,7 @@ static void InsertCDATALine(void)
     char *Text = WorkingCopy + CDATA_START_LENGTH; // W holds "<![CDATA[": 9 bytes at least
     char Saved = Text[Length];
     Text[Length] = '\0';
-    if (Debugging())
-        printf("CDATA found is %s\n", Text);
+    DebugPrint("CDATA found is %s\n", Text);
     InsertTokenOfLength(Text, Length, XML_CDATA);
     Text[Length] = Saved;
 }
@@ -800,8 +791,7 @@ static long OpenXMLFile(const char *FileName, int *Descriptor, char **Buffer, lo
 
 long ParseFile(const char *FileName)
 {
-    if (Debugging())
-        printf("XMLTOKENIZER--Parsing file, %s\n", FileName != nullptr ? FileName : "(null)");
+    DebugPrint("XMLTOKENIZER--Parsing file, %s\n", FileName != nullptr ? FileName : "(null)");
     if (FileName == nullptr)
         return XML_OPEN_FAILED;
     // A tree left by a failed parse never bleeds into the next file.
@@ -821,8 +811,7 @@ long ParseFile(const char *FileName)
     }
     close(File);
     memset(Buffer + Count, 0, static_cast<size_t>(Size - Count) + 1); // a short read leaves zeros
-    if (Debugging())
-        printf("XMLTOKENIZER--Calling InternalParseXML, CurrentlyInstalledOS = %s\n",
+    DebugPrint("XMLTOKENIZER--Calling InternalParseXML, CurrentlyInstalledOS = %s\n",
                CurrentlyInstalledOS != nullptr ? CurrentlyInstalledOS : "(null)");
     Result = InternalParseXML(Buffer, Size);
     free(Buffer);
