@@ -4,7 +4,8 @@
 // the distribution being simulated. Tests run in parallel, each in its own sandbox.
 #pragma once
 
-// Enters the sandbox. The first call unshares the mount namespace (the calling process must
+// Enters the sandbox. The first call unshares the mount namespace (for a caller who is not
+// root, inside a new user namespace that maps it to root; the calling process must
 // be single-threaded then) and mounts; later calls only empty /tmp and /dev of what earlier
 // runs left. Returns 0, or -1 with a message on standard error.
 int SandboxEnter(void);

@@ -50,6 +50,14 @@ struct ZmConfig {
 
 enum { ZM_FROM_PARSER = 0, ZM_TO_PARSER = 1 };
 
+// Where a message of the sub-service appeared: its screen (output request 2001), its log
+// (log request 2002) or its console (one line of standard output or error).
+enum { ZM_SCREEN = 0, ZM_LOG = 1, ZM_CONSOLE = 2 };
+struct ZmMessage {
+    int Source = ZM_CONSOLE;
+    std::string Text;
+};
+
 struct ZmPacket {
     int Direction = ZM_FROM_PARSER;
     std::string Connection; // connection path it travelled on
@@ -78,6 +86,8 @@ struct ZmSession {
     std::string Console;             // the sub-service's console output so far
     std::vector<std::string> ScreenTexts; // decoded output requests (2001)
     std::vector<std::string> LogTexts;    // decoded log requests (2002)
+    std::vector<ZmMessage> Messages;      // screen, log and console lines in the order produced
+    size_t ConsoleLinesEnd = 0;           // Console up to here is split into Messages
     std::map<uint32_t, int> SupportQueries; // opcode asked about -> queries so far
     int RegistrationsSeen = 0;
     bool ConsoleEnded = false;       // the console reader has stopped reading
@@ -117,6 +127,10 @@ void ZmClose(ZmSession *S);
 // The number of closed sessions whose sub-service printed a sanitizer report (AddressSanitizer,
 // LeakSanitizer, ThreadSanitizer, UndefinedBehaviorSanitizer) in this process.
 int ZmSanitizerReports(void);
+
+// Takes the console output that is waiting now, so that Messages holds every line the
+// sub-service printed before the last packet that was received from it.
+void ZmSyncConsole(ZmSession *S);
 
 // Copies of the recorded state, taken under the lock.
 std::vector<ZmPacket> ZmPacketsSnapshot(ZmSession *S);

@@ -1,81 +1,131 @@
 // cli.cpp - the zelrzp-manager program: runs the sub-service on a bundle directory, on this
-// system or in the sandbox simulating a distribution, fetches every install record and prints
-// the install plan as a table or as JSON. Owns the file-static CliOptions of one run.
+// system or in the sandbox simulating a distribution (or every known distribution at once, in
+// parallel sandboxes), fetches every install record and prints the install plan with every
+// message of the sub-service tied to its file or component, as a table or as JSON, and exits
+// with a status a script can trust. Owns the file-static option record of one invocation.
+#include <fcntl.h>
+#include <getopt.h>
 #include <limits.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "sandbox.h"
+#include "zelfindings.h"
 #include "zellint.h"
 #include "zelrzpmanager.h"
 
 #ifndef ZEL_DEFAULT_PARSER
 #define ZEL_DEFAULT_PARSER "/usr/local/bin/zelparser"
 #endif
+#ifndef ZEL_VERSION
+#define ZEL_VERSION "0"
+#endif
 
-// Exit codes: the plan was printed; the run failed; the command line was wrong.
-enum { CLI_OK = 0, CLI_FAILED = 1, CLI_USAGE = 2 };
+using Json = nlohmann::ordered_json;
+
+// Exit status: every component of the chosen bundle became an install record, with no fault
+// reported; a plan was made but components were refused or files reported corrupt or missing;
+// the command line was wrong; no plan (no bundle file, none or several supported, an empty
+// plan, a sub-service that failed or could not be run).
+enum { CLI_CLEAN = 0, CLI_FINDINGS = 1, CLI_USAGE = 2, CLI_NO_PLAN = 3 };
 
 struct CliRelease {
     std::string File;
     std::string Text;
 };
 
-struct CliOptions {
-    std::string BundleDir, ParserPath, View;
-    std::vector<std::string> Packages; // -C
-    std::set<std::string> ErrataUnsupported;
-    std::vector<CliRelease> Releases;
-    bool Json = false, Debug = false, Verbose = false, NUI = false, Help = false;
-    int TimeoutSeconds = 60;
-};
-
 struct CliDistro {
     const char *Name;
-    const char *File;
-    const char *Text;
+    const char *Description;
+    CliRelease Files[2];
+    bool Sp3; // SP3=YES in the environment (UnitedLinux 1.0 service pack 3)
 };
 
+// Release files of the distributions whose detection and bundle matching differ.
 static const CliDistro Distros[] = {
-    {"rh73", "/etc/redhat-release", "Red Hat Linux release 7.3 (Valhalla)\n"},
-    {"rhas21", "/etc/redhat-release", "Red Hat Linux Advanced Server release 2.1AS (Pensacola)\n"},
-    {"rhel3", "/etc/redhat-release", "Red Hat Enterprise Linux AS release 3 (Taroon)\n"},
-    {"sles8", "/etc/SuSE-release", "SuSE SLES-8 (i386)\nVERSION = 8.1\n"},
-    {"ul10", "/etc/UnitedLinux-release", "UnitedLinux 1.0 (i586)\nVERSION = 1.0\n"},
+    {"rh73", "Red Hat Linux 7.3",
+     {{"/etc/redhat-release", "Red Hat Linux release 7.3 (Valhalla)\n"}, {}}, false},
+    {"rhas21", "Red Hat Linux Advanced Server 2.1",
+     {{"/etc/redhat-release", "Red Hat Linux Advanced Server release 2.1AS (Pensacola)\n"}, {}},
+     false},
+    {"rhel3", "Red Hat Enterprise Linux AS 3",
+     {{"/etc/redhat-release", "Red Hat Enterprise Linux AS release 3 (Taroon)\n"}, {}}, false},
+    {"sles7", "SuSE SLES 7",
+     {{"/etc/SuSE-release", "SuSE SLES-7 (i386)\nVERSION = 7\n"}, {}}, false},
+    {"sles8", "SuSE SLES 8 (SuSE release file only)",
+     {{"/etc/SuSE-release", "SuSE SLES-8 (i386)\nVERSION = 8.1\n"}, {}}, false},
+    {"sles8-ul", "SuSE SLES 8 with its UnitedLinux release file (detected as UnitedLinux 1.0)",
+     {{"/etc/SuSE-release", "SuSE SLES-8 (i386)\nVERSION = 8.1\n"},
+      {"/etc/UnitedLinux-release", "UnitedLinux 1.0 (i586)\nVERSION = 1.0\n"}},
+     false},
+    {"ul10", "UnitedLinux 1.0",
+     {{"/etc/UnitedLinux-release", "UnitedLinux 1.0 (i586)\nVERSION = 1.0\n"}, {}}, false},
+    {"ul10-sp3", "UnitedLinux 1.0 service pack 3 (SP3=YES)",
+     {{"/etc/UnitedLinux-release", "UnitedLinux 1.0 (i586)\nVERSION = 1.0\n"}, {}}, true},
 };
 
 static const char *const ReleaseFiles[] = {"/etc/redhat-release", "/etc/SuSE-release",
                                            "/etc/UnitedLinux-release"};
 
+struct CliOptions {
+    std::string BundleDir, ParserPath, View;
+    const CliDistro *Distro = nullptr;
+    std::vector<CliRelease> Releases; // --release texts
+    std::vector<std::string> Packages; // -C
+    std::set<std::string> ErrataUnsupported;
+    bool Json = false, Debug = false, Verbose = false, NUI = false, AllDistros = false;
+    int TimeoutSeconds = 60;
+};
+
 static const char Usage[] =
-    "usage: zelrzp-manager [options] BUNDLE_DIR\n"
-    "Runs the parser sub-service on BUNDLE_DIR and prints the install plan it produces.\n"
+    "usage: zelrzp-manager [options] [--] BUNDLE_DIR\n"
+    "       zelrzp-manager matrix [options] [--] BUNDLE_DIR    (the same as --all-distros)\n"
+    "       zelrzp-manager lint [--json] [--strict] BUNDLE_DIR  (what will be misread; lint --help)\n"
+    "Runs the parser sub-service on BUNDLE_DIR and prints the install plan it produces, with\n"
+    "every message it printed or sent, tied to the file or component it concerns.\n"
     "\n"
-    "  --distro NAME            simulate a distribution in a private sandbox:\n"
-    "                           rh73, rhas21, rhel3, sles8 or ul10\n"
-    "  --release TEXT           simulate a distribution whose release file holds TEXT\n"
-    "  --release-file PATH      the release file for the following --release\n"
+    "  --distro=NAME            simulate a distribution in a private sandbox (no root needed\n"
+    "                           where the kernel allows user namespaces); --list-distros\n"
+    "  --release=TEXT           simulate a distribution whose release file holds TEXT\n"
+    "  --release-file=PATH      the release file for the following --release\n"
     "                           (/etc/redhat-release, /etc/SuSE-release, /etc/UnitedLinux-release)\n"
-    "  --parser PATH            the sub-service executable (default: zelparser beside this program)\n"
-    "  --json                   print the plan as JSON\n"
+    "  --all-distros            run on every known distribution at once and print a support\n"
+    "                           matrix: the bundle chosen (or why none) and each component\n"
+    "  --json                   print JSON instead of a table\n"
+    "  --parser=PATH            the sub-service executable (default: zelparser beside this program)\n"
     "  --NUI                    run the sub-service without user interface (coloured messages)\n"
-    "  --VIEW PKG               only the components whose file name contains PKG\n"
+    "  --VIEW=PKG               only the components whose file name contains PKG\n"
     "  -C PKG                   install the named package only (repeatable)\n"
-    "  --errata-unsupported FILE  answer that component FILE does not support the errata\n"
+    "  --errata-unsupported=FILE  answer that component FILE does not support the errata\n"
     "                           kernel (repeatable)\n"
-    "  --debug, --verbose       pass the sub-service's debug or verbose option\n"
-    "  --timeout SECONDS        longest wait for any answer (default 60)\n"
-    "  --help                   show this text\n"
+    "  --debug, --verbose       pass the sub-service's debug or verbose option and show its\n"
+    "                           output on standard error as it comes\n"
+    "  --timeout=SECONDS        longest wait for any answer (default 60)\n"
+    "  --version, --help\n"
     "\n"
-    "Without --distro or --release the sub-service runs on this system and needs root.\n";
+    "Without --distro, --release or --all-distros the sub-service runs on this system and\n"
+    "needs root.\n"
+    "\n"
+    "Exit status: 0 every component of the chosen bundle became an install record and nothing\n"
+    "was reported; 1 a plan was made, but components were refused or files were reported\n"
+    "corrupt or missing; 2 a wrong command line; 3 no plan (no bundle file, none or more than\n"
+    "one supports the distribution, an empty plan, the sub-service failed or could not run).\n"
+    "With --all-distros: the worst of the distributions, where one that no bundle file claims\n"
+    "counts as 0.\n";
 
 static int UsageError(const std::string &What)
 {
@@ -91,6 +141,14 @@ static const CliDistro *FindDistro(const std::string &Name)
         if (Name == D.Name)
             return &D;
     return nullptr;
+}
+
+static std::string DistroList(void)
+{
+    std::string List;
+    for (const CliDistro &D : Distros)
+        List += std::string("  ") + D.Name + std::string(10 - strlen(D.Name), ' ') + D.Description + "\n";
+    return List;
 }
 
 static bool IsReleaseFile(const std::string &Path)
@@ -112,87 +170,107 @@ static bool ParseSeconds(const char *Text, int *Seconds)
     return true;
 }
 
-// Options that take a value. Returns 1 when Name is one and was handled, 0 when it is not one,
-// -1 on a bad value.
-static int ValueOption(CliOptions *O, const std::string &Name, const char *Value, std::string *File)
+enum {
+    OPT_DISTRO = 1000, OPT_RELEASE, OPT_RELEASE_FILE, OPT_PARSER, OPT_JSON, OPT_NUI, OPT_VIEW,
+    OPT_ERRATA, OPT_DEBUG, OPT_VERBOSE, OPT_TIMEOUT, OPT_VERSION, OPT_ALL, OPT_LIST
+};
+
+static const struct option LongOptions[] = {
+    {"distro", required_argument, nullptr, OPT_DISTRO},
+    {"release", required_argument, nullptr, OPT_RELEASE},
+    {"release-file", required_argument, nullptr, OPT_RELEASE_FILE},
+    {"parser", required_argument, nullptr, OPT_PARSER},
+    {"json", no_argument, nullptr, OPT_JSON},
+    {"NUI", no_argument, nullptr, OPT_NUI},
+    {"VIEW", required_argument, nullptr, OPT_VIEW},
+    {"errata-unsupported", required_argument, nullptr, OPT_ERRATA},
+    {"debug", no_argument, nullptr, OPT_DEBUG},
+    {"verbose", no_argument, nullptr, OPT_VERBOSE},
+    {"timeout", required_argument, nullptr, OPT_TIMEOUT},
+    {"version", no_argument, nullptr, OPT_VERSION},
+    {"all-distros", no_argument, nullptr, OPT_ALL},
+    {"list-distros", no_argument, nullptr, OPT_LIST},
+    {"help", no_argument, nullptr, 'h'},
+    {nullptr, 0, nullptr, 0},
+};
+
+// One option with its value. 1 handled, 0 an option that ends the program with success
+// (help, version, list), -1 a usage error.
+static int TakeOption(CliOptions *O, int Code, const char *Value, std::string *File)
 {
-    if (Name == "--distro") {
-        const CliDistro *D = FindDistro(Value);
-        if (D == nullptr)
-            return UsageError(std::string("unknown distribution ") + Value);
-        O->Releases.push_back({D->File, D->Text});
-    } else if (Name == "--release") {
+    switch (Code) {
+    case OPT_DISTRO:
+        if (O->Distro != nullptr)
+            return UsageError("only one --distro, please");
+        O->Distro = FindDistro(Value);
+        if (O->Distro == nullptr)
+            return UsageError(std::string("unknown distribution ") + Value + "; the known ones:\n" +
+                              DistroList());
+        return 1;
+    case OPT_RELEASE: {
         std::string Text = Value;
         if (Text.empty() || Text.back() != '\n')
             Text += '\n';
         O->Releases.push_back({*File, Text});
-    } else if (Name == "--release-file") {
+        return 1;
+    }
+    case OPT_RELEASE_FILE:
         if (!IsReleaseFile(Value))
             return UsageError(std::string(Value) + " is not one of the three release files");
         *File = Value[0] == '/' ? std::string(Value) : std::string("/etc/") + Value;
-    } else if (Name == "--parser") {
-        O->ParserPath = Value;
-    } else if (Name == "--VIEW") {
+        return 1;
+    case OPT_PARSER: O->ParserPath = Value; return 1;
+    case OPT_JSON: O->Json = true; return 1;
+    case OPT_NUI: O->NUI = true; return 1;
+    case OPT_DEBUG: O->Debug = true; return 1;
+    case OPT_VERBOSE: O->Verbose = true; return 1;
+    case OPT_ALL: O->AllDistros = true; return 1;
+    case OPT_VIEW:
         if (!O->View.empty())
             return UsageError("only one --VIEW is allowed");
+        if (*Value == '\0')
+            return UsageError("--VIEW wants a non-empty part of a file name");
         O->View = Value;
-    } else if (Name == "-C") {
-        O->Packages.push_back(Value);
-    } else if (Name == "--errata-unsupported") {
-        O->ErrataUnsupported.insert(Value);
-    } else if (Name == "--timeout") {
+        return 1;
+    case 'C': O->Packages.push_back(Value); return 1;
+    case OPT_ERRATA: O->ErrataUnsupported.insert(Value); return 1;
+    case OPT_TIMEOUT:
         if (!ParseSeconds(Value, &O->TimeoutSeconds))
             return UsageError(std::string("--timeout wants a number of seconds, not ") + Value);
-    } else {
-        return 0;
+        return 1;
+    case 'h': fputs(Usage, stdout); return 0;
+    case OPT_VERSION: printf("zelrzp-manager %s\n", ZEL_VERSION); return 0;
+    case OPT_LIST: fputs(DistroList().c_str(), stdout); return 0;
+    default: return -1; // getopt_long has said what is wrong
     }
-    return 1;
 }
 
-static bool FlagOption(CliOptions *O, const std::string &Name)
-{
-    bool *Flags[] = {&O->Json, &O->Debug, &O->Verbose, &O->NUI, &O->Help, &O->Help};
-    const char *Names[] = {"--json", "--debug", "--verbose", "--NUI", "--help", "-h"};
-    for (size_t i = 0; i < sizeof Names / sizeof Names[0]; i++)
-        if (Name == Names[i]) {
-            *Flags[i] = true;
-            return true;
-        }
-    return false;
-}
-
-static bool TakesValue(const std::string &Name)
-{
-    for (const char *V : {"--distro", "--release", "--release-file", "--parser", "--VIEW", "-C",
-                          "--errata-unsupported", "--timeout"})
-        if (Name == V)
-            return true;
-    return false;
-}
-
+// 1 to run, 0 to end with success, -1 on a usage error.
 static int ParseArguments(int Argc, char **Argv, CliOptions *O)
 {
     std::string File = ReleaseFiles[0];
-    for (int i = 1; i < Argc; i++) {
-        std::string Arg = Argv[i];
-        if (FlagOption(O, Arg))
-            continue;
-        if (TakesValue(Arg)) {
-            if (i + 1 >= Argc)
-                return UsageError(Arg + " needs a value");
-            if (ValueOption(O, Arg, Argv[++i], &File) < 0)
-                return -1;
-        } else if (Arg.size() > 1 && Arg[0] == '-') {
-            return UsageError("unknown option " + Arg);
-        } else if (!O->BundleDir.empty()) {
-            return UsageError("only one bundle directory, please");
-        } else {
-            O->BundleDir = Arg;
-        }
+    opterr = 0;
+    optind = 1;
+    int Code;
+    while ((Code = getopt_long(Argc, Argv, ":hC:", LongOptions, nullptr)) != -1) {
+        if (Code == '?')
+            return UsageError(std::string("unknown option ") + Argv[optind - 1]);
+        if (Code == ':')
+            return UsageError(std::string(Argv[optind - 1]) + " needs a value");
+        int Taken = TakeOption(O, Code, optarg, &File);
+        if (Taken <= 0)
+            return Taken;
     }
-    if (!O->Help && O->BundleDir.empty())
+    if (optind + 1 < Argc)
+        return UsageError("only one bundle directory, please");
+    if (optind >= Argc)
         return UsageError("no bundle directory given");
-    return 0;
+    O->BundleDir = Argv[optind];
+    if (O->AllDistros && (O->Distro != nullptr || !O->Releases.empty()))
+        return UsageError("--all-distros runs every distribution; leave out --distro and --release");
+    if (O->Distro != nullptr && !O->Releases.empty())
+        return UsageError("give either --distro or --release, not both");
+    return 1;
 }
 
 // ---- Setting up --------------------------------------------------------------------------------
@@ -211,9 +289,21 @@ static std::string DefaultParser()
     return ZEL_DEFAULT_PARSER;
 }
 
+// The release files of one run: the chosen distribution's, or the --release texts.
+static std::vector<CliRelease> ReleasesOf(const CliOptions &O, const CliDistro *D)
+{
+    if (D == nullptr)
+        return O.Releases;
+    std::vector<CliRelease> Files;
+    for (const CliRelease &R : D->Files)
+        if (!R.File.empty())
+            Files.push_back(R);
+    return Files;
+}
+
 // The sub-service starts in our current directory. Entering it before the sandbox keeps a
 // bundle under /tmp reachable, although the sandbox puts a fresh /tmp over it.
-static int Prepare(CliOptions *O)
+static int EnterBundleDir(CliOptions *O, std::string *Error)
 {
     char Resolved[PATH_MAX];
     if (O->ParserPath.empty())
@@ -222,20 +312,32 @@ static int Prepare(CliOptions *O)
         O->ParserPath = Resolved;
     struct stat St;
     if (stat(O->BundleDir.c_str(), &St) != 0 || !S_ISDIR(St.st_mode)) {
-        fprintf(stderr, "zelrzp-manager: %s is not a directory\n", O->BundleDir.c_str());
+        *Error = O->BundleDir + " is not a directory";
         return -1;
     }
     if (chdir(O->BundleDir.c_str()) != 0) {
-        fprintf(stderr, "zelrzp-manager: cannot enter %s: %s\n", O->BundleDir.c_str(), strerror(errno));
+        *Error = "cannot enter " + O->BundleDir + ": " + strerror(errno);
         return -1;
     }
-    if (O->Releases.empty())
-        return 0;
-    if (SandboxEnter() != 0 || SandboxClearReleaseFiles() != 0)
+    return 0;
+}
+
+// Enters the sandbox with the given release files (this process must be single-threaded).
+static int EnterSandbox(const std::vector<CliRelease> &Files, bool Sp3, std::string *Error)
+{
+    if (Sp3)
+        setenv("SP3", "YES", 1);
+    else
+        unsetenv("SP3");
+    if (SandboxEnter() != 0 || SandboxClearReleaseFiles() != 0) {
+        *Error = "cannot enter the sandbox (the reason is on standard error)";
         return -1;
-    for (const CliRelease &R : O->Releases)
-        if (SandboxSetFile(R.File.c_str(), R.Text.c_str()) != 0)
+    }
+    for (const CliRelease &R : Files)
+        if (SandboxSetFile(R.File.c_str(), R.Text.c_str()) != 0) {
+            *Error = "cannot write " + R.File + " in the sandbox";
             return -1;
+        }
     return 0;
 }
 
@@ -244,10 +346,9 @@ static ZmConfig ConfigFor(const CliOptions &O)
     ZmConfig C;
     C.ParserPath = O.ParserPath;
     C.BundleDir = ".";
+    C.Args.push_back("-V"); // its progress lines tell which file each message concerns
     if (O.Debug)
         C.Args.push_back("--DEBUG");
-    if (O.Verbose)
-        C.Args.push_back("-V");
     if (O.NUI)
         C.Args.push_back("--NUI");
     if (!O.View.empty())
@@ -255,25 +356,88 @@ static ZmConfig ConfigFor(const CliOptions &O)
     for (const std::string &P : O.Packages)
         C.Args.insert(C.Args.end(), {"-C", P});
     C.ErrataUnsupported = O.ErrataUnsupported;
-    C.EchoScreen = true;
-    C.EchoConsole = true;
+    C.EchoScreen = C.EchoConsole = O.Verbose || O.Debug;
     C.EchoFd = 2;
     C.TimeoutMs = O.TimeoutSeconds * 1000;
     return C;
 }
 
-// ---- The run -----------------------------------------------------------------------------------
+// ---- Records as JSON ---------------------------------------------------------------------------
 
-struct CliPlan {
-    std::string BundleName, BundleFile;
+static bool IsDevice(const ZmRequisite &Q)
+{
+    return Q.Structure == RZP_STRUCT_PREREQ && Q.SubType == SUBTYPE_PCI_DEVICE_PRESENT;
+}
+
+static Json TextOrNull(bool Present, const std::string &T) { return Present ? Json(T) : Json(nullptr); }
+
+static Json RequisitesJson(const ZmRecord &R, uint32_t Structure)
+{
+    Json List = Json::array();
+    for (const ZmRequisite &Q : R.Requisites)
+        if (Q.Structure == Structure && !IsDevice(Q))
+            List.push_back({{"subType", Q.SubType}, {"subTypeName", ZmSubTypeName(Q.SubType)},
+                            {"value", Q.Value}});
+    return List;
+}
+
+static Json ConfigurationJson(const ZmRecord &R, uint32_t Structure)
+{
+    Json List = Json::array();
+    for (const ZmConfigVariable &V : R.Configuration)
+        if (V.Structure == Structure)
+            List.push_back({{"outputName", TextOrNull(V.HasOutputName, V.OutputName)},
+                            {"outputType", V.OutputType},
+                            {"required", V.IsVariableRequired},
+                            {"minimumLength", V.MinimumLength},
+                            {"maximumLength", V.MaximumLength},
+                            {"prompt", TextOrNull(V.HasPrompt, V.Prompt)},
+                            {"acceptableCharacters",
+                             TextOrNull(V.HasAcceptableCharacters, V.AcceptableCharacters)},
+                            {"requiredFormat", TextOrNull(V.HasRequiredFormat, V.RequiredFormat)},
+                            {"defaultValue", TextOrNull(V.HasDefaultValue, V.DefaultValue)},
+                            {"actualValue", TextOrNull(V.HasActualValue, V.ActualValue)},
+                            {"outputFileName", TextOrNull(V.HasOutputFileName, V.OutputFileName)},
+                            {"attributes", V.Attributes}});
+    return List;
+}
+
+static Json RecordJson(const ZmRecord &R)
+{
+    Json Devices = Json::array();
+    for (const ZmRequisite &Q : R.Requisites)
+        if (IsDevice(Q))
+            Devices.push_back(Q.Value);
+    return {{"number", R.Number}, {"file", R.FileName}, {"name", R.Name}, {"version", R.Version},
+            {"description", R.Description}, {"installCommand", R.InstallCommand},
+            {"reboot", R.ComponentRequiresReboot},
+            {"requiresPreCompilation", R.RequiresPreCompilation},
+            {"requiresPostCompilation", R.RequiresPostCompilation},
+            {"prerequisites", RequisitesJson(R, RZP_STRUCT_PREREQ)},
+            {"postrequisites", RequisitesJson(R, RZP_STRUCT_POSTREQ)},
+            {"pciDevices", Devices},
+            {"preConfiguration", ConfigurationJson(R, RZP_STRUCT_PRECONFIG)},
+            {"postConfiguration", ConfigurationJson(R, RZP_STRUCT_POSTCONFIG)}};
+}
+
+// ---- One run -----------------------------------------------------------------------------------
+
+// What one run found out; turned into the JSON object that both printers read.
+struct CliRun {
+    Json Result;
+    ZmSession *Session = nullptr;
+    std::string BundleFile, BundleName;
+    bool Tqr = false;
     int32_t NumberOfItems = 0;
+    bool HaveItems = false;
     std::vector<ZmRecord> Records;
-    std::vector<std::string> Screen;
+    size_t OpenEnd = 0;
+    Json Failure;
 };
 
-static int RunFailed(const std::string &What)
+static int Failed(CliRun *Run, const char *Stage, int Code, const std::string &What)
 {
-    fprintf(stderr, "zelrzp-manager: %s\n", What.c_str());
+    Run->Failure = {{"stage", Stage}, {"code", Code == 0 ? Json(nullptr) : Json(Code)}, {"what", What}};
     return -1;
 }
 
@@ -285,195 +449,261 @@ static std::string AnswerText(const ZmPacket &P)
     return ZmReadStringItem(&R, "answer", &Text, nullptr, false) ? Text : std::string();
 }
 
-static std::string OpenRefusal(int Code, bool Tqr)
-{
-    if (Code == RZP_PARSER_NO_BUNDLE)
-        return "no bundle XML file in the directory supports the installed distribution (-703)";
-    if (Code == RZP_PARSER_NOT_ONE_BUNDLE && Tqr)
-        return "the installed distribution is not supported (-505)";
-    if (Code == RZP_PARSER_NOT_ONE_BUNDLE)
-        return "more than one bundle XML file supports the installed distribution (-505)";
-    return "open input file was answered " + ZmResultText(Code);
-}
-
-static int OpenAndParse(ZmSession *S, const CliOptions &O, CliPlan *Plan)
+static int OpenBundle(CliRun *Run)
 {
     ZmPacket A;
-    if (ZmRequest(S, RZP_PARSER_OPEN_INPUT_FILE, {}, &A) != 0)
-        return RunFailed("no answer to open input file");
+    int Asked = ZmRequest(Run->Session, RZP_PARSER_OPEN_INPUT_FILE, {}, &A);
+    ZmSyncConsole(Run->Session);
+    {
+        std::lock_guard<std::mutex> Guard(Run->Session->Lock);
+        Run->OpenEnd = Run->Session->Messages.size();
+    }
+    if (Asked != 0)
+        return Failed(Run, "open", 0, "the sub-service did not answer open input file");
     if (A.Header.ReturnCode != 0)
-        return RunFailed(OpenRefusal(A.Header.ReturnCode, !O.Packages.empty()));
-    Plan->BundleName = AnswerText(A);
-    if (ZmRequest(S, RZP_PARSER_PARSE_INPUT_FILE, {}, &A) != 0)
-        return RunFailed("no answer to parse input file");
-    if (A.Header.ReturnCode == RZP_PARSER_BAD_XML)
-        return RunFailed("the bundle XML file cannot be read (-504)");
-    if (A.Header.ReturnCode != 0)
-        return RunFailed("parse input file was answered " + ZmResultText(A.Header.ReturnCode));
-    Plan->BundleFile = AnswerText(A);
-    std::string Error;
-    if (ZmFetchAllRecords(S, nullptr, &Plan->Records, &Plan->NumberOfItems, &Error) != 0)
-        return RunFailed(Error);
+        return Failed(Run, "open", A.Header.ReturnCode, ""); // explained from the verdicts
+    if (Run->Tqr)
+        return 0;
+    Run->BundleName = AnswerText(A);
     return 0;
 }
 
-static int Run(const CliOptions &O, CliPlan *Plan)
+static int ParseBundle(CliRun *Run)
+{
+    ZmPacket A;
+    if (ZmRequest(Run->Session, RZP_PARSER_PARSE_INPUT_FILE, {}, &A) != 0)
+        return Failed(Run, "parse", 0, "the sub-service did not answer parse input file");
+    if (A.Header.ReturnCode == RZP_PARSER_BAD_XML)
+        return Failed(Run, "parse", RZP_PARSER_BAD_XML,
+                      "the version or the name of the bundle XML file cannot be read (-504)");
+    if (A.Header.ReturnCode != 0)
+        return Failed(Run, "parse", A.Header.ReturnCode,
+                      "parse input file was answered " + ZmResultText(A.Header.ReturnCode));
+    if (!Run->Tqr)
+        Run->BundleFile = AnswerText(A);
+    std::string Error;
+    if (ZmFetchAllRecords(Run->Session, nullptr, &Run->Records, &Run->NumberOfItems, &Error) != 0)
+        return Failed(Run, "items", 0, Error);
+    Run->HaveItems = true;
+    return 0;
+}
+
+static void Converse(const CliOptions &O, CliRun *Run)
 {
     ZmSession S;
     std::string Error;
-    if (ZmStart(&S, ConfigFor(O), &Error) != 0)
-        return RunFailed("cannot start the sub-service: " + Error);
-    int Result = OpenAndParse(&S, O, Plan);
+    Run->Session = &S;
+    Run->Tqr = !O.Packages.empty();
+    if (ZmStart(&S, ConfigFor(O), &Error) != 0) {
+        Failed(Run, "start", 0, "cannot start the sub-service: " + Error);
+    } else if (OpenBundle(Run) == 0 && ParseBundle(Run) == 0) {
+        if (ZmStop(&S) < 0)
+            Failed(Run, "stop", 0, "the sub-service did not shut down in time and was killed");
+    }
+    ZmClose(&S);
+    std::vector<ZmMessage> Messages;
     {
         std::lock_guard<std::mutex> Guard(S.Lock);
-        Plan->Screen = S.ScreenTexts;
+        Messages = S.Messages;
     }
-    if (ZmStop(&S) < 0 && Result == 0)
-        Result = RunFailed("the sub-service did not shut down in time and was killed");
-    ZmClose(&S);
-    return Result;
+    if (Run->OpenEnd == 0)
+        Run->OpenEnd = Messages.size();
+    ZfAnalysis A;
+    ZfAnalyse(Messages, Run->OpenEnd, Run->BundleFile, O.Verbose || O.Debug, &A);
+    Run->Session = nullptr;
+    Run->Result["installedOS"] = A.InstalledOS;
+    Json Bundles = Json::array();
+    for (const ZfBundleVerdict &B : A.Bundles)
+        Bundles.push_back({{"file", B.File}, {"verdict", B.Verdict}, {"claims", B.Claims},
+                           {"matched", B.Matched.empty() ? Json(nullptr) : Json(B.Matched)},
+                           {"messages", B.Messages}});
+    Run->Result["bundleFiles"] = Bundles;
+    Json Refused = Json::array();
+    for (const ZfRefused &R : A.Refused)
+        Refused.push_back({{"component", R.Component}, {"reason", R.Reason}});
+    Run->Result["refused"] = Refused;
+    Json Findings = Json::array();
+    for (const ZfFinding &F : A.Findings)
+        Findings.push_back({{"sources", F.Sources}, {"text", F.Text},
+                            {"file", F.File.empty() ? Json(nullptr) : Json(F.File)},
+                            {"component", F.Component.empty() ? Json(nullptr) : Json(F.Component)},
+                            {"problem", F.Problem}});
+    Run->Result["findings"] = Findings;
+}
+
+// The key of the platform-specific sections on the detected distribution.
+static std::string DistributionKey(const std::string &InstalledOS)
+{
+    std::string Key = InstalledOS;
+    std::replace(Key.begin(), Key.end(), ' ', '_');
+    const char *Sp3 = getenv("SP3");
+    if (Key == "UnitedLinux_1.0" && Sp3 != nullptr && strcmp(Sp3, "YES") == 0)
+        Key += "_SP3";
+    return Key;
+}
+
+// What the sub-service does not say: a component XML file without a section for the
+// distribution gets every flag off, silently.
+static void CheckSections(CliRun *Run, const std::string &Key)
+{
+    if (Key.empty())
+        return;
+    for (const ZmRecord &R : Run->Records) {
+        std::string Xml = ZfXmlFileOf(R.FileName);
+        std::ifstream In(Xml, std::ios::binary);
+        std::stringstream Text;
+        Text << In.rdbuf();
+        if (!In || ZfHasSection(Text.str(), Key))
+            continue;
+        Run->Result["findings"].push_back(
+            {{"sources", {"manager"}},
+             {"text", "The component XML file has no '" + Key +
+                          "' section under platform_specific/LINUX: on this distribution all its "
+                          "flags are off (no prerequisites, postrequisites or configuration)."},
+             {"file", Xml}, {"component", R.FileName}, {"problem", true}});
+    }
+}
+
+static std::string NoBundleReason(const Json &R)
+{
+    const Json &Files = R["bundleFiles"];
+    if (Files.empty())
+        return "the directory holds no bundle XML file (a name containing \".xml\" and \"BP0\", in "
+               "any case) (-703)";
+    std::string What = "no bundle XML file supports " +
+                       (R["installedOS"].get<std::string>().empty()
+                            ? std::string("the installed distribution")
+                            : R["installedOS"].get<std::string>()) + " (-703):";
+    for (const Json &B : Files)
+        What += " " + B["file"].get<std::string>() + " " + B["verdict"].get<std::string>() + ";";
+    What.pop_back();
+    return What;
+}
+
+static std::string FailureText(const CliRun &Run, const Json &R, int Code)
+{
+    if (Code == RZP_PARSER_NO_BUNDLE)
+        return NoBundleReason(R);
+    if (Code == RZP_PARSER_NOT_ONE_BUNDLE && Run.Tqr)
+        return "the installed distribution is not supported (-505)";
+    if (Code == RZP_PARSER_NOT_ONE_BUNDLE) {
+        std::string What = "more than one bundle XML file supports the distribution (-505):";
+        for (const Json &B : R["bundleFiles"])
+            if (B["verdict"] == "supported")
+                What += " " + B["file"].get<std::string>() + ",";
+        What.pop_back();
+        return What;
+    }
+    return "open input file was answered " + ZmResultText(Code);
+}
+
+// True when a -703 only says that no bundle file claims this distribution.
+static bool NotClaimed(const Json &R)
+{
+    if (R["failure"].is_null() || R["failure"]["code"] != RZP_PARSER_NO_BUNDLE ||
+        R["bundleFiles"].empty())
+        return false;
+    for (const Json &B : R["bundleFiles"])
+        if (B["verdict"] != "not supported")
+            return false;
+    return true;
+}
+
+// Outcome and exit status from what the run found.
+static void Judge(CliRun *Run, const CliOptions &O)
+{
+    Json &R = Run->Result;
+    if (Run->Failure.is_object() && Run->Failure["what"] == "")
+        Run->Failure["what"] = FailureText(*Run, R, Run->Failure["code"].get<int>());
+    if (Run->Failure.is_null() && Run->Records.empty()) {
+        std::string Why = !O.View.empty() ? "no component file name of the bundle contains \"" +
+                                                O.View + "\""
+                          : R["refused"].empty() ? "the bundle names no component to install"
+                                                 : "every component was refused";
+        Failed(Run, "plan", 0, "the plan is empty: " + Why);
+    }
+    bool Problem = !R["refused"].empty();
+    for (const Json &F : R["findings"])
+        Problem = Problem || F["problem"].get<bool>();
+    int Status = !Run->Failure.is_null() ? CLI_NO_PLAN : Problem ? CLI_FINDINGS : CLI_CLEAN;
+    R["failure"] = Run->Failure;
+    R["outcome"] = Status == CLI_CLEAN      ? "clean"
+                   : Status == CLI_FINDINGS ? "findings"
+                   : NotClaimed(R)          ? "not claimed"
+                                            : "no plan";
+    R["exitStatus"] = Status;
+}
+
+static Json DistributionJson(const CliOptions &O, const CliDistro *D, const std::vector<CliRelease> &Files)
+{
+    Json Releases = Json::object();
+    for (const CliRelease &F : Files)
+        Releases[F.File] = F.Text;
+    bool Simulated = D != nullptr || !O.Releases.empty();
+    return {{"name", D ? Json(D->Name) : Json(nullptr)},
+            {"description", D ? D->Description : Simulated ? "given release files" : "this system"},
+            {"simulated", Simulated},
+            {"releaseFiles", Releases}};
+}
+
+// One whole run in this process, which must be single-threaded when it simulates.
+static Json RunOne(CliOptions O, const CliDistro *D, bool EnterDir)
+{
+    CliRun Run;
+    std::vector<CliRelease> Files = ReleasesOf(O, D);
+    bool Simulate = D != nullptr || !O.Releases.empty();
+    Run.Result["distribution"] = DistributionJson(O, D, Files);
+    Run.Result["bundleDirectory"] = O.BundleDir;
+    std::string Error;
+    if (EnterDir && EnterBundleDir(&O, &Error) != 0) {
+        Failed(&Run, "setup", 0, Error);
+    } else if (!Simulate && geteuid() != 0) {
+        Failed(&Run, "setup", 0,
+               "running the sub-service on this system needs root (it reads this machine's "
+               "release file and writes under /dev and /tmp); as an ordinary user simulate a "
+               "distribution with --distro=NAME or --all-distros");
+    } else if (Simulate && EnterSandbox(Files, D != nullptr && D->Sp3, &Error) != 0) {
+        Failed(&Run, "setup", 0, Error);
+    } else {
+        Converse(O, &Run);
+    }
+    Json &R = Run.Result;
+    for (const char *Key : {"bundleFiles", "refused", "findings"})
+        if (!R.contains(Key))
+            R[Key] = Json::array();
+    if (!R.contains("installedOS"))
+        R["installedOS"] = "";
+    R["distribution"]["key"] = DistributionKey(R["installedOS"].get<std::string>());
+    if (R["installedOS"] == "")
+        R["distribution"]["key"] = nullptr;
+    if (Run.HaveItems)
+        CheckSections(&Run, R["distribution"]["key"].is_null() ? "" : R["distribution"]["key"].get<std::string>());
+    std::string Matched;
+    for (const Json &B : R["bundleFiles"])
+        if (B["file"] == Run.BundleFile && B["matched"].is_string())
+            Matched = B["matched"];
+    R["bundle"] = Run.BundleFile.empty()
+                      ? Json(nullptr)
+                      : Json({{"file", Run.BundleFile}, {"name", Run.BundleName},
+                              {"matchedEntry", Matched.empty() ? Json(nullptr) : Json(Matched)}});
+    if (Run.Tqr)
+        R["packages"] = O.Packages;
+    R["numberOfItems"] = Run.HaveItems ? Json(Run.NumberOfItems) : Json(nullptr);
+    Json Components = Json::array();
+    for (const ZmRecord &Rec : Run.Records)
+        Components.push_back(RecordJson(Rec));
+    R["components"] = Components;
+    Judge(&Run, O);
+    return R;
 }
 
 // ---- Printing ----------------------------------------------------------------------------------
 
-// Lead bytes and their continuation bytes only; enough to tell UTF-8 from Latin-1 text.
-static bool IsValidUtf8(const std::string &T)
-{
-    size_t i = 0;
-    while (i < T.size()) {
-        unsigned char C = (unsigned char)T[i];
-        size_t More = C < 0x80             ? 0
-                      : (C & 0xE0) == 0xC0 ? 1
-                      : (C & 0xF0) == 0xE0 ? 2
-                      : (C & 0xF8) == 0xF0 ? 3
-                                           : 4;
-        if (More == 4 || More > T.size() - i - 1)
-            return false;
-        for (size_t k = 1; k <= More; k++)
-            if (((unsigned char)T[i + k] & 0xC0) != 0x80)
-                return false;
-        i += More + 1;
-    }
-    return true;
-}
+static bool Colour = false; // colour sequences kept: a table on a terminal
 
-// JSON text: quotes, backslashes and control characters escaped; bytes that are not UTF-8
-// are taken as Latin-1, so the output is always valid JSON.
-static std::string Json(const std::string &T)
-{
-    bool Utf8 = IsValidUtf8(T);
-    std::string Out = "\"";
-    char Hex[8];
-    for (unsigned char C : T) {
-        if (C == '"' || C == '\\') {
-            Out += '\\';
-            Out += (char)C;
-        } else if (C == '\n') {
-            Out += "\\n";
-        } else if (C == '\t') {
-            Out += "\\t";
-        } else if (C < 0x20 || C == 0x7f || (C >= 0x80 && !Utf8)) {
-            snprintf(Hex, sizeof Hex, "\\u%04x", C);
-            Out += Hex;
-        } else {
-            Out += (char)C;
-        }
-    }
-    return Out + "\"";
-}
+static std::string Shown(const std::string &T) { return Colour ? T : ZfStripColour(T); }
 
-static std::string JsonOrNull(bool Present, const std::string &T) { return Present ? Json(T) : "null"; }
-
-static const char *Bool(bool B) { return B ? "true" : "false"; }
-
-static bool IsDevice(const ZmRequisite &Q)
-{
-    return Q.Structure == RZP_STRUCT_PREREQ && Q.SubType == SUBTYPE_PCI_DEVICE_PRESENT;
-}
-
-static void JsonRequisites(const ZmRecord &R, uint32_t Structure, const char *Key)
-{
-    printf("      \"%s\": [", Key);
-    const char *Sep = "";
-    for (const ZmRequisite &Q : R.Requisites)
-        if (Q.Structure == Structure && !IsDevice(Q)) {
-            printf("%s\n        {\"subType\": %u, \"subTypeName\": \"%s\", \"value\": %s}", Sep,
-                   Q.SubType, ZmSubTypeName(Q.SubType), Json(Q.Value).c_str());
-            Sep = ",";
-        }
-    printf("%s],\n", *Sep ? "\n      " : "");
-}
-
-static void JsonDevices(const ZmRecord &R)
-{
-    printf("      \"pciDevices\": [");
-    const char *Sep = "";
-    for (const ZmRequisite &Q : R.Requisites)
-        if (IsDevice(Q)) {
-            printf("%s%s", Sep, Json(Q.Value).c_str());
-            Sep = ", ";
-        }
-    printf("],\n");
-}
-
-static void JsonVariable(const ZmConfigVariable &V, const char *Sep)
-{
-    printf("%s\n        {\"outputName\": %s, \"outputType\": %u, \"required\": %s, "
-           "\"minimumLength\": %u, \"maximumLength\": %u, \"prompt\": %s, "
-           "\"acceptableCharacters\": %s, \"requiredFormat\": %s, \"defaultValue\": %s, "
-           "\"actualValue\": %s, \"outputFileName\": %s, \"attributes\": %u}",
-           Sep, JsonOrNull(V.HasOutputName, V.OutputName).c_str(), V.OutputType,
-           Bool(V.IsVariableRequired), V.MinimumLength, V.MaximumLength,
-           JsonOrNull(V.HasPrompt, V.Prompt).c_str(),
-           JsonOrNull(V.HasAcceptableCharacters, V.AcceptableCharacters).c_str(),
-           JsonOrNull(V.HasRequiredFormat, V.RequiredFormat).c_str(),
-           JsonOrNull(V.HasDefaultValue, V.DefaultValue).c_str(),
-           JsonOrNull(V.HasActualValue, V.ActualValue).c_str(),
-           JsonOrNull(V.HasOutputFileName, V.OutputFileName).c_str(), V.Attributes);
-}
-
-static void JsonConfiguration(const ZmRecord &R, uint32_t Structure, const char *Key, bool Last)
-{
-    printf("      \"%s\": [", Key);
-    const char *Sep = "";
-    for (const ZmConfigVariable &V : R.Configuration)
-        if (V.Structure == Structure) {
-            JsonVariable(V, Sep);
-            Sep = ",";
-        }
-    printf("%s]%s\n", *Sep ? "\n      " : "", Last ? "" : ",");
-}
-
-static void JsonRecord(const ZmRecord &R, bool Last)
-{
-    printf("    {\n      \"number\": %u,\n      \"file\": %s,\n      \"name\": %s,\n"
-           "      \"version\": %s,\n      \"description\": %s,\n      \"installCommand\": %s,\n"
-           "      \"reboot\": %s,\n      \"requiresPreCompilation\": %s,\n"
-           "      \"requiresPostCompilation\": %s,\n",
-           R.Number, Json(R.FileName).c_str(), Json(R.Name).c_str(), Json(R.Version).c_str(),
-           Json(R.Description).c_str(), Json(R.InstallCommand).c_str(),
-           Bool(R.ComponentRequiresReboot), Bool(R.RequiresPreCompilation),
-           Bool(R.RequiresPostCompilation));
-    JsonRequisites(R, RZP_STRUCT_PREREQ, "prerequisites");
-    JsonRequisites(R, RZP_STRUCT_POSTREQ, "postrequisites");
-    JsonDevices(R);
-    JsonConfiguration(R, RZP_STRUCT_PRECONFIG, "preConfiguration", false);
-    JsonConfiguration(R, RZP_STRUCT_POSTCONFIG, "postConfiguration", true);
-    printf("    }%s\n", Last ? "" : ",");
-}
-
-static void PrintJson(const CliPlan &P)
-{
-    printf("{\n  \"bundle\": {\"name\": %s, \"file\": %s},\n  \"numberOfItems\": %d,\n"
-           "  \"components\": [\n",
-           Json(P.BundleName).c_str(), Json(P.BundleFile).c_str(), P.NumberOfItems);
-    for (size_t i = 0; i < P.Records.size(); i++)
-        JsonRecord(P.Records[i], i + 1 == P.Records.size());
-    printf("  ],\n  \"messages\": [");
-    for (size_t i = 0; i < P.Screen.size(); i++)
-        printf("%s\n    %s", i ? "," : "", Json(P.Screen[i]).c_str());
-    printf("%s]\n}\n", P.Screen.empty() ? "" : "\n  ");
-}
+static std::string Str(const Json &V) { return V.is_string() ? V.get<std::string>() : std::string(); }
 
 // One line of the table; the lines of a value that has several start under its first.
 static void Row(const char *Label, const std::string &Value)
@@ -484,64 +714,288 @@ static void Row(const char *Label, const std::string &Value)
     printf("    %-20s %s\n", Label, Text.c_str());
 }
 
-static void TableRequisites(const ZmRecord &R, uint32_t Structure, const char *Label)
+static void TableRequisites(const Json &List, const char *Label)
 {
     bool Any = false;
-    for (const ZmRequisite &Q : R.Requisites)
-        if (Q.Structure == Structure && !IsDevice(Q)) {
-            Row(Any ? "" : Label, std::string(ZmSubTypeName(Q.SubType)) + " " + Q.Value);
-            Any = true;
-        }
+    for (const Json &Q : List) {
+        Row(Any ? "" : Label, Str(Q["subTypeName"]) + " " + Str(Q["value"]));
+        Any = true;
+    }
     if (!Any)
         Row(Label, "none");
 }
 
-static std::string Shown(bool Present, const std::string &T) { return Present ? T : "-"; }
+static std::string OrDash(const Json &V) { return V.is_string() ? V.get<std::string>() : "-"; }
 
-static void TableConfiguration(const ZmRecord &R, uint32_t Structure, const char *Label)
+static void TableConfiguration(const Json &List, const char *Label)
 {
     bool Any = false;
-    char Limits[96];
-    for (const ZmConfigVariable &V : R.Configuration)
-        if (V.Structure == Structure) {
-            snprintf(Limits, sizeof Limits, " (%s, length %u..%u, type %u, attributes 0x%x)",
-                     V.IsVariableRequired ? "required" : "optional", V.MinimumLength,
-                     V.MaximumLength, V.OutputType, V.Attributes);
-            Row(Any ? "" : Label, Shown(V.HasOutputName, V.OutputName) + Limits);
-            Row("", "  prompt \"" + Shown(V.HasPrompt, V.Prompt) + "\", default " +
-                        Shown(V.HasDefaultValue, V.DefaultValue) + ", file " +
-                        Shown(V.HasOutputFileName, V.OutputFileName));
-            Any = true;
-        }
+    char Limits[128];
+    for (const Json &V : List) {
+        snprintf(Limits, sizeof Limits, " (%s, length %u..%u, type %u, attributes 0x%x)",
+                 V["required"].get<bool>() ? "required" : "optional",
+                 V["minimumLength"].get<unsigned>(), V["maximumLength"].get<unsigned>(),
+                 V["outputType"].get<unsigned>(), V["attributes"].get<unsigned>());
+        Row(Any ? "" : Label, OrDash(V["outputName"]) + Limits);
+        Row("", "  prompt \"" + OrDash(V["prompt"]) + "\", default " + OrDash(V["defaultValue"]) +
+                    ", file " + OrDash(V["outputFileName"]));
+        Any = true;
+    }
     if (!Any)
         Row(Label, "none");
 }
 
-static void TableRecord(const ZmRecord &R)
+static void TableRecord(const Json &R)
 {
     std::string Devices;
-    for (const ZmRequisite &Q : R.Requisites)
-        if (IsDevice(Q))
-            Devices += (Devices.empty() ? "" : ", ") + Q.Value;
-    printf("\n[%u] %s\n", R.Number, R.FileName.c_str());
-    Row("Name:", R.Name);
-    Row("Version:", R.Version);
-    Row("Description:", R.Description);
-    Row("Install command:", R.InstallCommand);
-    Row("Reboot:", R.ComponentRequiresReboot ? "yes" : "no");
-    TableRequisites(R, RZP_STRUCT_PREREQ, "Prerequisites:");
-    TableRequisites(R, RZP_STRUCT_POSTREQ, "Postrequisites:");
+    for (const Json &D : R["pciDevices"])
+        Devices += (Devices.empty() ? "" : ", ") + Str(D);
+    printf("\n[%u] %s\n", R["number"].get<unsigned>(), Str(R["file"]).c_str());
+    Row("Name:", Str(R["name"]));
+    Row("Version:", Str(R["version"]));
+    Row("Description:", Str(R["description"]));
+    Row("Install command:", Str(R["installCommand"]));
+    Row("Reboot:", R["reboot"].get<bool>() ? "yes" : "no");
+    TableRequisites(R["prerequisites"], "Prerequisites:");
+    TableRequisites(R["postrequisites"], "Postrequisites:");
     Row("PCI devices:", Devices.empty() ? "none" : Devices);
-    TableConfiguration(R, RZP_STRUCT_PRECONFIG, "Pre-configuration:");
-    TableConfiguration(R, RZP_STRUCT_POSTCONFIG, "Post-configuration:");
+    TableConfiguration(R["preConfiguration"], "Pre-configuration:");
+    TableConfiguration(R["postConfiguration"], "Post-configuration:");
 }
 
-static void PrintTable(const CliPlan &P)
+static std::string Concerns(const Json &F)
 {
-    printf("Bundle:      %s\nBundle file: %s\n", P.BundleName.c_str(), P.BundleFile.c_str());
-    printf("Components:  %d reported, %zu install records\n", P.NumberOfItems, P.Records.size());
-    for (const ZmRecord &R : P.Records)
-        TableRecord(R);
+    std::string Where = Str(F["component"]).empty() ? Str(F["file"]) : Str(F["component"]);
+    std::string Sources;
+    for (const Json &S : F["sources"])
+        Sources += (Sources.empty() ? "" : "+") + Str(S);
+    return "(" + Sources + (Where.empty() ? "" : ", " + Where) + ")";
+}
+
+static void TableFindings(const Json &R)
+{
+    if (!R["refused"].empty()) {
+        printf("\nRefused components:\n");
+        for (const Json &X : R["refused"])
+            printf("    %-28s %s\n", Str(X["component"]).c_str(), Str(X["reason"]).c_str());
+    }
+    printf("\nMessages of the sub-service (! marks a fault):\n");
+    for (const Json &F : R["findings"]) {
+        std::string Text = Shown(Str(F["text"]));
+        for (size_t At = Text.find('\n'); At != std::string::npos; At = Text.find('\n', At + 1))
+            Text.insert(At + 1, "      ");
+        printf("  %c %s  %s\n", F["problem"].get<bool>() ? '!' : '-', Text.c_str(),
+               Concerns(F).c_str());
+    }
+}
+
+static void TableVerdicts(const Json &R)
+{
+    for (const Json &B : R["bundleFiles"]) {
+        std::string Claims;
+        for (const Json &C : B["claims"])
+            Claims += (Claims.empty() ? "" : ", ") + Str(C);
+        printf("    %-20s %s%s\n", Str(B["file"]).c_str(), Str(B["verdict"]).c_str(),
+               Claims.empty() ? "" : (" (claims: " + Claims + ")").c_str());
+        for (const Json &M : B["messages"])
+            printf("    %-20s   %s\n", "", Str(M).c_str());
+    }
+}
+
+static void PrintTable(const Json &R)
+{
+    const Json &D = R["distribution"];
+    printf("Distribution: %s%s\n", Str(D["description"]).c_str(),
+           R["installedOS"] == "" ? "" : (" (detected as " + Str(R["installedOS"]) + ")").c_str());
+    if (!R["failure"].is_null()) {
+        printf("No plan: %s\n", Str(R["failure"]["what"]).c_str());
+        if (!R["bundleFiles"].empty()) {
+            printf("\nBundle files:\n");
+            TableVerdicts(R);
+        }
+    } else {
+        if (R["bundle"].is_object())
+            printf("Bundle:       %s\nBundle file:  %s (matched \"%s\")\n",
+                   Str(R["bundle"]["name"]).c_str(), Str(R["bundle"]["file"]).c_str(),
+                   Str(R["bundle"]["matchedEntry"]).c_str());
+        printf("Components:   %d reported, %zu install records, %zu refused\n",
+               R["numberOfItems"].get<int>(), R["components"].size(), R["refused"].size());
+        for (const Json &C : R["components"])
+            TableRecord(C);
+    }
+    TableFindings(R);
+    printf("\nResult: %s (exit status %d)\n", Str(R["outcome"]).c_str(), R["exitStatus"].get<int>());
+}
+
+static void PrintJson(const Json &R)
+{
+    std::string Text = R.dump(2, ' ', false, Json::error_handler_t::replace);
+    fwrite(Text.data(), 1, Text.size(), stdout);
+    fputc('\n', stdout);
+}
+
+// ---- The support matrix ------------------------------------------------------------------------
+
+static Json ChildFailure(const CliDistro &D, const std::string &What)
+{
+    return {{"distribution", {{"name", D.Name}, {"description", D.Description}}},
+            {"failure", {{"stage", "child"}, {"code", nullptr}, {"what", What}}},
+            {"bundleFiles", Json::array()}, {"refused", Json::array()},
+            {"findings", Json::array()}, {"components", Json::array()},
+            {"bundle", nullptr}, {"outcome", "no plan"}, {"exitStatus", CLI_NO_PLAN}};
+}
+
+// Reads what a child left in its file.
+static Json CollectChild(const CliDistro &D, int Fd, int Status)
+{
+    std::string Text;
+    char Buffer[65536];
+    ssize_t N;
+    lseek(Fd, 0, SEEK_SET);
+    while ((N = read(Fd, Buffer, sizeof Buffer)) > 0)
+        Text.append(Buffer, (size_t)N);
+    close(Fd);
+    Json R = Json::parse(Text, nullptr, false);
+    if (R.is_discarded() || !R.is_object())
+        return ChildFailure(D, "the run for " + std::string(D.Name) + " ended without a result (wait status " +
+                                   std::to_string(Status) + ")");
+    return R;
+}
+
+// One child per distribution, each in its own sandbox; the results in table order.
+static std::vector<Json> RunMatrix(const CliOptions &O)
+{
+    std::vector<pid_t> Pids;
+    std::vector<int> Fds;
+    fflush(nullptr);
+    for (const CliDistro &D : Distros) {
+        FILE *File = tmpfile();
+        int Fd = File ? dup(fileno(File)) : -1;
+        if (File)
+            fclose(File);
+        pid_t Pid = Fd < 0 ? -1 : fork();
+        if (Pid == 0) {
+            std::string Text = RunOne(O, &D, false).dump(-1, ' ', false, Json::error_handler_t::replace);
+            ssize_t Written = write(Fd, Text.data(), Text.size());
+            _exit(Written == (ssize_t)Text.size() ? 0 : 1);
+        }
+        Pids.push_back(Pid);
+        Fds.push_back(Fd);
+    }
+    std::vector<Json> Results;
+    for (size_t i = 0; i < Pids.size(); i++) {
+        int Status = 0;
+        if (Pids[i] < 0) {
+            Results.push_back(ChildFailure(Distros[i], std::string("cannot start a run: ") + strerror(errno)));
+            if (Fds[i] >= 0)
+                close(Fds[i]);
+            continue;
+        }
+        while (waitpid(Pids[i], &Status, 0) < 0 && errno == EINTR) {
+        }
+        Results.push_back(CollectChild(Distros[i], Fds[i], Status));
+    }
+    return Results;
+}
+
+static int MatrixStatus(const std::vector<Json> &Results)
+{
+    int Worst = CLI_CLEAN;
+    bool AnyPlan = false;
+    for (const Json &R : Results) {
+        int Status = R["outcome"] == "not claimed" ? CLI_CLEAN : R["exitStatus"].get<int>();
+        AnyPlan = AnyPlan || R["failure"].is_null();
+        Worst = std::max(Worst, Status);
+    }
+    return AnyPlan ? Worst : CLI_NO_PLAN;
+}
+
+static std::string ComponentVerdict(const Json &R, const std::string &Component, bool *Known)
+{
+    for (const Json &X : R["refused"])
+        if (X["component"] == Component)
+            return "refused: " + Str(X["reason"]);
+    std::string Notes;
+    for (const Json &F : R["findings"])
+        if (F["component"] == Component && F["problem"].get<bool>())
+            Notes += " " + Str(F["text"]);
+    for (const Json &C : R["components"])
+        if (C["file"] == Component) {
+            *Known = true;
+            return "recorded" + (Notes.empty() ? "" : " with findings:" + Notes);
+        }
+    return "not recorded" + Notes;
+}
+
+// The components a run looked at: its records, its refusals, in record order first.
+static std::vector<std::string> ComponentsOf(const Json &R)
+{
+    std::vector<std::string> Names;
+    auto Add = [&Names](const std::string &N) {
+        if (!N.empty() && std::find(Names.begin(), Names.end(), N) == Names.end())
+            Names.push_back(N);
+    };
+    for (const Json &F : R["findings"])
+        Add(Str(F["component"]));
+    for (const Json &C : R["components"])
+        Add(Str(C["file"]));
+    for (const Json &X : R["refused"])
+        Add(Str(X["component"]));
+    return Names;
+}
+
+static void PrintMatrixTable(const CliOptions &O, const std::vector<Json> &Results, int Status)
+{
+    printf("Support matrix of %s\n\n", O.BundleDir.c_str());
+    printf("%-10s %-34s %-16s %s\n", "distro", "detected as", "bundle", "result");
+    for (const Json &R : Results) {
+        std::string Bundle = R["bundle"].is_object() ? Str(R["bundle"]["file"]) : "-";
+        char Summary[160];
+        if (R["failure"].is_null())
+            snprintf(Summary, sizeof Summary, "%zu recorded, %zu refused: %s",
+                     R["components"].size(), R["refused"].size(), Str(R["outcome"]).c_str());
+        else
+            snprintf(Summary, sizeof Summary, "%s", Str(R["outcome"]).c_str());
+        printf("%-10s %-34s %-16s %s\n", Str(R["distribution"]["name"]).c_str(),
+               Str(R["installedOS"]).c_str(), Bundle.c_str(), Summary);
+    }
+    for (const Json &R : Results) {
+        printf("\n== %s (%s)\n", Str(R["distribution"]["name"]).c_str(),
+               Str(R["distribution"]["description"]).c_str());
+        if (!R["failure"].is_null())
+            printf("    %s\n", Str(R["failure"]["what"]).c_str());
+        else
+            printf("    bundle %s \"%s\", chosen for its entry \"%s\"\n",
+                   Str(R["bundle"]["file"]).c_str(), Str(R["bundle"]["name"]).c_str(),
+                   Str(R["bundle"]["matchedEntry"]).c_str());
+        TableVerdicts(R);
+        for (const std::string &C : ComponentsOf(R)) {
+            bool Known = false;
+            printf("    %-28s %s\n", C.c_str(), ComponentVerdict(R, C, &Known).c_str());
+        }
+    }
+    printf("\nResult: exit status %d\n", Status);
+}
+
+static int Matrix(CliOptions &O)
+{
+    std::string Error;
+    if (EnterBundleDir(&O, &Error) != 0) {
+        fprintf(stderr, "zelrzp-manager: %s\n", Error.c_str());
+        if (O.Json)
+            PrintJson({{"bundleDirectory", O.BundleDir},
+                       {"failure", {{"stage", "setup"}, {"code", nullptr}, {"what", Error}}},
+                       {"distributions", Json::array()}, {"exitStatus", CLI_NO_PLAN}});
+        return CLI_NO_PLAN;
+    }
+    std::vector<Json> Results = RunMatrix(O);
+    int Status = MatrixStatus(Results);
+    if (O.Json)
+        PrintJson({{"bundleDirectory", O.BundleDir}, {"failure", nullptr},
+                   {"distributions", Results}, {"exitStatus", Status}});
+    else
+        PrintMatrixTable(O, Results, Status);
+    return Status;
 }
 
 int main(int Argc, char **Argv)
@@ -549,22 +1003,28 @@ int main(int Argc, char **Argv)
     if (Argc > 1 && strcmp(Argv[1], "lint") == 0)
         return LintMain(Argc - 1, Argv + 1);
     CliOptions O;
-    if (ParseArguments(Argc, Argv, &O) != 0)
-        return CLI_USAGE;
-    if (O.Help) {
-        fputs(Usage, stdout);
-        return CLI_OK;
+    bool MatrixCommand = Argc > 1 && strcmp(Argv[1], "matrix") == 0;
+    if (MatrixCommand) {
+        Argv[1] = Argv[0];
+        Argc--;
+        Argv++;
+        O.AllDistros = true;
     }
-    // The sandbox must be entered while this process has a single thread.
-    if (Prepare(&O) != 0)
-        return CLI_FAILED;
-    CliPlan Plan;
-    if (Run(O, &Plan) != 0)
-        return CLI_FAILED;
+    int Parsed = ParseArguments(Argc, Argv, &O);
+    if (Parsed <= 0)
+        return Parsed == 0 ? CLI_CLEAN : CLI_USAGE;
+    Colour = !O.Json && isatty(1);
+    if (O.AllDistros)
+        return Matrix(O);
+    // The sandbox must be entered while this process has a single thread: RunOne does it
+    // before the session starts its threads.
+    Json R = RunOne(O, O.Distro, true);
+    if (!R["failure"].is_null())
+        fprintf(stderr, "zelrzp-manager: %s\n", Str(R["failure"]["what"]).c_str());
     fflush(stderr);
     if (O.Json)
-        PrintJson(Plan);
+        PrintJson(R);
     else
-        PrintTable(Plan);
-    return CLI_OK;
+        PrintTable(R);
+    return R["exitStatus"].get<int>();
 }

@@ -21,6 +21,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -212,6 +213,8 @@ static int SupportAnswer(ZmSession *S, const ZmPacket &P)
     return Asked < Refusals ? RZP_OPCODE_NOT_SUPPORTED : S->Config.SupportedAnswer;
 }
 
+static bool ReadConsoleLocked(ZmSession *S);
+
 // Output (2001) and log (2002): one string item, kept in the session.
 static int TextAnswer(ZmSession *S, const ZmPacket &P, std::vector<std::string> *Texts)
 {
@@ -222,7 +225,9 @@ static int TextAnswer(ZmSession *S, const ZmPacket &P, std::vector<std::string> 
     } else {
         {
             std::lock_guard<std::mutex> Guard(S->Lock);
+            ReadConsoleLocked(S); // the lines printed before this message come first
             Texts->push_back(Text);
+            S->Messages.push_back({P.Header.opCode == RZP_OUTPUT_DATA ? ZM_SCREEN : ZM_LOG, Text});
         }
         if (P.Header.opCode == RZP_OUTPUT_DATA && S->Config.EchoScreen)
             Echo(S, Text);
@@ -469,30 +474,58 @@ static bool ConsoleHasData(ZmSession *S)
     }
 }
 
-static void EndConsole(ZmSession *S)
-{
-    std::lock_guard<std::mutex> Guard(S->Lock);
-    S->ConsoleEnded = true;
-    S->Changed.notify_all();
-}
-
-// Appends the sub-service's output until the pipe ends or the session stops.
-static void ConsoleThread(ZmSession *S)
+// Takes every byte of console output that is waiting (the pipe is non-blocking), echoes it and
+// splits the complete lines into S->Messages. Called with S->Lock held, by the console reader
+// and by the pump before it records a screen or log text: the sub-service prints a line before
+// it sends the packets that follow it, so Messages keeps the order in which it produced them.
+// Returns false at the end of the output.
+static bool ReadConsoleLocked(ZmSession *S)
 {
     char Buffer[4096];
-    while (ConsoleHasData(S)) {
-        ssize_t N = read(S->ConsoleFd, Buffer, sizeof Buffer);
+    for (;;) {
+        ssize_t N = S->ConsoleFd < 0 ? 0 : read(S->ConsoleFd, Buffer, sizeof Buffer);
+        if (N < 0 && errno == EINTR)
+            continue;
+        if (N < 0 && errno == EAGAIN)
+            return true;
         if (N <= 0)
-            break;
+            return false;
         if (S->Config.EchoConsole) {
             ssize_t Written = write(S->Config.EchoFd, Buffer, (size_t)N);
             (void)Written;
         }
-        std::lock_guard<std::mutex> Guard(S->Lock);
         S->Console.append(Buffer, (size_t)N);
+        size_t End;
+        while ((End = S->Console.find('\n', S->ConsoleLinesEnd)) != std::string::npos) {
+            S->Messages.push_back(
+                {ZM_CONSOLE, S->Console.substr(S->ConsoleLinesEnd, End - S->ConsoleLinesEnd)});
+            S->ConsoleLinesEnd = End + 1;
+        }
         S->Changed.notify_all();
     }
-    EndConsole(S);
+}
+
+// Appends the sub-service's output until the pipe ends or the session stops, then keeps a
+// last line without its line feed and marks the console ended.
+static void ConsoleThread(ZmSession *S)
+{
+    while (ConsoleHasData(S)) {
+        std::lock_guard<std::mutex> Guard(S->Lock);
+        if (!ReadConsoleLocked(S))
+            break;
+    }
+    std::lock_guard<std::mutex> Guard(S->Lock);
+    if (S->ConsoleLinesEnd < S->Console.size())
+        S->Messages.push_back({ZM_CONSOLE, S->Console.substr(S->ConsoleLinesEnd)});
+    S->ConsoleLinesEnd = S->Console.size();
+    S->ConsoleEnded = true;
+    S->Changed.notify_all();
+}
+
+void ZmSyncConsole(ZmSession *S)
+{
+    std::lock_guard<std::mutex> Guard(S->Lock);
+    ReadConsoleLocked(S);
 }
 
 // ---- Starting and ending -----------------------------------------------------------------------
@@ -538,6 +571,7 @@ static int StartProcess(ZmSession *S, std::string *Error)
     S->Pid = Pid;
     S->ConsoleFd = Pipe[0];
     S->PidFd = (int)syscall(SYS_pidfd_open, Pid, 0); // -1 on kernels without it: the pump polls
+    fcntl(S->ConsoleFd, F_SETFL, fcntl(S->ConsoleFd, F_GETFL) | O_NONBLOCK);
     return 0;
 }
 
@@ -550,6 +584,8 @@ static void ResetRecorded(ZmSession *S, const ZmConfig &Config)
     S->Stopping = false;
     S->Packets.clear();
     S->Console.clear();
+    S->ConsoleLinesEnd = 0;
+    S->Messages.clear();
     S->ScreenTexts.clear();
     S->LogTexts.clear();
     S->SupportQueries.clear();

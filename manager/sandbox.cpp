@@ -1,6 +1,8 @@
 // sandbox.cpp - the private mount namespace that tests and demos run the sub-service in:
-// fresh tmpfs on /dev and /tmp, an overlay on /etc for simulated release files.
-// Owns the file-static SandboxIsActive; writes nothing outside the namespace it creates.
+// fresh tmpfs on /dev and /tmp, an overlay on /etc for simulated release files. A caller who
+// is not root first enters a new user namespace in which it is root, so the same sandbox
+// needs no privilege where the kernel allows unprivileged user namespaces.
+// Owns the file-static SandboxIsActive; writes nothing outside the namespaces it creates.
 #include "sandbox.h"
 
 #include <dirent.h>
@@ -19,6 +21,8 @@
 #include <vector>
 
 static int SandboxIsActive = 0;
+
+static int WriteAll(int Fd, const char *Text, size_t Length);
 
 // The staging area is a tmpfs mounted on /tmp before /tmp itself is replaced: it holds the
 // new /dev until that is moved into place, and the overlay's upper and work directories,
@@ -193,9 +197,45 @@ static int BindHostTmpKeeps(const std::vector<int> &Fds)
     return Result;
 }
 
+// Writes Text to a file of /proc/self (the identity maps of a new user namespace).
+static int WriteProcFile(const char *Path, const std::string &Text)
+{
+    int Fd = open(Path, O_WRONLY | O_CLOEXEC);
+    if (Fd < 0)
+        return Fail("opening", Path);
+    int Result = WriteAll(Fd, Text.data(), Text.size());
+    close(Fd);
+    return Result == 0 ? 0 : Fail("writing", Path);
+}
+
+// A caller who is not root becomes root of a new user namespace (its own user and group
+// mapped to 0), which lets it make the mount namespace and the mounts below. Device nodes
+// cannot be made there; BuildDevices binds the host's instead.
+static int EnterUserNamespace(void)
+{
+    uid_t Uid = geteuid();
+    gid_t Gid = getegid();
+    if (unshare(CLONE_NEWUSER) != 0) {
+        fprintf(stderr,
+                "sandbox: this kernel does not let an unprivileged user create a user namespace "
+                "(%s); run as root, or allow it with: sysctl -w kernel.unprivileged_userns_clone=1 "
+                "user.max_user_namespaces=15000 (and kernel.apparmor_restrict_unprivileged_userns=0 "
+                "where AppArmor restricts them)\n",
+                strerror(errno));
+        return -1;
+    }
+    if (WriteProcFile("/proc/self/setgroups", "deny") != 0 ||
+        WriteProcFile("/proc/self/uid_map", "0 " + std::to_string(Uid) + " 1\n") != 0 ||
+        WriteProcFile("/proc/self/gid_map", "0 " + std::to_string(Gid) + " 1\n") != 0)
+        return -1;
+    return 0;
+}
+
 static int FirstEntry(void)
 {
     std::vector<int> KeptFds;
+    if (geteuid() != 0 && EnterUserNamespace() != 0)
+        return -1;
     if (unshare(CLONE_NEWNS) != 0)
         return Fail("unshare of the mount namespace", "");
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)

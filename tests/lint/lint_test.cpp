@@ -168,10 +168,9 @@ TEST(LintExample, ShowsExactlyWhatItWasMadeToShow)
     int Status = -1;
     nlohmann::json J = LintJson(std::string(ZEL_EXAMPLES) + "/server-bundle", &Status);
     // fwupdate's package file is missing; raidutil has no section for RHEL 3, which bp000101
-    // supports; and e100, listed by the SLES bundle bp000200, has no SLES 8 section.
+    // supports.
     std::set<std::string> Expected = {"bp000101.xml:21:package-file-missing",
-                                      "raidutil-1.7-2.i386.xml:23:no-platform-section",
-                                      "e100-5.2.30-1.i386.xml:42:no-platform-section"};
+                                      "raidutil-1.7-2.i386.xml:23:no-platform-section"};
     EXPECT_EQ(Serious(J), Expected) << J.dump(2);
     EXPECT_EQ(Status, 1);
     EXPECT_EQ(RunManager({"lint", "--strict", std::string(ZEL_EXAMPLES) + "/server-bundle"}).Status, 1);
@@ -186,8 +185,12 @@ TEST(LintDocs, XmlExamplesHaveNoFindings)
     int Count = 0;
     for (const std::string &Page : Entries(ZEL_DOCS)) {
         std::string Text = ReadAll(std::string(ZEL_DOCS) + "/" + Page);
-        for (size_t At = Text.find("```xml\n"); At != std::string::npos; At = Text.find("```xml\n", At + 1)) {
-            size_t Start = At + 7;
+        // A fence "```xml" at the start of a line may name its file after it ("```xml file=NAME").
+        for (size_t At = Text.find("\n```xml"); At != std::string::npos; At = Text.find("\n```xml", At + 1)) {
+            size_t Start = Text.find('\n', At + 1);
+            if (Start == std::string::npos)
+                break;
+            Start++;
             size_t Stop = Text.find("```", Start);
             if (Stop == std::string::npos)
                 break;
@@ -285,7 +288,7 @@ TEST(LintAgreement, CleanComponentsGetRecords)
             if (F["severity"] != "info")
                 Flagged.insert(BaseName(F["file"]));
         RunResult Plan = RunManager({"--distro", "rh73", "--json", Dir});
-        ASSERT_EQ(Plan.Status, 0) << Plan.Out;
+        ASSERT_TRUE(Plan.Status == 0 || Plan.Status == 1) << Plan.Out; // a plan was made
         nlohmann::json J = nlohmann::json::parse(Plan.Out);
         std::set<std::string> Built;
         for (const auto &C : J["components"])
@@ -343,8 +346,10 @@ TEST(LintAgreement, RecordSizeBoundary)
         for (const auto &F : Lint["findings"])
             Flagged |= F["tag"] == "record-too-long";
         RunResult Plan = RunManager({"--distro", "rh73", "--json", Dir});
-        bool Built = Plan.Out.find("\"file\": \"bad-1.0-1.i386.rpm\"") != std::string::npos ||
-                     Plan.Out.find("\"file\":\"bad-1.0-1.i386.rpm\"") != std::string::npos;
+        bool Built = false;
+        nlohmann::json Components = nlohmann::json::parse(Plan.Out)["components"];
+        for (const auto &C : Components)
+            Built |= C["file"] == "bad-1.0-1.i386.rpm";
         EXPECT_EQ(Flagged, Length == 197) << Lint.dump(2);
         EXPECT_EQ(Built, Length == 196) << Plan.Out;
         for (const std::string &Name : Entries(Dir))
