@@ -1,5 +1,43 @@
 // main.cpp - entry of the sub-service: the root and context checks, the command line, the
 // start-up of the transport, the listener, the registration and the shut-down thread.
+// Writes ThreadCount (the main thread and the two threads it starts).
+//
+// DESIGN: threads, locks and what they guard
+// -------------------------------------------
+// Threads (ThreadCount counts the live ones; Parser_Exiting set to 1 ends every loop):
+// - main: checks, command line, InitializeCommunicationsInterface, starts the listener,
+//   registers the seven parser opcodes (RegisterWithRZPManager), starts the shut-down thread
+//   and joins it.
+// - listener (Listen, protocol/listener.cpp): the only reader of the read connection. It
+//   answers control packets itself (shut-down, debug on/off, run-flag update, registration
+//   answers), parks answers and parser requests on the pending-I/O list and starts one
+//   detached worker per parser request, counted before it is created. Any other opcode gets
+//   the "not supported" answer.
+// - workers (operations/): take their request back by opcode (BeginParserWork), do the work,
+//   answer through the send path and uncount themselves (EndParserWork). A worker that asks
+//   the manager something (protocol/requests.cpp, operations/prompts.cpp) sends the request and
+//   waits for the answer on the pending-I/O list (WaitForAnswer): woken when the listener
+//   parks a packet, and at least every 10 ms to look at Parser_Exiting.
+// - shut-down (Shutdown, service/comms.cpp): waits, a second at a time, until only it and
+//   main are left, then deregisters, closes the connections, frees the lists and the tree,
+//   unloads the library.
+//
+// Locks, outermost first; no thread takes them in another order:
+//   1. the registration connection's fcntl lock: only while registering, around each send;
+//   2. SendDataMutex (protocol/sendpath.cpp): around every single send, never across a wait;
+//   3. the write connection's fcntl lock: inside the send path (HandleOutgoingPacket).
+// The read connection's fcntl lock is held by the listener around each receive only.
+// PendingIOMutex (protocol/pendingio.cpp) guards PendingIOList and the condition
+// PendingIOParked; it is never held together with another lock. The fcntl locks order the
+// sub-service against other processes that use the same connection files.
+//
+// Unlocked state: BundleList, ComponentList, InstallPacketList, the XML tree and
+// CurrentlyInstalledOS have one writer at a time because the manager sends each parser
+// request only after the answer to the one before; workers.cpp publishes every answer and
+// acquires it in the next worker (AnswersSent) so that this order is visible to the thread
+// analyser. Run flags that the listener changes (DEBUG_FLAG, FORCE_INSTALL_FLAG,
+// NO_USER_INTERFACE, REBOOT_IF_NEEDED), ThreadCount, Parser_Exiting and LocalSequenceNumber
+// are atomics (runflags.h).
 #include <pthread.h>
 #include <unistd.h>
 
