@@ -5,7 +5,6 @@
 
 #include <cstddef>
 
-#include "xmltokenizer.h"
 #include "zelrzp.h"
 
 // Installed OS detection.
