@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "runflags.h"
 #include "xmltokenizer.h"
 
 // The input lives in a memory file, named for ParseFile by its /proc path: writing a real

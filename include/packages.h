@@ -5,7 +5,6 @@
 
 #include <cstddef>
 
-#include "xmltokenizer.h"
 #include "zelrzp.h"
 
 // Installed OS detection.
@@ -23,10 +22,10 @@ signed char DetectInstalledOS(char *InstalledOSName, char *InstalledOSVersion);
 
 // Bundle descriptions.
 typedef struct _BundleInfo {
-    char *FileName; // 256 bytes
-    char *Version;  // 256 bytes
+    char *FileName;  // 256 bytes
+    char *Version;   // 256 bytes
     char *OSVersion; // 256 bytes
-    int Status;     // 301 for a bundle file that has been found
+    int Status;      // 301 for a bundle file that has been found
     struct _BundleInfo *Next;
 } BundleInfo, *BUNDLEINFOPTR;
 #define BUNDLE_FOUND 301
@@ -77,8 +76,8 @@ enum {
 };
 enum {
     INSTALL_STATUS_BUILT = 0,
-    INSTALL_STATUS_NOT_BUILT = -502,        // as created by the bundle reader and the TQR list
-    INSTALL_STATUS_BUILD_FAILED = 0x10100,  // the builder failed (the tokenizer's failure value)
+    INSTALL_STATUS_NOT_BUILT = -502,       // as created by the bundle reader and the TQR list
+    INSTALL_STATUS_BUILD_FAILED = 0x10100, // the builder failed (the tokenizer's failure value)
 };
 
 extern COMPONENTINFOPTR ComponentList;

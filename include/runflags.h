@@ -37,8 +37,14 @@ int CheckCommandLineParameters(int argc, char **argv);
 void FreeCommandLineState(void);
 // The debug and verbose console lines: printf to standard output when DEBUG_FLAG (for
 // DebugPrint) or VERBOSE_MODE (for VerbosePrint) is 1, nothing otherwise.
-inline bool Debugging(void) { return DEBUG_FLAG.load() == 1; }
-inline bool Verbose(void) { return VERBOSE_MODE == 1; }
+inline bool Debugging(void)
+{
+    return DEBUG_FLAG.load() == 1;
+}
+inline bool Verbose(void)
+{
+    return VERBOSE_MODE == 1;
+}
 void DebugPrint(const char *Format, ...) __attribute__((format(printf, 1, 2)));
 void VerbosePrint(const char *Format, ...) __attribute__((format(printf, 1, 2)));
 

@@ -11,6 +11,7 @@
 #include "packages.h"
 #include "runflags.h"
 #include "support.h"
+#include "xmltokenizer.h"
 
 // A bundle file's name, upper-cased, contains both ".XML" and "BP0".
 static bool IsBundleFileName(const char *Name)

@@ -8,6 +8,7 @@
 #include "packages.h"
 #include "runflags.h"
 #include "support.h"
+#include "xmltokenizer.h"
 
 // Replaces *Field by a copy of Value (NULL for none). 0, or -1 when memory runs out.
 static int SetField(char **Field, const char *Value)

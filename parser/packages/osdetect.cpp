@@ -14,6 +14,7 @@
 #include "packages.h"
 #include "runflags.h"
 #include "support.h"
+#include "xmltokenizer.h"
 
 #define COMMAND_BUFFER_SIZE 1024
 // Only the first line of a pipeline's output is used, and it must fit OS_NAME_MAX: a longer

@@ -9,7 +9,9 @@ struct RESULTNAME {
     const char *Name;
 };
 
+// clang-format off
 #define RESULT_NAME(Code) {Code, #Code}
+// clang-format on
 const RESULTNAME ResultNames[] = {
     RESULT_NAME(RZP_SUCCESS),
     RESULT_NAME(RZP_FAILED),

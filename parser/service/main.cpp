@@ -1,6 +1,47 @@
 // main.cpp - entry of the sub-service: the root and context checks, the command line, the
 // start-up of the transport, the listener, the registration and the shut-down thread.
-// Writes ManagerProcessId (the parent that started the process) before any thread starts.
+// Writes ThreadCount (the main thread and the two threads it starts) and ManagerProcessId
+// (the parent that started the process), before any thread starts.
+//
+// DESIGN: threads, locks and what they guard
+// -------------------------------------------
+// Threads (ThreadCount counts the live ones; Parser_Exiting set to 1 ends every loop):
+// - main: checks, command line, InitializeCommunicationsInterface, starts the listener,
+//   registers the seven parser opcodes (RegisterWithRZPManager), starts the shut-down thread
+//   and joins it.
+// - listener (Listen, protocol/listener.cpp): the only reader of the read connection. It
+//   answers control packets itself (shut-down, debug on/off, run-flag update, registration
+//   answers), parks answers and parser requests on the pending-I/O list and starts one
+//   detached worker per parser request, counted before it is created. Any other opcode gets
+//   the "not supported" answer. Between receives it waits in poll on the read connection for
+//   at most 10 ms.
+// - workers (operations/): take their request back by opcode (BeginParserWork), do their work
+//   on the shared state under ParserStateMutex (RunParserWorker), answer through the send path
+//   and uncount themselves (EndParserWork, UncountThread). A worker that asks the manager
+//   something (protocol/requests.cpp, operations/prompts.cpp) announces the answer it expects
+//   (ExpectAnswer), sends, and waits on the pending-I/O list: woken when the listener parks a
+//   packet, and at least every 10 ms to look at Parser_Exiting.
+// - shut-down (Shutdown, service/comms.cpp): sleeps on ThreadCountChanged, signalled by every
+//   thread that uncounts itself and at least once a second, until only it and main are left;
+//   at each wake it also ends the service when the manager that started it has gone. Then it
+//   deregisters, closes the connections, frees the lists and the tree, unloads the library.
+//
+// Locks, outermost first; no thread takes them in another order:
+//   1. the registration connection's fcntl lock: only while registering, around each send;
+//   2. ParserStateMutex (operations/workers.cpp): held by a parser worker across its work on
+//      BundleList, ComponentList, InstallPacketList, the XML tree and CurrentlyInstalledOS,
+//      its waits for the manager's answers included; the listener and the shut-down thread
+//      never take it, so the answers a worker waits for always arrive;
+//   3. SendDataMutex (protocol/sendpath.cpp): around every single send, never across a wait;
+//   4. the write connection's fcntl lock: inside the send path (HandleOutgoingPacket).
+// The read connection's fcntl lock is held by the listener around each receive only.
+// PendingIOMutex (protocol/pendingio.cpp) guards PendingIOList, its tail and count, the
+// expected answers and the condition PendingIOParked; ThreadCountMutex (service/comms.cpp)
+// guards the condition ThreadCountChanged. Each is taken alone, never with another lock. The
+// fcntl locks order the sub-service against other processes that use the same connection
+// files. Run flags that the listener changes (DEBUG_FLAG, FORCE_INSTALL_FLAG,
+// NO_USER_INTERFACE, REBOOT_IF_NEEDED), ThreadCount, Parser_Exiting and LocalSequenceNumber
+// are atomics (runflags.h).
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>

@@ -11,14 +11,24 @@
 
 #include "sandbox.h"
 
-TComponent AgentComponent(void)
+// A component with its five describing strings; the rest as TComponent's defaults.
+static TComponent NamedComponent(const char *FileName, const char *Version, const char *Name,
+                                 const char *Description, const char *Command)
 {
     TComponent C;
-    C.FileName = "agent-5.0-3.i386.rpm";
-    C.Version = "5.0.2";
-    C.Name = "Management agent";
-    C.Description = "Publishes the health of the server.\nAsks for its port first.";
-    C.Command = "rpm -Uvh agent-5.0-3.i386.rpm";
+    C.FileName = FileName;
+    C.Version = Version;
+    C.Name = Name;
+    C.Description = Description;
+    C.Command = Command;
+    return C;
+}
+
+TComponent AgentComponent(void)
+{
+    TComponent C = NamedComponent("agent-5.0-3.i386.rpm", "5.0.2", "Management agent",
+                                  "Publishes the health of the server.\nAsks for its port first.",
+                                  "rpm -Uvh agent-5.0-3.i386.rpm");
     C.Prerequisites = {{1, "libssl.so.2"}, {9, "HOSTNAME"}};
     C.Postrequisites = {{11, "snmpd"}};
     TVariable Port;
@@ -44,12 +54,9 @@ TComponent AgentComponent(void)
 
 TComponent DriverComponent(void)
 {
-    TComponent C;
-    C.FileName = "e100-5.2-1.i386.rpm";
-    C.Version = "5.2.30";
-    C.Name = "Ethernet driver";
-    C.Description = "Driver for the 10/100 adapters.";
-    C.Command = "rpm -Uvh --force e100-5.2-1.i386.rpm";
+    TComponent C = NamedComponent("e100-5.2-1.i386.rpm", "5.2.30", "Ethernet driver",
+                                  "Driver for the 10/100 adapters.",
+                                  "rpm -Uvh --force e100-5.2-1.i386.rpm");
     C.Reboot = true;
     C.Devices = {{"8086", "1229", "0E11", "B0DD"}, {"8086", "2449", "", ""}};
     C.Prerequisites = {{6, "2.4.18-3"}};

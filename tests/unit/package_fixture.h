@@ -13,6 +13,7 @@
 #include "runflags.h"
 #include "support.h"
 #include "sandbox.h"
+#include "xmltokenizer.h"
 
 inline std::string Captured(const std::function<void()> &Run)
 {
