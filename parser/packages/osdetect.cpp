@@ -60,11 +60,11 @@ static const OSPIPELINES *FindPipelines(int OSMfg)
 // ---- /tmp/release.out ----------------------------------------------------------------------
 // The pipelines are root shells that write "> /tmp/release.out" (open with O_TRUNC, following
 // links, blocking on a FIFO). Before each one the sub-service creates the file itself, new,
-// regular, owned by root and mode 0600, in a sticky /tmp: no other user can then remove or
-// rename it, so the shell writes into that file and nowhere else. After the pipeline the same
+// regular, owned by root and mode 0600, and renames it onto the path, in a sticky /tmp: no
+// other user can then remove or rename it, so the shell writes into that file and nowhere else. After the pipeline the same
 // file is read through the descriptor kept open, once the name is seen to still lead to it.
 
-// How many times something planted at the path is removed before the creation gives up.
+// How many times an empty directory planted at the path is removed before the creation gives up.
 #define RELEASE_OUT_ATTEMPTS 100
 
 enum { RELEASE_OUT_FAILED = -1, RELEASE_OUT_UNSAFE = -2 };
@@ -99,30 +99,42 @@ static int RemovePlanted(void)
     return Result == 0 || errno == ENOENT ? 0 : errno;
 }
 
-// Creates the file afresh for one pipeline: its descriptor (read and write), or -1 with errno.
-// Something planted again between the removal and the creation is removed again, a bounded
-// number of times; something that cannot be removed ends the attempt at once.
-static int CreateReleaseOut(struct stat *Created)
+// Moves a freshly created file onto the path: rename replaces a link, a FIFO or a file that
+// another user planted there in one step, so no one can slip anything in between. A directory
+// is not replaced by rename: an empty one is removed and the move tried again, a bounded
+// number of times; one that cannot be removed ends the attempt. 0, or -1 with errno.
+static int MoveOntoReleaseOut(const char *Temporary)
 {
     for (int Attempt = 0; Attempt < RELEASE_OUT_ATTEMPTS; Attempt++) {
+        if (rename(Temporary, RELEASE_OUT_FILE) == 0)
+            return 0;
+        if (errno != EISDIR && errno != ENOTEMPTY && errno != EEXIST)
+            return -1;
         int Removal = RemovePlanted();
         if (Removal != 0) {
             errno = Removal;
             return -1;
         }
-        int Fd = open(RELEASE_OUT_FILE, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-        if (Fd >= 0) {
-            if (fstat(Fd, Created) == 0)
-                return Fd;
-            int Failure = errno;
-            close(Fd);
-            errno = Failure;
-            return -1;
-        }
-        if (errno != EEXIST)
-            return -1;
     }
     errno = EEXIST;
+    return -1;
+}
+
+// Creates the file afresh for one pipeline, new, regular, root's own and mode 0600, under a
+// name no one can guess, and moves it onto the path: its descriptor (read and write), or -1
+// with errno.
+static int CreateReleaseOut(struct stat *Created)
+{
+    char Temporary[] = RELEASE_OUT_FILE ".XXXXXX";
+    int Fd = mkostemp(Temporary, O_CLOEXEC);
+    if (Fd < 0)
+        return -1;
+    if (fstat(Fd, Created) == 0 && MoveOntoReleaseOut(Temporary) == 0)
+        return Fd;
+    int Failure = errno;
+    unlink(Temporary);
+    close(Fd);
+    errno = Failure;
     return -1;
 }
 
