@@ -7,32 +7,14 @@
 #include <string>
 #include <vector>
 
-#include "sandbox.h"
-#include "zelrzpmanager.h"
+#include "session_fixture.h"
 
 namespace {
 
 typedef std::vector<unsigned char> Bytes;
 
-class ManagerProtocol : public testing::Test {
+class ManagerProtocol : public SessionTest {
 protected:
-    ZmSession Session;
-    ZmConfig Config;
-
-    void SetUp() override
-    {
-        ASSERT_EQ(SandboxEnter(), 0);
-        Config.ParserPath = ZEL_PARSER_PATH;
-        Config.BundleDir = "/tmp";
-        Config.TimeoutMs = 15000;
-    }
-    void Start()
-    {
-        std::string Error;
-        ASSERT_EQ(ZmStart(&Session, Config, &Error), 0) << Error << ZmConsoleSnapshot(&Session);
-    }
-    void TearDown() override { ZmClose(&Session); }
-
     std::vector<ZmPacket> FromParser(uint32_t OpCode)
     {
         std::vector<ZmPacket> Found;
@@ -40,14 +22,6 @@ protected:
             if (P.Direction == ZM_FROM_PARSER && P.Header.opCode == OpCode)
                 Found.push_back(P);
         return Found;
-    }
-    // The sub-service still serves requests: the number of items is answered.
-    void ExpectStillServing()
-    {
-        ZmPacket Answer;
-        ASSERT_EQ(ZmRequest(&Session, RZP_PARSER_RETURN_NUMBER_OF_ITEMS, {}, &Answer), 0)
-            << ZmConsoleSnapshot(&Session);
-        EXPECT_EQ(Answer.Header.ReturnCode, 0);
     }
 };
 
