@@ -19,48 +19,14 @@
 
 #include <nlohmann/json.hpp>
 
+#include "../common/run_program.h"
+
 namespace {
 
-struct RunResult {
-    int Status = -1;
-    std::string Out;
-};
-
-// Runs the manager with Args; stdout is collected, stderr dropped. AsUser: setuid first.
-RunResult RunManager(const std::vector<std::string> &Args, uid_t AsUser = static_cast<uid_t>(-1))
+// Runs the manager with Args; AsUser: as that user.
+RunResult RunManager(const std::vector<std::string> &Args, int AsUser = -1)
 {
-    int Pipe[2];
-    RunResult R;
-    if (pipe(Pipe) != 0)
-        return R;
-    pid_t Child = fork();
-    if (Child == 0) {
-        dup2(Pipe[1], STDOUT_FILENO);
-        close(Pipe[0]);
-        close(Pipe[1]);
-        FILE *Null = fopen("/dev/null", "w");
-        if (Null != nullptr)
-            dup2(fileno(Null), STDERR_FILENO);
-        if (AsUser != static_cast<uid_t>(-1) && (setgid(AsUser) != 0 || setuid(AsUser) != 0))
-            _exit(99);
-        std::vector<char *> Argv;
-        Argv.push_back(const_cast<char *>(ZEL_MANAGER_PATH));
-        for (const std::string &A : Args)
-            Argv.push_back(const_cast<char *>(A.c_str()));
-        Argv.push_back(nullptr);
-        execv(ZEL_MANAGER_PATH, Argv.data());
-        _exit(98);
-    }
-    close(Pipe[1]);
-    char Buffer[4096];
-    ssize_t Got;
-    while ((Got = read(Pipe[0], Buffer, sizeof Buffer)) > 0)
-        R.Out.append(Buffer, static_cast<size_t>(Got));
-    close(Pipe[0]);
-    int Status = 0;
-    waitpid(Child, &Status, 0);
-    R.Status = WIFEXITED(Status) ? WEXITSTATUS(Status) : -1;
-    return R;
+    return RunProgram(ZEL_MANAGER_PATH, Args, AsUser);
 }
 
 std::string BaseName(const std::string &Path)
@@ -259,7 +225,7 @@ TEST(LintPrivileges, RunsAsNobody)
     for (const std::string &Name : Entries(Source))
         std::ofstream(std::string(Dir) + "/" + Name) << ReadAll(Source + "/" + Name);
     RunResult Root = RunManager({"lint", "--json", Dir});
-    RunResult AsNobody = RunManager({"lint", "--json", Dir}, Nobody->pw_uid);
+    RunResult AsNobody = RunManager({"lint", "--json", Dir}, static_cast<int>(Nobody->pw_uid));
     if (AsNobody.Status == 98)
         GTEST_SKIP() << "nobody cannot execute " << ZEL_MANAGER_PATH;
     EXPECT_EQ(AsNobody.Status, 1);
