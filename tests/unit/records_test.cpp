@@ -11,10 +11,9 @@
 #include <string>
 #include <vector>
 
+#include "package_fixture.h"
 #include "records.h"
-#include "runflags.h"
 #include "service.h"
-#include "support.h"
 
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
@@ -22,7 +21,7 @@ using testing::internal::GetCapturedStdout;
 namespace {
 
 const char OS[] = "Red_Hat_Linux_7.3";
-const std::string Corrupt = "The XML file is corrupt.  The '";
+const std::string &Corrupt = CorruptSection;
 
 // A component file: Top goes straight below zel_package, Platform below the installed OS.
 std::string Component(const std::string &Platform, const std::string &Top = "",
@@ -47,9 +46,8 @@ std::string Data(const char *Name, const char *Text)
            "</supported_device_data>\n";
 }
 
-class Records : public testing::Test {
+class Records : public PackageTest {
 protected:
-    char Directory[64] = "/tmp/records_test.XXXXXX";
     int Files = 0;
 
     void SetUp() override
@@ -59,28 +57,14 @@ protected:
             dlopen(ZEL_TRANSPORT_DIR "/" RZP_TRANSPORT_LIBRARY, RTLD_NOW | RTLD_GLOBAL);
             ASSERT_EQ(0, BindTransportLibrary());
         }
-        ASSERT_NE(nullptr, mkdtemp(Directory));
-        DeleteTree();
-        free(CurrentlyInstalledOS);
-        CurrentlyInstalledOS = DuplicateString(OS);
-        DEBUG_FLAG = 0;
-        VERBOSE_MODE = 0;
+        PackageTest::SetUp();
+        SetInstalledOS(OS);
         unsetenv("RZPELMCONFIGURED");
-    }
-    void TearDown() override
-    {
-        DeleteTree();
-        free(CurrentlyInstalledOS);
-        CurrentlyInstalledOS = nullptr;
-        std::string Command = std::string("rm -rf ") + Directory;
-        EXPECT_EQ(0, system(Command.c_str()));
     }
     // Every file gets its own path, so that the current-file rule reads it afresh.
     std::string Write(const std::string &Text)
     {
-        std::string Path = std::string(Directory) + "/c" + std::to_string(Files++) + ".xml";
-        std::ofstream(Path) << Text;
-        return Path;
+        return PackageTest::Write("c" + std::to_string(Files++) + ".xml", Text);
     }
 };
 
