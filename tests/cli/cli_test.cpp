@@ -19,7 +19,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "../common/run_program.h"
+#include "../common/helpers.h"
 
 using Json = nlohmann::json;
 
@@ -313,10 +313,7 @@ TEST(Cli, AnOrdinaryUserGetsThePlan)
 // Every ```xml block of the docs is a whole file, named in its info string (file=NAME).
 std::map<std::string, std::string> XmlExamples(const std::string &Doc)
 {
-    std::ifstream In(Doc);
-    std::stringstream Text;
-    Text << In.rdbuf();
-    std::string All = Text.str();
+    std::string All = ReadAll(Doc);
     std::map<std::string, std::string> Files;
     std::regex Block("```xml([^\\n]*)\\n([\\s\\S]*?)```");
     for (std::sregex_iterator I(All.begin(), All.end(), Block), End; I != End; ++I) {

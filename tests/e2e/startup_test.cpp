@@ -10,16 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "../common/run_program.h"
+#include "../common/helpers.h"
 #include "sandbox.h"
 
 namespace {
-
-bool Exists(const char *Path)
-{
-    struct stat St;
-    return lstat(Path, &St) == 0;
-}
 
 class Startup : public testing::Test {
 protected:

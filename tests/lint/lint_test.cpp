@@ -19,7 +19,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "../common/run_program.h"
+#include "../common/helpers.h"
 
 namespace {
 
@@ -46,14 +46,6 @@ std::vector<std::string> Entries(const std::string &Dir)
     }
     std::sort(Names.begin(), Names.end());
     return Names;
-}
-
-std::string ReadAll(const std::string &Path)
-{
-    std::ifstream In(Path);
-    std::stringstream S;
-    S << In.rdbuf();
-    return S.str();
 }
 
 nlohmann::json LintJson(const std::string &Target, int *Status = nullptr)

@@ -1,13 +1,16 @@
-// run_program.h - runs a program as a user runs it, for the tests of the command-line programs:
-// its exit status, standard output and standard error, optionally as another user and in
-// another working directory. Writes no globals.
+// helpers.h - shared by the tests that run programs as a user runs them: a program's exit
+// status, standard output and standard error, optionally as another user and in another
+// working directory; and the files it leaves. Writes no globals.
 #pragma once
 
 #include <grp.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -60,4 +63,18 @@ inline RunResult RunProgram(const std::string &Program, const std::vector<std::s
     R.Out = ReadWhole(Out);
     R.Err = ReadWhole(Err);
     return R;
+}
+
+inline bool Exists(const char *Path)
+{
+    struct stat Info;
+    return lstat(Path, &Info) == 0;
+}
+
+inline std::string ReadAll(const std::string &Path)
+{
+    std::ifstream In(Path);
+    std::stringstream Text;
+    Text << In.rdbuf();
+    return Text.str();
 }
