@@ -8,8 +8,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "runflags.h"
-#include "xmltokenizer.h"
+#include "package_fixture.h"
 
 namespace {
 
@@ -45,30 +44,8 @@ std::string Tree()
     return Out;
 }
 
-class XmlTokenizer : public ::testing::Test {
+class XmlTokenizer : public PackageTest {
 protected:
-    std::string Dir;
-    void SetUp() override
-    {
-        DeleteTree();
-        char Template[] = "/tmp/xmltok-XXXXXX";
-        ASSERT_NE(mkdtemp(Template), nullptr);
-        Dir = Template;
-    }
-    void TearDown() override
-    {
-        DeleteTree();
-        std::string Command = "rm -rf '" + Dir + "'";
-        ASSERT_EQ(system(Command.c_str()), 0);
-    }
-    std::string Write(const std::string &Name, const std::string &Text)
-    {
-        std::string Path = Dir + "/" + Name;
-        FILE *File = fopen(Path.c_str(), "wb");
-        fwrite(Text.data(), 1, Text.size(), File);
-        fclose(File);
-        return Path;
-    }
     // Parses Text as a file and returns the tree (the result code in *Result).
     std::string Parse(const std::string &Text, long *Result = nullptr)
     {
