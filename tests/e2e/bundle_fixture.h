@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "zelrzpmanager.h"
 
 typedef std::vector<unsigned char> Bytes;
@@ -68,3 +70,10 @@ struct TMessages {
 void ExpectBundleOpening(TMessages *M);
 enum { OUTCOME_BUILT, OUTCOME_NO_PACKAGE, OUTCOME_NO_XML, OUTCOME_ERRATA };
 void ExpectComponent(TMessages *M, const std::string &FileName, int Outcome, bool Coloured);
+
+// A test with one session S, closed at the end of the test however the test ended.
+class BundleTest : public testing::Test {
+protected:
+    ZmSession S;
+    void TearDown() override { ZmClose(&S); }
+};
