@@ -44,23 +44,6 @@ CliResult RunCli(const std::vector<std::string> &Args, int Uid = -1)
     return R;
 }
 
-// A fresh bundle directory, readable by every user; removed at the end of the test.
-struct BundleDir {
-    std::string Path;
-    BundleDir()
-    {
-        char Template[] = "/tmp/zelcli.XXXXXX";
-        Path = mkdtemp(Template);
-        chmod(Path.c_str(), 0755);
-    }
-    ~BundleDir() { int R = system(("rm -rf '" + Path + "'").c_str()); (void)R; }
-    void Write(const std::string &Name, const std::string &Text) const
-    {
-        std::ofstream(Path + "/" + Name) << Text;
-        chmod((Path + "/" + Name).c_str(), 0644);
-    }
-};
-
 std::string Bundle(const std::vector<std::string> &Packages,
                    const std::string &System = "Red Hat Linux 7.3")
 {

@@ -1,6 +1,6 @@
 // helpers.h - shared by the tests that run programs as a user runs them: a program's exit
 // status, standard output and standard error, optionally as another user and in another
-// working directory; and the files it leaves. Writes no globals.
+// working directory; the files it leaves; a scratch bundle directory. Writes no globals.
 #pragma once
 
 #include <grp.h>
@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -78,3 +79,20 @@ inline std::string ReadAll(const std::string &Path)
     Text << In.rdbuf();
     return Text.str();
 }
+
+// A fresh bundle directory, readable by every user; removed at the end of the test.
+struct BundleDir {
+    std::string Path;
+    BundleDir()
+    {
+        char Template[] = "/tmp/zelbundle.XXXXXX";
+        Path = mkdtemp(Template);
+        chmod(Path.c_str(), 0755);
+    }
+    ~BundleDir() { int R = system(("rm -rf '" + Path + "'").c_str()); (void)R; }
+    void Write(const std::string &Name, const std::string &Text) const
+    {
+        std::ofstream(Path + "/" + Name) << Text;
+        chmod((Path + "/" + Name).c_str(), 0644);
+    }
+};

@@ -138,8 +138,7 @@ TEST(LintExample, ShowsExactlyWhatItWasMadeToShow)
 // standard parser, and its values pass.
 TEST(LintDocs, XmlExamplesHaveNoFindings)
 {
-    char Dir[] = "/tmp/lintdocsXXXXXX";
-    ASSERT_NE(mkdtemp(Dir), nullptr);
+    BundleDir Dir;
     int Count = 0;
     for (const std::string &Page : Entries(ZEL_DOCS)) {
         std::string Text = ReadAll(std::string(ZEL_DOCS) + "/" + Page);
@@ -157,16 +156,14 @@ TEST(LintDocs, XmlExamplesHaveNoFindings)
             // comments are for the page only), not a file.
             if (Example.find("<!--") != std::string::npos)
                 continue;
-            std::string Path = std::string(Dir) + "/" + Page + "-" + std::to_string(Count++) + ".xml";
+            std::string Path = Dir.Path + "/" + Page + "-" + std::to_string(Count++) + ".xml";
             std::ofstream(Path) << Example;
             RunResult R = RunManager({"lint", "--json", Path});
             nlohmann::json J = nlohmann::json::parse(R.Out);
             EXPECT_TRUE(J["findings"].empty()) << Page << " example:\n" << Example << J.dump(2);
             EXPECT_EQ(R.Status, 0);
-            unlink(Path.c_str());
         }
     }
-    rmdir(Dir);
     EXPECT_GT(Count, 0);
 }
 
@@ -179,14 +176,14 @@ TEST(LintTags, EveryTagIsDocumentedAndExplained)
     std::istringstream Lines(List.Out);
     std::string Tag, Severity;
     int Count = 0;
+    const std::vector<std::string> Bundles = Entries(Corpus);
     while (Lines >> Tag >> Severity) {
         Count++;
         EXPECT_NE(Page.find("`" + Tag + "`"), std::string::npos) << Tag << " is not in docs/lint.md";
         RunResult Explain = RunManager({"lint", "--explain", Tag});
         EXPECT_EQ(Explain.Status, 0);
         EXPECT_NE(Explain.Out.find("Fix:"), std::string::npos);
-        EXPECT_TRUE(Entries(Corpus).size() == 0 ||
-                    std::find(Entries(Corpus).begin(), Entries(Corpus).end(), Tag) != Entries(Corpus).end())
+        EXPECT_TRUE(Bundles.empty() || std::find(Bundles.begin(), Bundles.end(), Tag) != Bundles.end())
             << Tag << " has no corpus bundle";
     }
     EXPECT_GE(Count, 20);
@@ -210,21 +207,16 @@ TEST(LintPrivileges, RunsAsNobody)
     struct passwd *Nobody = getpwnam("nobody");
     if (Nobody == nullptr)
         GTEST_SKIP() << "no user nobody";
-    char Dir[] = "/tmp/lintnobodyXXXXXX";
-    ASSERT_NE(mkdtemp(Dir), nullptr);
-    chmod(Dir, 0755);
+    BundleDir Dir;
     std::string Source = std::string(ZEL_EXAMPLES) + "/server-bundle";
     for (const std::string &Name : Entries(Source))
-        std::ofstream(std::string(Dir) + "/" + Name) << ReadAll(Source + "/" + Name);
-    RunResult Root = RunManager({"lint", "--json", Dir});
-    RunResult AsNobody = RunManager({"lint", "--json", Dir}, static_cast<int>(Nobody->pw_uid));
-    if (AsNobody.Status == 98)
+        Dir.Write(Name, ReadAll(Source + "/" + Name));
+    RunResult Root = RunManager({"lint", "--json", Dir.Path});
+    RunResult AsNobody = RunManager({"lint", "--json", Dir.Path}, static_cast<int>(Nobody->pw_uid));
+    if (AsNobody.Status == 121) // RunProgram's status when the exec failed
         GTEST_SKIP() << "nobody cannot execute " << ZEL_MANAGER_PATH;
     EXPECT_EQ(AsNobody.Status, 1);
     EXPECT_EQ(AsNobody.Out, Root.Out);
-    for (const std::string &Name : Entries(Dir))
-        unlink((std::string(Dir) + "/" + Name).c_str());
-    rmdir(Dir);
 }
 
 // Where lint says a component reads cleanly on Red Hat Linux 7.3, the real sub-service,
@@ -292,26 +284,22 @@ TEST(LintAgreement, RecordSizeBoundary)
         Kept += Line + "\n";
     for (int Length : {196, 197}) {
         SCOPED_TRACE(Length);
-        char Dir[] = "/tmp/lintsizeXXXXXX";
-        ASSERT_NE(mkdtemp(Dir), nullptr);
+        BundleDir Dir;
         for (const std::string &Name : Entries(Source))
-            std::ofstream(std::string(Dir) + "/" + Name) << ReadAll(Source + "/" + Name);
-        std::ofstream(std::string(Dir) + "/bad-1.0-1.i386.xml")
-            << Xml.substr(0, First) + Kept + "          <prerequisite_data SubType=\"3\" value=\"" +
-                   std::string(static_cast<size_t>(Length), 'y') + "\"/>\n" + Xml.substr(After);
+            Dir.Write(Name, ReadAll(Source + "/" + Name));
+        Dir.Write("bad-1.0-1.i386.xml",
+                  Xml.substr(0, First) + Kept + "          <prerequisite_data SubType=\"3\" value=\"" +
+                      std::string(static_cast<size_t>(Length), 'y') + "\"/>\n" + Xml.substr(After));
         bool Flagged = false;
-        nlohmann::json Lint = LintJson(Dir);
+        nlohmann::json Lint = LintJson(Dir.Path);
         for (const auto &F : Lint["findings"])
             Flagged |= F["tag"] == "record-too-long";
-        RunResult Plan = RunManager({"--distro", "rh73", "--json", Dir});
+        RunResult Plan = RunManager({"--distro", "rh73", "--json", Dir.Path});
         bool Built = false;
         nlohmann::json Components = nlohmann::json::parse(Plan.Out)["components"];
         for (const auto &C : Components)
             Built |= C["file"] == "bad-1.0-1.i386.rpm";
         EXPECT_EQ(Flagged, Length == 197) << Lint.dump(2);
         EXPECT_EQ(Built, Length == 196) << Plan.Out;
-        for (const std::string &Name : Entries(Dir))
-            unlink((std::string(Dir) + "/" + Name).c_str());
-        rmdir(Dir);
     }
 }
