@@ -56,6 +56,10 @@ std::string BundleXml(const std::vector<TComponent> &Components);
 void WriteBundle(const std::vector<TComponent> &Components);
 Bytes ExpectedRecord(const TComponent &C, uint32_t Number);
 
+// Enters the sandbox as a Red Hat Linux 7.3 machine.
+bool EnterRedHat73(void);
+// A header for a packet of the manager to the sub-service, on the session's connections.
+RZP_HEADER_PACKET HeaderTo(ZmSession *S, uint32_t OpCode, int Sequence, int ReturnCode);
 // Enters the sandbox as a Red Hat Linux 7.3 machine and writes the bundle there.
 bool PrepareMachine(const std::vector<TComponent> &Components);
 // Starts the sub-service in TEST_BUNDLE_DIR with Args; fails the test when it cannot start.

@@ -36,15 +36,9 @@ void ExpectRecords(const std::vector<Bytes> &Raw, const std::vector<TComponent> 
 
 void SendUpdate(ZmSession *S, const Bytes &Payload)
 {
-    RZP_HEADER_PACKET H{};
-    H.SrcHandle = S->ReceiveHandle;
-    H.DestHandle = S->SendHandle;
-    H.LocalSequenceNumber = S->NextSequence++;
-    H.RemoteSequenceNumber = -1;
-    H.opCode = RZP_UPDATE_COMMAND_LINE_PARMS;
-    H.ReturnCode = RZP_NO_RESULT_YET;
-    H.DataLength = (int32_t)Payload.size();
-    EXPECT_EQ(ZmSendPacket(S, H, Payload), 0);
+    RZP_HEADER_PACKET H =
+        HeaderTo(S, RZP_UPDATE_COMMAND_LINE_PARMS, S->NextSequence++, RZP_NO_RESULT_YET);
+    EXPECT_EQ(ZmSendPacket(S, H, Payload), 0); // the data length is filled in
 }
 
 Bytes UpdateFlags(unsigned char Reboot, unsigned char Force, unsigned char NoUserInterface)

@@ -20,11 +20,10 @@
 #include <thread>
 #include <vector>
 
+#include "bundle_fixture.h"
 #include "session_fixture.h"
 
 namespace {
-
-typedef std::vector<unsigned char> Bytes;
 
 // A field of /proc/PID/status (or of a thread's status) as a number; -1 when missing.
 long StatusField(const std::string &StatusPath, const std::string &Field)
@@ -78,19 +77,6 @@ void Watch(pid_t Pid, int Ms, double *PerSecond, double *CpuShare)
         std::chrono::duration<double>(std::chrono::steady_clock::now() - Begin).count();
     *PerSecond = (VoluntarySwitches(Pid) - Switches) / Seconds;
     *CpuShare = double(CpuTicks(Pid) - Ticks) / sysconf(_SC_CLK_TCK) / Seconds;
-}
-
-RZP_HEADER_PACKET HeaderTo(ZmSession *S, uint32_t OpCode, int Sequence, int ReturnCode)
-{
-    RZP_HEADER_PACKET H;
-    memset(&H, 0, sizeof H);
-    H.SrcHandle = S->ReceiveHandle;
-    H.DestHandle = S->SendHandle;
-    H.LocalSequenceNumber = Sequence;
-    H.RemoteSequenceNumber = -1;
-    H.opCode = OpCode;
-    H.ReturnCode = ReturnCode;
-    return H;
 }
 
 bool IsLogRequest(const ZmPacket &P, const void *)
