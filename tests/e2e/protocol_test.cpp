@@ -7,11 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "bundle_fixture.h"
 #include "session_fixture.h"
 
 namespace {
-
-typedef std::vector<unsigned char> Bytes;
 
 class ManagerProtocol : public SessionTest {
 protected:
@@ -86,13 +85,7 @@ TEST_F(ManagerProtocol, AnUnknownOpcodeIsAnsweredNotSupportedWithItsPayloadBack)
 TEST_F(ManagerProtocol, DebugLinesFollowTheFlagAtArrival)
 {
     Start();
-    RZP_HEADER_PACKET H;
-    memset(&H, 0, sizeof H);
-    H.SrcHandle = Session.ReceiveHandle;
-    H.DestHandle = Session.SendHandle;
-    H.RemoteSequenceNumber = -1;
-    H.ReturnCode = RZP_NO_RESULT_YET;
-    H.opCode = RZP_ENABLE_DEBUG;
+    RZP_HEADER_PACKET H = HeaderTo(&Session, RZP_ENABLE_DEBUG, 0, RZP_NO_RESULT_YET);
     ASSERT_EQ(ZmSendPacket(&Session, H, {}), 0);
     H.opCode = RZP_DISABLE_DEBUG;
     ASSERT_EQ(ZmSendPacket(&Session, H, {}), 0);
@@ -126,16 +119,9 @@ TEST_F(ManagerProtocol, DeregistrationWaitsForABusyWorker)
     Config.AnswerRequests = false;
     Config.Args = {"-C", "pkg.rpm"};
     Start();
-    Bytes None;
-    RZP_HEADER_PACKET H;
-    memset(&H, 0, sizeof H);
-    H.SrcHandle = Session.ReceiveHandle;
-    H.DestHandle = Session.SendHandle;
-    H.LocalSequenceNumber = 1;
-    H.RemoteSequenceNumber = -1;
-    H.ReturnCode = RZP_NO_RESULT_YET;
-    H.opCode = RZP_PARSER_PARSE_INPUT_FILE;
-    ASSERT_EQ(ZmSendPacket(&Session, H, None), 0);
+    ASSERT_EQ(ZmSendPacket(&Session, HeaderTo(&Session, RZP_PARSER_PARSE_INPUT_FILE, 1,
+                                              RZP_NO_RESULT_YET), {}),
+              0);
     size_t From = 0;
     ZmPacket Log;
     auto IsLog = [](const ZmPacket &P, const void *) {
@@ -164,11 +150,8 @@ TEST_F(ManagerProtocol, MalformedPacketsLeaveTheSubServiceServing)
     ExpectStillServing();
 
     // A registration answer cut short, and one whose strings have no NUL.
-    RZP_HEADER_PACKET H;
-    memset(&H, 0, sizeof H);
-    H.SrcHandle = Session.ReceiveHandle;
-    H.DestHandle = Session.SendHandle;
-    H.opCode = RZP_REGISTER;
+    RZP_HEADER_PACKET H = HeaderTo(&Session, RZP_REGISTER, 0, 0);
+    H.RemoteSequenceNumber = 0;
     Bytes Cut = RegistrationRecord(4001);
     Cut.resize(30);
     ASSERT_EQ(ZmSendPacket(&Session, H, Cut), 0);
