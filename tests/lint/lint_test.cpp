@@ -183,7 +183,8 @@ TEST(LintTags, EveryTagIsDocumentedAndExplained)
         RunResult Explain = RunManager({"lint", "--explain", Tag});
         EXPECT_EQ(Explain.Status, 0);
         EXPECT_NE(Explain.Out.find("Fix:"), std::string::npos);
-        EXPECT_TRUE(Bundles.empty() || std::find(Bundles.begin(), Bundles.end(), Tag) != Bundles.end())
+        EXPECT_TRUE(Bundles.empty() ||
+                    std::find(Bundles.begin(), Bundles.end(), Tag) != Bundles.end())
             << Tag << " has no corpus bundle";
     }
     EXPECT_GE(Count, 20);
