@@ -19,56 +19,22 @@
 
 #include <nlohmann/json.hpp>
 
+#include "../common/helpers.h"
+
 using Json = nlohmann::json;
 
 namespace
 {
 
-struct CliResult {
-    int Exit = -1;
-    std::string Out, Err;
+struct CliResult : RunResult {
     Json Parsed; // Out as JSON, or discarded
 };
-
-std::string ReadFd(int Fd)
-{
-    std::string Text;
-    char Buffer[65536];
-    lseek(Fd, 0, SEEK_SET);
-    ssize_t N;
-    while ((N = read(Fd, Buffer, sizeof Buffer)) > 0)
-        Text.append(Buffer, (size_t)N);
-    close(Fd);
-    return Text;
-}
 
 // Runs zelrzp-manager with Args; as user Uid (and group Uid) when Uid >= 0.
 CliResult RunCli(const std::vector<std::string> &Args, int Uid = -1)
 {
-    std::vector<std::string> Words = {ZEL_MANAGER_PATH};
-    Words.insert(Words.end(), Args.begin(), Args.end());
-    std::vector<char *> Argv;
-    for (std::string &W : Words)
-        Argv.push_back(&W[0]);
-    Argv.push_back(nullptr);
-    FILE *Out = tmpfile(), *Err = tmpfile();
-    pid_t Pid = fork();
-    if (Pid == 0) {
-        dup2(fileno(Out), 1);
-        dup2(fileno(Err), 2);
-        if (Uid >= 0 && (setgroups(0, nullptr) != 0 || setgid(Uid) != 0 || setuid(Uid) != 0))
-            _exit(120);
-        execv(Argv[0], Argv.data());
-        _exit(121);
-    }
-    int Status = 0;
-    waitpid(Pid, &Status, 0);
     CliResult R;
-    R.Exit = WIFEXITED(Status) ? WEXITSTATUS(Status) : -WTERMSIG(Status);
-    R.Out = ReadFd(dup(fileno(Out)));
-    R.Err = ReadFd(dup(fileno(Err)));
-    fclose(Out);
-    fclose(Err);
+    static_cast<RunResult &>(R) = RunProgram(ZEL_MANAGER_PATH, Args, Uid);
     R.Parsed = Json::parse(R.Out, nullptr, false);
     // A sanitizer report of the program, or of the sub-service it ran (which the program
     // repeats on its standard error), fails the test whatever the exit status says.
@@ -77,23 +43,6 @@ CliResult RunCli(const std::vector<std::string> &Args, int Uid = -1)
         EXPECT_EQ(std::string::npos, R.Err.find(Marker)) << R.Err;
     return R;
 }
-
-// A fresh bundle directory, readable by every user; removed at the end of the test.
-struct BundleDir {
-    std::string Path;
-    BundleDir()
-    {
-        char Template[] = "/tmp/zelcli.XXXXXX";
-        Path = mkdtemp(Template);
-        chmod(Path.c_str(), 0755);
-    }
-    ~BundleDir() { int R = system(("rm -rf '" + Path + "'").c_str()); (void)R; }
-    void Write(const std::string &Name, const std::string &Text) const
-    {
-        std::ofstream(Path + "/" + Name) << Text;
-        chmod((Path + "/" + Name).c_str(), 0644);
-    }
-};
 
 std::string Bundle(const std::vector<std::string> &Packages,
                    const std::string &System = "Red Hat Linux 7.3")
@@ -160,7 +109,7 @@ TEST(Cli, GoodBundleIsCleanAndItsJsonSaysSo)
     WriteGood(D, {"alpha-1.0-1", "beta-1.0-1"});
     CliResult R = RunJson(D);
     ASSERT_FALSE(R.Parsed.is_discarded()) << R.Out << R.Err;
-    EXPECT_EQ(0, R.Exit) << R.Out;
+    EXPECT_EQ(0, R.Status) << R.Out;
     EXPECT_EQ("clean", R.Parsed["outcome"]);
     EXPECT_EQ(0, R.Parsed["exitStatus"]);
     EXPECT_EQ("./bp000001.xml", R.Parsed["bundle"]["file"]);
@@ -183,7 +132,7 @@ TEST(Cli, MissingAndCorruptComponentsAreRefusedWithTheirFiles)
     D.Write("bp000001.xml", Bundle({"alpha-1.0-1.rpm", "gone-1.0-1.rpm", "broken-1.0-1.rpm"}));
     CliResult R = RunJson(D);
     ASSERT_FALSE(R.Parsed.is_discarded()) << R.Out << R.Err;
-    EXPECT_EQ(1, R.Exit);
+    EXPECT_EQ(1, R.Status);
     EXPECT_EQ("findings", R.Parsed["outcome"]);
     ASSERT_EQ(2u, R.Parsed["refused"].size());
     EXPECT_EQ("gone-1.0-1.rpm", R.Parsed["refused"][0]["component"]);
@@ -226,7 +175,7 @@ TEST(Cli, NoPlanCasesExitThreeAndSayWhyOnStdout)
             D.Write(C.Files[i], C.Files[i + 1]);
         CliResult R = RunJson(D, C.Args);
         ASSERT_FALSE(R.Parsed.is_discarded()) << C.What << "\n" << R.Out << R.Err;
-        EXPECT_EQ(3, R.Exit) << C.What;
+        EXPECT_EQ(3, R.Status) << C.What;
         EXPECT_EQ(3, R.Parsed["exitStatus"]) << C.What;
         ASSERT_TRUE(R.Parsed["failure"].is_object()) << C.What;
         if (C.Code != 0) {
@@ -243,22 +192,22 @@ TEST(Cli, CommandLine)
     BundleDir D;
     WriteGood(D, {"alpha-1.0-1"});
     CliResult R = RunCli({"--distro=nowhere", D.Path});
-    EXPECT_EQ(2, R.Exit);
+    EXPECT_EQ(2, R.Status);
     EXPECT_NE(std::string::npos, R.Err.find("rh73")) << R.Err; // lists the known ones
     EXPECT_NE(std::string::npos, R.Err.find("sles8-ul"));
-    EXPECT_EQ(2, RunCli({"--bogus", D.Path}).Exit);
-    EXPECT_EQ(2, RunCli({"--distro"}).Exit);
-    EXPECT_EQ(2, RunCli({"--distro=rh73"}).Exit);
-    EXPECT_EQ(2, RunCli({"--all-distros", "--distro=rh73", D.Path}).Exit);
+    EXPECT_EQ(2, RunCli({"--bogus", D.Path}).Status);
+    EXPECT_EQ(2, RunCli({"--distro"}).Status);
+    EXPECT_EQ(2, RunCli({"--distro=rh73"}).Status);
+    EXPECT_EQ(2, RunCli({"--all-distros", "--distro=rh73", D.Path}).Status);
     R = RunCli({"--version"});
-    EXPECT_EQ(0, R.Exit);
+    EXPECT_EQ(0, R.Status);
     EXPECT_EQ(0u, R.Out.find("zelrzp-manager "));
     R = RunCli({"--help"});
-    EXPECT_EQ(0, R.Exit);
+    EXPECT_EQ(0, R.Status);
     EXPECT_NE(std::string::npos, R.Out.find("Exit status"));
     // "--" ends the options; the separate-value form works like --opt=value.
     R = RunCli({"--distro", "rh73", "--NUI", "--", D.Path});
-    EXPECT_EQ(0, R.Exit) << R.Out << R.Err;
+    EXPECT_EQ(0, R.Status) << R.Out << R.Err;
     EXPECT_NE(std::string::npos, R.Out.find("Result: clean (exit status 0)")) << R.Out;
     EXPECT_EQ(std::string::npos, R.Out.find('\x1b')) << "colour on a file";
 }
@@ -270,7 +219,7 @@ TEST(Cli, JsonStaysValidUtf8ForBytesThatAreNot)
     WriteGood(D, {Name});
     CliResult R = RunJson(D);
     ASSERT_FALSE(R.Parsed.is_discarded()) << R.Out; // the strict parser accepts only UTF-8
-    EXPECT_EQ(0, R.Exit);
+    EXPECT_EQ(0, R.Status);
     std::string File = R.Parsed["components"][0]["file"];
     EXPECT_EQ(0u, File.find("caf\xc3\xa9\xef\xbf\xbd")) << File; // bad bytes became U+FFFD
 }
@@ -279,7 +228,7 @@ TEST(Cli, MatrixOfTheExampleBundleExplainsEachDistribution)
 {
     CliResult R = RunCli({"--all-distros", "--json", ZEL_EXAMPLES "/server-bundle"});
     ASSERT_FALSE(R.Parsed.is_discarded()) << R.Out << R.Err;
-    EXPECT_EQ(1, R.Exit);
+    EXPECT_EQ(1, R.Status);
     std::map<std::string, Json> By;
     for (const Json &Run : R.Parsed["distributions"])
         By[Run["distribution"]["name"]] = Run;
@@ -306,7 +255,7 @@ TEST(Cli, MatrixOfTheExampleBundleExplainsEachDistribution)
     }
     EXPECT_EQ("UnitedLinux_1.0_SP3", By["ul10-sp3"]["distribution"]["key"]);
     R = RunCli({"matrix", ZEL_EXAMPLES "/server-bundle"});
-    EXPECT_EQ(1, R.Exit);
+    EXPECT_EQ(1, R.Status);
     EXPECT_NE(std::string::npos, R.Out.find("raidutil-1.7-2.i386.rpm      recorded with findings"))
         << R.Out;
 }
@@ -337,20 +286,17 @@ TEST(Cli, AnOrdinaryUserGetsThePlan)
                         "/usr/bin/unshare is missing)";
     CliResult R = RunCli({"--distro=rhel3", "--json", ZEL_EXAMPLES "/server-bundle"}, Nobody);
     ASSERT_FALSE(R.Parsed.is_discarded()) << R.Out << R.Err;
-    EXPECT_EQ(1, R.Exit) << R.Err;
+    EXPECT_EQ(1, R.Status) << R.Err;
     EXPECT_EQ(3u, R.Parsed["components"].size());
     R = RunCli({"--json", ZEL_EXAMPLES "/server-bundle"}, Nobody); // this system: needs root
-    EXPECT_EQ(3, R.Exit);
+    EXPECT_EQ(3, R.Status);
     EXPECT_NE(std::string::npos, R.Parsed["failure"]["what"].get<std::string>().find("needs root"));
 }
 
 // Every ```xml block of the docs is a whole file, named in its info string (file=NAME).
 std::map<std::string, std::string> XmlExamples(const std::string &Doc)
 {
-    std::ifstream In(Doc);
-    std::stringstream Text;
-    Text << In.rdbuf();
-    std::string All = Text.str();
+    std::string All = ReadAll(Doc);
     std::map<std::string, std::string> Files;
     std::regex Block("```xml([^\\n]*)\\n([\\s\\S]*?)```");
     for (std::sregex_iterator I(All.begin(), All.end(), Block), End; I != End; ++I) {
@@ -377,7 +323,7 @@ TEST(Cli, EveryXmlExampleOfTheDocsRunsWithoutAFinding)
         }
         CliResult R = RunCli({"--all-distros", "--json", D.Path});
         ASSERT_FALSE(R.Parsed.is_discarded()) << Doc << R.Out << R.Err;
-        EXPECT_EQ(0, R.Exit) << Doc << "\n" << R.Out;
+        EXPECT_EQ(0, R.Status) << Doc << "\n" << R.Out;
         int Clean = 0;
         for (const Json &Run : R.Parsed["distributions"]) {
             Clean += Run["outcome"] == "clean";

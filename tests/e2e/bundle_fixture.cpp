@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 
 #include <gtest/gtest.h>
@@ -301,10 +302,29 @@ Bytes ExpectedRecord(const TComponent &C, uint32_t Number)
 
 // ---- Sessions ----------------------------------------------------------------------------------
 
+bool EnterRedHat73(void)
+{
+    return SandboxEnter() == 0 && SandboxClearReleaseFiles() == 0 &&
+           SandboxSetFile("/etc/redhat-release", "Red Hat Linux release 7.3 (Valhalla)\n") == 0;
+}
+
+RZP_HEADER_PACKET HeaderTo(ZmSession *S, uint32_t OpCode, int Sequence, int ReturnCode)
+{
+    RZP_HEADER_PACKET H;
+    memset(&H, 0, sizeof H);
+    H.SrcHandle = S->ReceiveHandle;
+    H.DestHandle = S->SendHandle;
+    H.LocalSequenceNumber = Sequence;
+    H.RemoteSequenceNumber = -1;
+    H.opCode = OpCode;
+    H.ReturnCode = ReturnCode;
+    return H;
+}
+
+
 bool PrepareMachine(const std::vector<TComponent> &Components)
 {
-    bool Ready = SandboxEnter() == 0 && SandboxClearReleaseFiles() == 0 &&
-                 SandboxSetFile("/etc/redhat-release", "Red Hat Linux release 7.3 (Valhalla)\n") == 0;
+    bool Ready = EnterRedHat73();
     EXPECT_TRUE(Ready) << "the sandbox cannot be entered";
     if (Ready)
         WriteBundle(Components);

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "zelrzpmanager.h"
 
 typedef std::vector<unsigned char> Bytes;
@@ -54,6 +56,10 @@ std::string BundleXml(const std::vector<TComponent> &Components);
 void WriteBundle(const std::vector<TComponent> &Components);
 Bytes ExpectedRecord(const TComponent &C, uint32_t Number);
 
+// Enters the sandbox as a Red Hat Linux 7.3 machine.
+bool EnterRedHat73(void);
+// A header for a packet of the manager to the sub-service, on the session's connections.
+RZP_HEADER_PACKET HeaderTo(ZmSession *S, uint32_t OpCode, int Sequence, int ReturnCode);
 // Enters the sandbox as a Red Hat Linux 7.3 machine and writes the bundle there.
 bool PrepareMachine(const std::vector<TComponent> &Components);
 // Starts the sub-service in TEST_BUNDLE_DIR with Args; fails the test when it cannot start.
@@ -68,3 +74,10 @@ struct TMessages {
 void ExpectBundleOpening(TMessages *M);
 enum { OUTCOME_BUILT, OUTCOME_NO_PACKAGE, OUTCOME_NO_XML, OUTCOME_ERRATA };
 void ExpectComponent(TMessages *M, const std::string &FileName, int Outcome, bool Coloured);
+
+// A test with one session S, closed at the end of the test however the test ended.
+class BundleTest : public testing::Test {
+protected:
+    ZmSession S;
+    void TearDown() override { ZmClose(&S); }
+};

@@ -36,15 +36,9 @@ void ExpectRecords(const std::vector<Bytes> &Raw, const std::vector<TComponent> 
 
 void SendUpdate(ZmSession *S, const Bytes &Payload)
 {
-    RZP_HEADER_PACKET H{};
-    H.SrcHandle = S->ReceiveHandle;
-    H.DestHandle = S->SendHandle;
-    H.LocalSequenceNumber = S->NextSequence++;
-    H.RemoteSequenceNumber = -1;
-    H.opCode = RZP_UPDATE_COMMAND_LINE_PARMS;
-    H.ReturnCode = RZP_NO_RESULT_YET;
-    H.DataLength = (int32_t)Payload.size();
-    EXPECT_EQ(ZmSendPacket(S, H, Payload), 0);
+    RZP_HEADER_PACKET H =
+        HeaderTo(S, RZP_UPDATE_COMMAND_LINE_PARMS, S->NextSequence++, RZP_NO_RESULT_YET);
+    EXPECT_EQ(ZmSendPacket(S, H, Payload), 0); // the data length is filled in
 }
 
 Bytes UpdateFlags(unsigned char Reboot, unsigned char Force, unsigned char NoUserInterface)
@@ -58,12 +52,13 @@ Bytes UpdateFlags(unsigned char Reboot, unsigned char Force, unsigned char NoUse
     return B;
 }
 
-TEST(Install, RecordsAndMessagesOfAWholeBundleMatchTheLayout)
+using Install = BundleTest;
+
+TEST_F(Install, RecordsAndMessagesOfAWholeBundleMatchTheLayout)
 {
     std::vector<TComponent> C = {DriverComponent(), AgentComponent(),
                                  PlainComponent("tools-2.1-1.i386.rpm")};
     ASSERT_TRUE(PrepareMachine(C));
-    ZmSession S;
     ASSERT_TRUE(StartParser(&S, {}));
     ZmPacket Open = Ask(&S, RZP_PARSER_OPEN_INPUT_FILE);
     EXPECT_EQ(Open.Header.ReturnCode, 0);
@@ -89,10 +84,9 @@ TEST(Install, RecordsAndMessagesOfAWholeBundleMatchTheLayout)
         ExpectComponent(&M, Each.FileName, OUTCOME_BUILT, false);
     ExpectMessages(&S, M);
     EXPECT_EQ(ZmStop(&S), 0);
-    ZmClose(&S);
 }
 
-TEST(Install, FailedComponentsAreReportedColouredAndDoNotUseUpNumbers)
+TEST_F(Install, FailedComponentsAreReportedColouredAndDoNotUseUpNumbers)
 {
     std::vector<TComponent> C;
     for (const char *Name : {"a-1.0.rpm", "b-1.0.rpm", "c-1.0.rpm", "d-1.0.rpm", "e-1.0.rpm",
@@ -104,7 +98,6 @@ TEST(Install, FailedComponentsAreReportedColouredAndDoNotUseUpNumbers)
     ASSERT_TRUE(PrepareMachine(C));
     ZmConfig Config;
     Config.ErrataUnsupported = {"e-1.0.rpm"};
-    ZmSession S;
     ASSERT_TRUE(StartParser(&S, {"--NUI"}, Config));
     Ask(&S, RZP_PARSER_OPEN_INPUT_FILE);
     EXPECT_EQ(Ask(&S, RZP_PARSER_PARSE_INPUT_FILE).Header.ReturnCode, 0);
@@ -121,15 +114,13 @@ TEST(Install, FailedComponentsAreReportedColouredAndDoNotUseUpNumbers)
         ExpectComponent(&M, C[i].FileName, Outcomes[i], true);
     ExpectMessages(&S, M);
     EXPECT_NE(ZmConsoleSnapshot(&S).find("XML File c-1.0.xml returned error"), std::string::npos);
-    ZmClose(&S);
 }
 
-TEST(Install, UpdatePacketSwitchesColoursForTheNextParse)
+TEST_F(Install, UpdatePacketSwitchesColoursForTheNextParse)
 {
     std::vector<TComponent> C = {PlainComponent("a-1.0.rpm"), PlainComponent("b-1.0.rpm")};
     C[1].WritePackage = false;
     ASSERT_TRUE(PrepareMachine(C));
-    ZmSession S;
     ASSERT_TRUE(StartParser(&S, {}));
     Ask(&S, RZP_PARSER_OPEN_INPUT_FILE);
     // Each parse starts afresh: its messages and one record, numbered on from the last parse.
@@ -155,10 +146,9 @@ TEST(Install, UpdatePacketSwitchesColoursForTheNextParse)
         ASSERT_EQ(Raw.size(), 1u);
         EXPECT_EQ(Raw[0], ExpectedRecord(C[0], Number++));
     }
-    ZmClose(&S);
 }
 
-TEST(Install, ViewFilterCountsTheSelectedComponentsOnly)
+TEST_F(Install, ViewFilterCountsTheSelectedComponentsOnly)
 {
     std::vector<TComponent> C = {PlainComponent("e100-5.2-1.i386.rpm"),
                                  PlainComponent("e1000-6.0-1.i386.rpm"),
@@ -166,7 +156,6 @@ TEST(Install, ViewFilterCountsTheSelectedComponentsOnly)
     C[2].WritePackage = false;
     C[3].WriteXml = false;
     ASSERT_TRUE(PrepareMachine(C));
-    ZmSession S;
     ASSERT_TRUE(StartParser(&S, {"--VIEW", "e100"}));
     Ask(&S, RZP_PARSER_OPEN_INPUT_FILE);
     Ask(&S, RZP_PARSER_PARSE_INPUT_FILE);
@@ -179,14 +168,12 @@ TEST(Install, ViewFilterCountsTheSelectedComponentsOnly)
     ExpectComponent(&M, C[0].FileName, OUTCOME_BUILT, false);
     ExpectComponent(&M, C[2].FileName, OUTCOME_NO_PACKAGE, false);
     ExpectMessages(&S, M);
-    ZmClose(&S);
 }
 
-TEST(Install, TQRInstallBuildsTheNamedPackagesWithoutABundle)
+TEST_F(Install, TQRInstallBuildsTheNamedPackagesWithoutABundle)
 {
     std::vector<TComponent> C = {AgentComponent(), PlainComponent("tools-2.1-1.i386.rpm")};
     ASSERT_TRUE(PrepareMachine(C));
-    ZmSession S;
     ASSERT_TRUE(StartParser(&S, {"-C", C[0].FileName, "-C", "tools-2.1-1.i386.RPM"}));
     ZmPacket Open = Ask(&S, RZP_PARSER_OPEN_INPUT_FILE);
     EXPECT_EQ(Open.Header.ReturnCode, 0);
@@ -205,7 +192,6 @@ TEST(Install, TQRInstallBuildsTheNamedPackagesWithoutABundle)
     for (const TComponent &Each : C)
         ExpectComponent(&M, Each.FileName, OUTCOME_BUILT, false);
     ExpectMessages(&S, M);
-    ZmClose(&S);
 }
 
 } // namespace

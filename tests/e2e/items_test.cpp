@@ -28,12 +28,13 @@ void WriteSecondBundle(const char *Path, const char *System)
                            "</zel_bundle>\n";
 }
 
-TEST(Items, WalkHandsOutStoredRecordsAndEndsOnNoMoreItems)
+using Items = BundleTest;
+
+TEST_F(Items, WalkHandsOutStoredRecordsAndEndsOnNoMoreItems)
 {
     std::vector<TComponent> C = {PlainComponent("a-1.0.rpm"), PlainComponent("b-1.0.rpm"),
                                  PlainComponent("c-1.0.rpm")};
     ASSERT_TRUE(PrepareMachine(C));
-    ZmSession S;
     ASSERT_TRUE(StartParser(&S, {}));
     Ask(&S, RZP_PARSER_OPEN_INPUT_FILE);
     const Bytes Held = ZmULongItem(0);
@@ -61,13 +62,11 @@ TEST(Items, WalkHandsOutStoredRecordsAndEndsOnNoMoreItems)
     ExpectAnswer(Ask(&S, RZP_PARSER_RETURN_FIRST_ITEM), 0, ExpectedRecord(C[0], 0));
     ExpectAnswer(Ask(&S, RZP_PARSER_RETURN_NUMBER_OF_ITEMS), 0, ZmULongItem(3));
     EXPECT_EQ(ZmStop(&S), 0);
-    ZmClose(&S);
 }
 
-TEST(Items, ParseBeforeAnyOpenIsRefusedWithoutMessages)
+TEST_F(Items, ParseBeforeAnyOpenIsRefusedWithoutMessages)
 {
     ASSERT_TRUE(PrepareMachine({PlainComponent("a-1.0.rpm")}));
-    ZmSession S;
     ASSERT_TRUE(StartParser(&S, {}));
     const Bytes Request = ZmStringItem("parse");
     ExpectAnswer(Ask(&S, RZP_PARSER_PARSE_INPUT_FILE, Request), RZP_PARSER_BAD_XML, Request);
@@ -76,26 +75,22 @@ TEST(Items, ParseBeforeAnyOpenIsRefusedWithoutMessages)
         EXPECT_TRUE(S.ScreenTexts.empty());
         EXPECT_TRUE(S.LogTexts.empty());
     }
-    ZmClose(&S);
 }
 
-TEST(Items, BundleThatInstallsNothingHasNoItems)
+TEST_F(Items, BundleThatInstallsNothingHasNoItems)
 {
     ASSERT_TRUE(PrepareMachine({}));
-    ZmSession S;
     ASSERT_TRUE(StartParser(&S, {}));
     Ask(&S, RZP_PARSER_OPEN_INPUT_FILE);
     EXPECT_EQ(Ask(&S, RZP_PARSER_PARSE_INPUT_FILE).Header.ReturnCode, 0);
     ExpectAnswer(Ask(&S, RZP_PARSER_RETURN_NUMBER_OF_ITEMS), 0, ZmULongItem(0));
     ExpectAnswer(Ask(&S, RZP_PARSER_RETURN_FIRST_ITEM), RZP_PARSER_NO_MORE_ITEMS, {});
-    ZmClose(&S);
 }
 
-TEST(Items, OpenKeepsTheOneSupportedBundleAndRefusesTwo)
+TEST_F(Items, OpenKeepsTheOneSupportedBundleAndRefusesTwo)
 {
     ASSERT_TRUE(PrepareMachine({PlainComponent("a-1.0.rpm")}));
     WriteSecondBundle(TEST_BUNDLE_DIR "/BP000002.XML", "SUSE Linux Enterprise Server 8");
-    ZmSession S;
     ASSERT_TRUE(StartParser(&S, {}));
     const Bytes Name = ZmStringItem(TEST_BUNDLE_NAME, sizeof(TEST_BUNDLE_NAME) - 1);
     ExpectAnswer(Ask(&S, RZP_PARSER_OPEN_INPUT_FILE), 0, Name);
@@ -106,20 +101,17 @@ TEST(Items, OpenKeepsTheOneSupportedBundleAndRefusesTwo)
     ExpectAnswer(Ask(&S, RZP_PARSER_OPEN_INPUT_FILE, Request), RZP_PARSER_NOT_ONE_BUNDLE, Request);
     EXPECT_EQ(ZmWaitForConsole(&S, "More than one supported Bundle XML file found.\n"), 0);
     EXPECT_EQ(ZmStop(&S), 0);
-    ZmClose(&S);
 }
 
-TEST(Items, OpenWithoutASupportedBundleEndsTheSubService)
+TEST_F(Items, OpenWithoutASupportedBundleEndsTheSubService)
 {
     ASSERT_TRUE(PrepareMachine({PlainComponent("a-1.0.rpm")}));
     unlink(TEST_BUNDLE_DIR "/bp000001.xml");
     WriteSecondBundle(TEST_BUNDLE_DIR "/bp000002.xml", "SUSE Linux Enterprise Server 8");
-    ZmSession S;
     ASSERT_TRUE(StartParser(&S, {}));
     ExpectAnswer(Ask(&S, RZP_PARSER_OPEN_INPUT_FILE), RZP_PARSER_NO_BUNDLE, {});
     EXPECT_EQ(ZmWaitForConsole(&S, "No supported Bundle XML files were found.\n"), 0);
     EXPECT_GE(ZmWaitExit(&S), 0);
-    ZmClose(&S);
 }
 
 } // namespace

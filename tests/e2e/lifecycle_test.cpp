@@ -20,12 +20,10 @@
 #include <thread>
 #include <vector>
 
-#include "sandbox.h"
-#include "zelrzpmanager.h"
+#include "bundle_fixture.h"
+#include "session_fixture.h"
 
 namespace {
-
-typedef std::vector<unsigned char> Bytes;
 
 // A field of /proc/PID/status (or of a thread's status) as a number; -1 when missing.
 long StatusField(const std::string &StatusPath, const std::string &Field)
@@ -68,17 +66,17 @@ long CpuTicks(pid_t Pid)
     return User + System;
 }
 
-RZP_HEADER_PACKET HeaderTo(ZmSession *S, uint32_t OpCode, int Sequence, int ReturnCode)
+// Watches a process for Ms milliseconds: its sleeps that ended per second, its share of a CPU.
+void Watch(pid_t Pid, int Ms, double *PerSecond, double *CpuShare)
 {
-    RZP_HEADER_PACKET H;
-    memset(&H, 0, sizeof H);
-    H.SrcHandle = S->ReceiveHandle;
-    H.DestHandle = S->SendHandle;
-    H.LocalSequenceNumber = Sequence;
-    H.RemoteSequenceNumber = -1;
-    H.opCode = OpCode;
-    H.ReturnCode = ReturnCode;
-    return H;
+    long Switches = VoluntarySwitches(Pid);
+    long Ticks = CpuTicks(Pid);
+    auto Begin = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(std::chrono::milliseconds(Ms));
+    double Seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - Begin).count();
+    *PerSecond = (VoluntarySwitches(Pid) - Switches) / Seconds;
+    *CpuShare = double(CpuTicks(Pid) - Ticks) / sysconf(_SC_CLK_TCK) / Seconds;
 }
 
 bool IsLogRequest(const ZmPacket &P, const void *)
@@ -86,33 +84,7 @@ bool IsLogRequest(const ZmPacket &P, const void *)
     return P.Header.opCode == RZP_LOG_DATA;
 }
 
-class Lifecycle : public testing::Test {
-protected:
-    ZmSession Session;
-    ZmConfig Config;
-
-    void SetUp() override
-    {
-        ASSERT_EQ(SandboxEnter(), 0);
-        Config.ParserPath = ZEL_PARSER_PATH;
-        Config.BundleDir = "/tmp";
-        Config.TimeoutMs = 15000;
-    }
-    void Start()
-    {
-        std::string Error;
-        ASSERT_EQ(ZmStart(&Session, Config, &Error), 0) << Error << ZmConsoleSnapshot(&Session);
-    }
-    void TearDown() override { ZmClose(&Session); }
-
-    void ExpectStillServing()
-    {
-        ZmPacket Answer;
-        ASSERT_EQ(ZmRequest(&Session, RZP_PARSER_RETURN_NUMBER_OF_ITEMS, {}, &Answer), 0)
-            << ZmConsoleSnapshot(&Session);
-        EXPECT_EQ(Answer.Header.ReturnCode, 0);
-    }
-};
+class Lifecycle : public SessionTest {};
 
 TEST_F(Lifecycle, ConnectionFilesLeftByAnEarlierRunAreRemovedAtStart)
 {
@@ -144,14 +116,8 @@ TEST_F(Lifecycle, AnIdleSubServiceWakesAboutAHundredTimesASecondAndStays)
 {
     Start();
     ExpectStillServing(); // the worker of this request has ended before the idle time starts
-    long Switches = VoluntarySwitches(Session.Pid);
-    long Ticks = CpuTicks(Session.Pid);
-    auto Begin = std::chrono::steady_clock::now();
-    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
-    double Seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - Begin).count();
-    double PerSecond = (VoluntarySwitches(Session.Pid) - Switches) / Seconds;
-    double CpuShare = double(CpuTicks(Session.Pid) - Ticks) / sysconf(_SC_CLK_TCK) / Seconds;
+    double PerSecond, CpuShare;
+    Watch(Session.Pid, 2500, &PerSecond, &CpuShare);
     // The listener looks at the exit flag every 10 ms, the shut-down thread once a second.
     // Generous bounds: a loaded machine delays wake-ups, a spinning thread would not sleep.
     EXPECT_GT(PerSecond, 40);
@@ -178,14 +144,8 @@ TEST_F(Lifecycle, AConnectionThatShowsDataButYieldsNoPacketIsNotSpunOn)
     ASSERT_EQ(ZmSendPacket(&Session, HeaderTo(&Session, RZP_PARSER_RETURN_NUMBER_OF_ITEMS, 4242,
                                               RZP_NO_RESULT_YET), {}),
               0);
-    long Switches = VoluntarySwitches(Session.Pid);
-    long Ticks = CpuTicks(Session.Pid);
-    auto Begin = std::chrono::steady_clock::now();
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-    double Seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - Begin).count();
-    double PerSecond = (VoluntarySwitches(Session.Pid) - Switches) / Seconds;
-    double CpuShare = double(CpuTicks(Session.Pid) - Ticks) / sysconf(_SC_CLK_TCK) / Seconds;
+    double PerSecond, CpuShare;
+    Watch(Session.Pid, 1500, &PerSecond, &CpuShare);
     flock(Lock, LOCK_UN);
     close(Lock);
     // A listener that polled again at once would never sleep: no voluntary switches, and all

@@ -4,8 +4,7 @@
 
 #include <mutex>
 
-#include "sandbox.h"
-#include "zelrzpmanager.h"
+#include "bundle_fixture.h"
 
 namespace {
 
@@ -15,12 +14,6 @@ ZmConfig ExampleConfig()
     C.ParserPath = ZEL_PARSER_PATH;
     C.BundleDir = ZEL_EXAMPLES "/server-bundle";
     return C;
-}
-
-bool EnterRedHat73()
-{
-    return SandboxEnter() == 0 && SandboxClearReleaseFiles() == 0 &&
-           SandboxSetFile("/etc/redhat-release", "Red Hat Linux release 7.3 (Valhalla)\n") == 0;
 }
 
 bool IsDeregistration(const ZmPacket &P, const void *)

@@ -7,32 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "sandbox.h"
-#include "zelrzpmanager.h"
+#include "bundle_fixture.h"
+#include "session_fixture.h"
 
 namespace {
 
-typedef std::vector<unsigned char> Bytes;
-
-class ManagerProtocol : public testing::Test {
+class ManagerProtocol : public SessionTest {
 protected:
-    ZmSession Session;
-    ZmConfig Config;
-
-    void SetUp() override
-    {
-        ASSERT_EQ(SandboxEnter(), 0);
-        Config.ParserPath = ZEL_PARSER_PATH;
-        Config.BundleDir = "/tmp";
-        Config.TimeoutMs = 15000;
-    }
-    void Start()
-    {
-        std::string Error;
-        ASSERT_EQ(ZmStart(&Session, Config, &Error), 0) << Error << ZmConsoleSnapshot(&Session);
-    }
-    void TearDown() override { ZmClose(&Session); }
-
     std::vector<ZmPacket> FromParser(uint32_t OpCode)
     {
         std::vector<ZmPacket> Found;
@@ -40,14 +21,6 @@ protected:
             if (P.Direction == ZM_FROM_PARSER && P.Header.opCode == OpCode)
                 Found.push_back(P);
         return Found;
-    }
-    // The sub-service still serves requests: the number of items is answered.
-    void ExpectStillServing()
-    {
-        ZmPacket Answer;
-        ASSERT_EQ(ZmRequest(&Session, RZP_PARSER_RETURN_NUMBER_OF_ITEMS, {}, &Answer), 0)
-            << ZmConsoleSnapshot(&Session);
-        EXPECT_EQ(Answer.Header.ReturnCode, 0);
     }
 };
 
@@ -112,13 +85,7 @@ TEST_F(ManagerProtocol, AnUnknownOpcodeIsAnsweredNotSupportedWithItsPayloadBack)
 TEST_F(ManagerProtocol, DebugLinesFollowTheFlagAtArrival)
 {
     Start();
-    RZP_HEADER_PACKET H;
-    memset(&H, 0, sizeof H);
-    H.SrcHandle = Session.ReceiveHandle;
-    H.DestHandle = Session.SendHandle;
-    H.RemoteSequenceNumber = -1;
-    H.ReturnCode = RZP_NO_RESULT_YET;
-    H.opCode = RZP_ENABLE_DEBUG;
+    RZP_HEADER_PACKET H = HeaderTo(&Session, RZP_ENABLE_DEBUG, 0, RZP_NO_RESULT_YET);
     ASSERT_EQ(ZmSendPacket(&Session, H, {}), 0);
     H.opCode = RZP_DISABLE_DEBUG;
     ASSERT_EQ(ZmSendPacket(&Session, H, {}), 0);
@@ -152,16 +119,9 @@ TEST_F(ManagerProtocol, DeregistrationWaitsForABusyWorker)
     Config.AnswerRequests = false;
     Config.Args = {"-C", "pkg.rpm"};
     Start();
-    Bytes None;
-    RZP_HEADER_PACKET H;
-    memset(&H, 0, sizeof H);
-    H.SrcHandle = Session.ReceiveHandle;
-    H.DestHandle = Session.SendHandle;
-    H.LocalSequenceNumber = 1;
-    H.RemoteSequenceNumber = -1;
-    H.ReturnCode = RZP_NO_RESULT_YET;
-    H.opCode = RZP_PARSER_PARSE_INPUT_FILE;
-    ASSERT_EQ(ZmSendPacket(&Session, H, None), 0);
+    ASSERT_EQ(ZmSendPacket(&Session, HeaderTo(&Session, RZP_PARSER_PARSE_INPUT_FILE, 1,
+                                              RZP_NO_RESULT_YET), {}),
+              0);
     size_t From = 0;
     ZmPacket Log;
     auto IsLog = [](const ZmPacket &P, const void *) {
@@ -190,11 +150,8 @@ TEST_F(ManagerProtocol, MalformedPacketsLeaveTheSubServiceServing)
     ExpectStillServing();
 
     // A registration answer cut short, and one whose strings have no NUL.
-    RZP_HEADER_PACKET H;
-    memset(&H, 0, sizeof H);
-    H.SrcHandle = Session.ReceiveHandle;
-    H.DestHandle = Session.SendHandle;
-    H.opCode = RZP_REGISTER;
+    RZP_HEADER_PACKET H = HeaderTo(&Session, RZP_REGISTER, 0, 0);
+    H.RemoteSequenceNumber = 0;
     Bytes Cut = RegistrationRecord(4001);
     Cut.resize(30);
     ASSERT_EQ(ZmSendPacket(&Session, H, Cut), 0);

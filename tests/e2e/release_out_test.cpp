@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 
 #include "bundle_fixture.h"
+#include "../common/helpers.h"
 #include "sandbox.h"
 
 namespace {
@@ -73,14 +74,6 @@ bool PrepareSles8(void)
     return true;
 }
 
-std::string FileText(const char *Path)
-{
-    std::ifstream In(Path);
-    std::stringstream Text;
-    Text << In.rdbuf();
-    return Text.str();
-}
-
 class ReleaseOut : public testing::TestWithParam<Plant> {};
 
 TEST_P(ReleaseOut, AnotherUsersPlantIsNeverWrittenThroughNorHangsTheDetection)
@@ -114,7 +107,7 @@ TEST_P(ReleaseOut, AnotherUsersPlantIsNeverWrittenThroughNorHangsTheDetection)
     }
     StopPlanter(Planter);
     ZmClose(&S);
-    EXPECT_EQ(FileText(VICTIM), VICTIM_TEXT);
+    EXPECT_EQ(ReadAll(VICTIM), VICTIM_TEXT);
 }
 
 std::string PlantName(const testing::TestParamInfo<Plant> &Info)

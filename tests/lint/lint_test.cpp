@@ -19,48 +19,14 @@
 
 #include <nlohmann/json.hpp>
 
+#include "../common/helpers.h"
+
 namespace {
 
-struct RunResult {
-    int Status = -1;
-    std::string Out;
-};
-
-// Runs the manager with Args; stdout is collected, stderr dropped. AsUser: setuid first.
-RunResult RunManager(const std::vector<std::string> &Args, uid_t AsUser = static_cast<uid_t>(-1))
+// Runs the manager with Args; AsUser: as that user.
+RunResult RunManager(const std::vector<std::string> &Args, int AsUser = -1)
 {
-    int Pipe[2];
-    RunResult R;
-    if (pipe(Pipe) != 0)
-        return R;
-    pid_t Child = fork();
-    if (Child == 0) {
-        dup2(Pipe[1], STDOUT_FILENO);
-        close(Pipe[0]);
-        close(Pipe[1]);
-        FILE *Null = fopen("/dev/null", "w");
-        if (Null != nullptr)
-            dup2(fileno(Null), STDERR_FILENO);
-        if (AsUser != static_cast<uid_t>(-1) && (setgid(AsUser) != 0 || setuid(AsUser) != 0))
-            _exit(99);
-        std::vector<char *> Argv;
-        Argv.push_back(const_cast<char *>(ZEL_MANAGER_PATH));
-        for (const std::string &A : Args)
-            Argv.push_back(const_cast<char *>(A.c_str()));
-        Argv.push_back(nullptr);
-        execv(ZEL_MANAGER_PATH, Argv.data());
-        _exit(98);
-    }
-    close(Pipe[1]);
-    char Buffer[4096];
-    ssize_t Got;
-    while ((Got = read(Pipe[0], Buffer, sizeof Buffer)) > 0)
-        R.Out.append(Buffer, static_cast<size_t>(Got));
-    close(Pipe[0]);
-    int Status = 0;
-    waitpid(Child, &Status, 0);
-    R.Status = WIFEXITED(Status) ? WEXITSTATUS(Status) : -1;
-    return R;
+    return RunProgram(ZEL_MANAGER_PATH, Args, AsUser);
 }
 
 std::string BaseName(const std::string &Path)
@@ -80,14 +46,6 @@ std::vector<std::string> Entries(const std::string &Dir)
     }
     std::sort(Names.begin(), Names.end());
     return Names;
-}
-
-std::string ReadAll(const std::string &Path)
-{
-    std::ifstream In(Path);
-    std::stringstream S;
-    S << In.rdbuf();
-    return S.str();
 }
 
 nlohmann::json LintJson(const std::string &Target, int *Status = nullptr)
@@ -180,8 +138,7 @@ TEST(LintExample, ShowsExactlyWhatItWasMadeToShow)
 // standard parser, and its values pass.
 TEST(LintDocs, XmlExamplesHaveNoFindings)
 {
-    char Dir[] = "/tmp/lintdocsXXXXXX";
-    ASSERT_NE(mkdtemp(Dir), nullptr);
+    BundleDir Dir;
     int Count = 0;
     for (const std::string &Page : Entries(ZEL_DOCS)) {
         std::string Text = ReadAll(std::string(ZEL_DOCS) + "/" + Page);
@@ -199,16 +156,14 @@ TEST(LintDocs, XmlExamplesHaveNoFindings)
             // comments are for the page only), not a file.
             if (Example.find("<!--") != std::string::npos)
                 continue;
-            std::string Path = std::string(Dir) + "/" + Page + "-" + std::to_string(Count++) + ".xml";
+            std::string Path = Dir.Path + "/" + Page + "-" + std::to_string(Count++) + ".xml";
             std::ofstream(Path) << Example;
             RunResult R = RunManager({"lint", "--json", Path});
             nlohmann::json J = nlohmann::json::parse(R.Out);
             EXPECT_TRUE(J["findings"].empty()) << Page << " example:\n" << Example << J.dump(2);
             EXPECT_EQ(R.Status, 0);
-            unlink(Path.c_str());
         }
     }
-    rmdir(Dir);
     EXPECT_GT(Count, 0);
 }
 
@@ -221,14 +176,15 @@ TEST(LintTags, EveryTagIsDocumentedAndExplained)
     std::istringstream Lines(List.Out);
     std::string Tag, Severity;
     int Count = 0;
+    const std::vector<std::string> Bundles = Entries(Corpus);
     while (Lines >> Tag >> Severity) {
         Count++;
         EXPECT_NE(Page.find("`" + Tag + "`"), std::string::npos) << Tag << " is not in docs/lint.md";
         RunResult Explain = RunManager({"lint", "--explain", Tag});
         EXPECT_EQ(Explain.Status, 0);
         EXPECT_NE(Explain.Out.find("Fix:"), std::string::npos);
-        EXPECT_TRUE(Entries(Corpus).size() == 0 ||
-                    std::find(Entries(Corpus).begin(), Entries(Corpus).end(), Tag) != Entries(Corpus).end())
+        EXPECT_TRUE(Bundles.empty() ||
+                    std::find(Bundles.begin(), Bundles.end(), Tag) != Bundles.end())
             << Tag << " has no corpus bundle";
     }
     EXPECT_GE(Count, 20);
@@ -252,21 +208,16 @@ TEST(LintPrivileges, RunsAsNobody)
     struct passwd *Nobody = getpwnam("nobody");
     if (Nobody == nullptr)
         GTEST_SKIP() << "no user nobody";
-    char Dir[] = "/tmp/lintnobodyXXXXXX";
-    ASSERT_NE(mkdtemp(Dir), nullptr);
-    chmod(Dir, 0755);
+    BundleDir Dir;
     std::string Source = std::string(ZEL_EXAMPLES) + "/server-bundle";
     for (const std::string &Name : Entries(Source))
-        std::ofstream(std::string(Dir) + "/" + Name) << ReadAll(Source + "/" + Name);
-    RunResult Root = RunManager({"lint", "--json", Dir});
-    RunResult AsNobody = RunManager({"lint", "--json", Dir}, Nobody->pw_uid);
-    if (AsNobody.Status == 98)
+        Dir.Write(Name, ReadAll(Source + "/" + Name));
+    RunResult Root = RunManager({"lint", "--json", Dir.Path});
+    RunResult AsNobody = RunManager({"lint", "--json", Dir.Path}, static_cast<int>(Nobody->pw_uid));
+    if (AsNobody.Status == 121) // RunProgram's status when the exec failed
         GTEST_SKIP() << "nobody cannot execute " << ZEL_MANAGER_PATH;
     EXPECT_EQ(AsNobody.Status, 1);
     EXPECT_EQ(AsNobody.Out, Root.Out);
-    for (const std::string &Name : Entries(Dir))
-        unlink((std::string(Dir) + "/" + Name).c_str());
-    rmdir(Dir);
 }
 
 // Where lint says a component reads cleanly on Red Hat Linux 7.3, the real sub-service,
@@ -334,26 +285,22 @@ TEST(LintAgreement, RecordSizeBoundary)
         Kept += Line + "\n";
     for (int Length : {196, 197}) {
         SCOPED_TRACE(Length);
-        char Dir[] = "/tmp/lintsizeXXXXXX";
-        ASSERT_NE(mkdtemp(Dir), nullptr);
+        BundleDir Dir;
         for (const std::string &Name : Entries(Source))
-            std::ofstream(std::string(Dir) + "/" + Name) << ReadAll(Source + "/" + Name);
-        std::ofstream(std::string(Dir) + "/bad-1.0-1.i386.xml")
-            << Xml.substr(0, First) + Kept + "          <prerequisite_data SubType=\"3\" value=\"" +
-                   std::string(static_cast<size_t>(Length), 'y') + "\"/>\n" + Xml.substr(After);
+            Dir.Write(Name, ReadAll(Source + "/" + Name));
+        Dir.Write("bad-1.0-1.i386.xml",
+                  Xml.substr(0, First) + Kept + "          <prerequisite_data SubType=\"3\" value=\"" +
+                      std::string(static_cast<size_t>(Length), 'y') + "\"/>\n" + Xml.substr(After));
         bool Flagged = false;
-        nlohmann::json Lint = LintJson(Dir);
+        nlohmann::json Lint = LintJson(Dir.Path);
         for (const auto &F : Lint["findings"])
             Flagged |= F["tag"] == "record-too-long";
-        RunResult Plan = RunManager({"--distro", "rh73", "--json", Dir});
+        RunResult Plan = RunManager({"--distro", "rh73", "--json", Dir.Path});
         bool Built = false;
         nlohmann::json Components = nlohmann::json::parse(Plan.Out)["components"];
         for (const auto &C : Components)
             Built |= C["file"] == "bad-1.0-1.i386.rpm";
         EXPECT_EQ(Flagged, Length == 197) << Lint.dump(2);
         EXPECT_EQ(Built, Length == 196) << Plan.Out;
-        for (const std::string &Name : Entries(Dir))
-            unlink((std::string(Dir) + "/" + Name).c_str());
-        rmdir(Dir);
     }
 }

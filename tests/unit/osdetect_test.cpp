@@ -2,16 +2,11 @@
 // between the Red Hat codes, the fixed /tmp/release.out, and the SP3 suffix.
 #include <sys/stat.h>
 
+#include "../common/helpers.h"
 #include "package_fixture.h"
 
 namespace
 {
-
-bool Exists(const char *Path)
-{
-    struct stat Info;
-    return lstat(Path, &Info) == 0;
-}
 
 class OSDetect : public PackageTest
 {

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "package_fixture.h"
 #include "protocol.h"
 #include "runflags.h"
 #include "service.h"
@@ -57,11 +58,6 @@ protected:
         while (PendingIOList != nullptr) // drop whatever an earlier test left
             DequeueByOpCode(&H, Payload.data(), PendingIOList->Header->opCode);
     }
-    std::string Captured()
-    {
-        fflush(stdout);
-        return testing::internal::GetCapturedStdout();
-    }
 };
 
 TEST_F(Protocol, DumpShowsEveryItemTypeAndTheIllegalShortQuirk)
@@ -80,43 +76,41 @@ TEST_F(Protocol, DumpShowsEveryItemTypeAndTheIllegalShortQuirk)
     PutU32(&P, 203); PutU32(&P, 1); PutU32(&P, 5); PutString(&P, "abcd");
     PutU32(&P, 206); PutU32(&P, 999); PutU32(&P, 0);
     RZP_HEADER_PACKET H = MakeHeader(77, 12, static_cast<int>(P.size()));
-    testing::internal::CaptureStdout();
-    DumpPacket(&H, P.data(), 1);
-    EXPECT_EQ(Captured(), "\nParser Received SrcHandle is 101\n"
-                          "Parser Received DestHandle is 102\n"
-                          "Parser Received Local SequenceNumber is 12\n"
-                          "Parser Received Remote Sequence Number is -1\n"
-                          "Parser Received HIP opCode is 77\n"
-                          "Parser Received Return Code is -106\n"
-                          "Parser Received Data Length is 146\n\n"
-                          "BO 9 BOOL with Length 1 and Value of TRUE\n"
-                          "BO 18 BOOL with Length 1 and Value of FALSE\n"
-                          "BO 27 USHORT with Length 1 and Value of ab\n"
-                          "BO 39 ULONG with Length 4 and Value of 70000\n"
-                          "BO 48 SCHAR with Length 1 and Value of Z\n"
-                          "BO 60 SLONG with Length 4 and Value of -5\n"
-                          "BO 68 STRING with Length 6 and Value of hello\n"
-                          "BO 82 SUBTYPE_FILE_PRESENCE with Length 7 and Value of /etc/x\n"
-                          "BO 97 Prereq structure found with length 20\n"
-                          "BO 105 STRING with Length 2 and Value of longer text\n"
-                          "BO 121 USHORT found---ERROR ILLEGAL CHARACTER\n"
-                          "BO 129 SUBTYPE_LIBRARY_FILE_PRESENCE with Length 5 and Value of abcd\n"
-                          "BO 138 SSHORT found---ERROR ILLEGAL CHARACTER\n"
-                          "BO 146 TerminateList Struct value found\n");
+    EXPECT_EQ(Captured([&] { DumpPacket(&H, P.data(), 1); }),
+              "\nParser Received SrcHandle is 101\n"
+              "Parser Received DestHandle is 102\n"
+              "Parser Received Local SequenceNumber is 12\n"
+              "Parser Received Remote Sequence Number is -1\n"
+              "Parser Received HIP opCode is 77\n"
+              "Parser Received Return Code is -106\n"
+              "Parser Received Data Length is 146\n\n"
+              "BO 9 BOOL with Length 1 and Value of TRUE\n"
+              "BO 18 BOOL with Length 1 and Value of FALSE\n"
+              "BO 27 USHORT with Length 1 and Value of ab\n"
+              "BO 39 ULONG with Length 4 and Value of 70000\n"
+              "BO 48 SCHAR with Length 1 and Value of Z\n"
+              "BO 60 SLONG with Length 4 and Value of -5\n"
+              "BO 68 STRING with Length 6 and Value of hello\n"
+              "BO 82 SUBTYPE_FILE_PRESENCE with Length 7 and Value of /etc/x\n"
+              "BO 97 Prereq structure found with length 20\n"
+              "BO 105 STRING with Length 2 and Value of longer text\n"
+              "BO 121 USHORT found---ERROR ILLEGAL CHARACTER\n"
+              "BO 129 SUBTYPE_LIBRARY_FILE_PRESENCE with Length 5 and Value of abcd\n"
+              "BO 138 SSHORT found---ERROR ILLEGAL CHARACTER\n"
+              "BO 146 TerminateList Struct value found\n");
 }
 
 TEST_F(Protocol, DumpOfTheSendSideWithoutPayloadShowsOnlyTheHeader)
 {
     RZP_HEADER_PACKET H = MakeHeader(2, 3, 0);
-    testing::internal::CaptureStdout();
-    DumpPacket(&H, nullptr, 0);
-    EXPECT_EQ(Captured(), "\nParser sending SrcHandle is 101\n"
-                          "Parser sending DestHandle 102\n"
-                          "Parser sending LocalSequenceNumber is 3\n"
-                          "Parser sending RemoteSequenceNumber is -1\n"
-                          "Parser sending opCode is 2\n"
-                          "Parser sending Return Code is -106\n"
-                          "Parser sending Data Length is 0\n\n");
+    EXPECT_EQ(Captured([&] { DumpPacket(&H, nullptr, 0); }),
+              "\nParser sending SrcHandle is 101\n"
+              "Parser sending DestHandle 102\n"
+              "Parser sending LocalSequenceNumber is 3\n"
+              "Parser sending RemoteSequenceNumber is -1\n"
+              "Parser sending opCode is 2\n"
+              "Parser sending Return Code is -106\n"
+              "Parser sending Data Length is 0\n\n");
 }
 
 TEST_F(Protocol, DumpStopsAtAnItemThatRunsPastTheDataLength)
@@ -127,9 +121,7 @@ TEST_F(Protocol, DumpStopsAtAnItemThatRunsPastTheDataLength)
     P.insert(P.end(), {'a', 'b', 'c'});
     RZP_HEADER_PACKET H = MakeHeader(2001, 1, static_cast<int>(P.size()));
     Bytes Exact(P);
-    testing::internal::CaptureStdout();
-    DumpPacket(&H, Exact.data(), 1);
-    std::string Out = Captured();
+    std::string Out = Captured([&] { DumpPacket(&H, Exact.data(), 1); });
     EXPECT_NE(Out.find("BO 8 STRING with Length 5 and Value of \nBO 8 item runs past Data Length 11"),
               std::string::npos) << Out;
 }
@@ -189,11 +181,10 @@ TEST_F(Protocol, QueueBeyondItsBoundDropsOnlyTheOldestAnswerNobodyExpects)
         ASSERT_EQ(Enqueue(&Stray, Payload.data()), 0);
     }
     ASSERT_EQ(PendingIOLength(), PENDING_IO_LIMIT);
-    testing::internal::CaptureStdout();
     RZP_HEADER_PACKET Late = MakeHeader(RZP_OUTPUT_DATA, 99999, 100);
-    ASSERT_EQ(Enqueue(&Late, Payload.data()), 0);
-    EXPECT_EQ(Captured(), "Parser dropped an unrequested packet for opCode 2001 (sequence number "
-                          "1002): 4096 packets were already waiting. 1 dropped so far.\n");
+    EXPECT_EQ(Captured([&] { ASSERT_EQ(Enqueue(&Late, Payload.data()), 0); }),
+              "Parser dropped an unrequested packet for opCode 2001 (sequence number "
+              "1002): 4096 packets were already waiting. 1 dropped so far.\n");
     EXPECT_EQ(PendingIOLength(), PENDING_IO_LIMIT);
 
     RZP_HEADER_PACKET H;
@@ -216,13 +207,12 @@ TEST_F(Protocol, PromptNumberPacketsAreShownInDebugMode)
     DEBUG_FLAG = 1;
     RZP_HEADER_PACKET H;
     Bytes Out(RZP_MAX_PAYLOAD);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(DequeueByOpCode(&H, Out.data(), RZP_PROMPT_FOR_NUMBER), 0);
+    EXPECT_EQ(Captured([&] {
+                  EXPECT_EQ(DequeueByOpCode(&H, Out.data(), RZP_PROMPT_FOR_NUMBER), 0);
+              }),
+              "Parser opCode asked for 2202    Found opCode is 2202\nPARSER BUFFER DUMP...\n"
+              "10  01  02  03  04  05  06  07  08  09  \n0a  \nEnd PARSER BUFFER DUMP\n");
     DEBUG_FLAG = 0;
-    EXPECT_EQ(Captured(), "Parser opCode asked for 2202    Found opCode is 2202\n"
-                          "PARSER BUFFER DUMP...\n"
-                          "10  01  02  03  04  05  06  07  08  09  \n0a  "
-                          "\nEnd PARSER BUFFER DUMP\n");
 }
 
 // ---- Registration answers ----------------------------------------------------------------------
@@ -278,25 +268,21 @@ TEST_F(Registration, UnknownOpcodesLongNamesAndTruncatedAnswersChangeNothing)
     Bytes P = Answer(4200, "PARSER_V100");
     RZP_HEADER_PACKET H = MakeHeader(RZP_REGISTER, 3, static_cast<int>(P.size()));
     H.ReturnCode = -1;
-    testing::internal::CaptureStdout();
-    HandlePostRegistration(&H, P.data());
-    EXPECT_EQ(Captured(), "PARSER: Found an unknown opCode type of 4200\n");
+    EXPECT_EQ(Captured([&] { HandlePostRegistration(&H, P.data()); }),
+              "PARSER: Found an unknown opCode type of 4200\n");
 
     DEBUG_FLAG = 1; // the dump shows the cut name
     P = Answer(RZP_PARSER_OPEN_INPUT_FILE, std::string(400, 'n'));
     H.DataLength = static_cast<int>(P.size());
-    testing::internal::CaptureStdout();
-    HandlePostRegistration(&H, P.data());
+    EXPECT_TRUE(Has(Captured([&] { HandlePostRegistration(&H, P.data()); }),
+                    "SubServiceName is " + std::string(255, 'n') + "\n"));
     DEBUG_FLAG = 0;
-    EXPECT_NE(Captured().find("SubServiceName is " + std::string(255, 'n') + "\n"),
-              std::string::npos);
     EXPECT_EQ(ParserQueue->Provides_RZPParserOpenInputFile, 0);
 
     P = Answer(RZP_PARSER_PARSE_INPUT_FILE, "PARSER_V100");
     H.DataLength = static_cast<int>(P.size()) - 10;
-    testing::internal::CaptureStdout();
-    HandlePostRegistration(&H, P.data());
-    EXPECT_NE(Captured().find("does not hold the registration record"), std::string::npos);
+    EXPECT_TRUE(Has(Captured([&] { HandlePostRegistration(&H, P.data()); }),
+                    "does not hold the registration record"));
     EXPECT_EQ(ParserQueue->Provides_RZPParserParseInputFile, 1);
 }
 

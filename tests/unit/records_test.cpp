@@ -11,18 +11,14 @@
 #include <string>
 #include <vector>
 
+#include "package_fixture.h"
 #include "records.h"
-#include "runflags.h"
 #include "service.h"
-#include "support.h"
-
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
 
 namespace {
 
 const char OS[] = "Red_Hat_Linux_7.3";
-const std::string Corrupt = "The XML file is corrupt.  The '";
+const std::string &Corrupt = CorruptSection;
 
 // A component file: Top goes straight below zel_package, Platform below the installed OS.
 std::string Component(const std::string &Platform, const std::string &Top = "",
@@ -47,9 +43,8 @@ std::string Data(const char *Name, const char *Text)
            "</supported_device_data>\n";
 }
 
-class Records : public testing::Test {
+class Records : public PackageTest {
 protected:
-    char Directory[64] = "/tmp/records_test.XXXXXX";
     int Files = 0;
 
     void SetUp() override
@@ -59,28 +54,14 @@ protected:
             dlopen(ZEL_TRANSPORT_DIR "/" RZP_TRANSPORT_LIBRARY, RTLD_NOW | RTLD_GLOBAL);
             ASSERT_EQ(0, BindTransportLibrary());
         }
-        ASSERT_NE(nullptr, mkdtemp(Directory));
-        DeleteTree();
-        free(CurrentlyInstalledOS);
-        CurrentlyInstalledOS = DuplicateString(OS);
-        DEBUG_FLAG = 0;
-        VERBOSE_MODE = 0;
+        PackageTest::SetUp();
+        SetInstalledOS(OS);
         unsetenv("RZPELMCONFIGURED");
-    }
-    void TearDown() override
-    {
-        DeleteTree();
-        free(CurrentlyInstalledOS);
-        CurrentlyInstalledOS = nullptr;
-        std::string Command = std::string("rm -rf ") + Directory;
-        EXPECT_EQ(0, system(Command.c_str()));
     }
     // Every file gets its own path, so that the current-file rule reads it afresh.
     std::string Write(const std::string &Text)
     {
-        std::string Path = std::string(Directory) + "/c" + std::to_string(Files++) + ".xml";
-        std::ofstream(Path) << Text;
-        return Path;
+        return PackageTest::Write("c" + std::to_string(Files++) + ".xml", Text);
     }
 };
 
@@ -88,9 +69,10 @@ protected:
 std::string ReadRequisite(bool Post, const std::string &Path, int Index)
 {
     char SubType[SUBTYPE_BUFFER_SIZE] = {0}, Value[REQUISITE_VALUE_SIZE] = {0};
-    CaptureStdout();
-    int Result = (Post ? GetPostrequisites : GetPrerequisites)(Path.c_str(), SubType, Value, Index);
-    std::string Output = GetCapturedStdout();
+    int Result = 0;
+    std::string Output = Captured([&] {
+        Result = (Post ? GetPostrequisites : GetPrerequisites)(Path.c_str(), SubType, Value, Index);
+    });
     return std::to_string(Result) + "|" + SubType + "|" + Value + "|" + Output;
 }
 
@@ -157,9 +139,7 @@ TEST(RecordHelpers, SubtypeTextConvertsByLeadingDecimalDigits)
 std::string Device(const std::string &Path, int Index, int *Result, std::string *Out)
 {
     char Value[REQUISITE_VALUE_SIZE] = {0};
-    CaptureStdout();
-    *Result = GetPCIDevices(Path.c_str(), Value, Index);
-    *Out = GetCapturedStdout();
+    *Out = Captured([&] { *Result = GetPCIDevices(Path.c_str(), Value, Index); });
     return Value;
 }
 
@@ -228,10 +208,9 @@ TEST_F(Records, DevicesBeyondTheBufferAreLeftOutWithAMessage)
                                               "</supported_device>\n");
     std::string Path = Write(Component("", Devices(Entries)));
     std::vector<unsigned char> Buffer(RZP_MAX_PAYLOAD + 64, 0xEE);
-    int Length = 0;
-    CaptureStdout();
-    int Count = RetrievePCIDevicesFromXML(Path.c_str(), Buffer.data(), &Length);
-    std::string Out = GetCapturedStdout();
+    int Length = 0, Count = 0;
+    std::string Out =
+        Captured([&] { Count = RetrievePCIDevicesFromXML(Path.c_str(), Buffer.data(), &Length); });
     EXPECT_EQ(RZP_MAX_PAYLOAD / 36, Count); // 16 bytes of codes and lengths, 20 of text
     EXPECT_EQ(Count * 36, Length);
     EXPECT_NE(std::string::npos, Out.find("device entry 455 and the entries after it"));
@@ -267,10 +246,10 @@ ConfigResult ReadConfig(const std::string &Path, int Index, bool Post = false)
 {
     ConfigResult R;
     R.Config = static_cast<PPRECONFIGURATION>(calloc(1, sizeof(PRECONFIGURATION)));
-    CaptureStdout();
-    R.Result = (Post ? GetPostConfigurationInfo : GetPreConfigurationInfo)(Path.c_str(), Index,
-                                                                          R.Config, "en");
-    R.Output = GetCapturedStdout();
+    R.Output = Captured([&] {
+        R.Result = (Post ? GetPostConfigurationInfo : GetPreConfigurationInfo)(Path.c_str(), Index,
+                                                                              R.Config, "en");
+    });
     return R;
 }
 
@@ -363,9 +342,7 @@ TEST_F(Records, DumpShowsAbsentStringsAsEmptyValues)
     PRECONFIGURATION *C = static_cast<PPRECONFIGURATION>(calloc(1, sizeof(PRECONFIGURATION)));
     C->PromptType = RZP_TYPE_STRING;
     DEBUG_FLAG = 1;
-    CaptureStdout();
-    DumpConfigurationStruct(C, RZP_STRUCT_POSTCONFIG);
-    std::string Out = GetCapturedStdout();
+    std::string Out = Captured([&] { DumpConfigurationStruct(C, RZP_STRUCT_POSTCONFIG); });
     DEBUG_FLAG = 0;
     EXPECT_EQ(0u, Out.find("PostConfiguration Structure found\n"));
     EXPECT_NE(std::string::npos, Out.find("Prompt                                     Type:  208"
@@ -386,9 +363,8 @@ TEST_F(Records, RecordLongerThanItsBufferRefusesTheComponent)
     ASSERT_NE(nullptr, Component);
     PINSTALL_PACKET_LIST Before = InstallPacketList;
     int32_t Number = InstallPacketNumber;
-    CaptureStdout();
-    EXPECT_EQ(-111, BuildRZPInstallStructures(Path.c_str(), Component, "en"));
-    std::string Out = GetCapturedStdout();
+    std::string Out = Captured(
+        [&] { EXPECT_EQ(-111, BuildRZPInstallStructures(Path.c_str(), Component, "en")); });
     EXPECT_NE(std::string::npos, Out.find("driver.rpm would be longer than 16384 bytes"));
     EXPECT_EQ(Before, InstallPacketList);
     EXPECT_EQ(Number, InstallPacketNumber);

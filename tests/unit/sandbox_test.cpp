@@ -6,16 +6,11 @@
 
 #include <fstream>
 
+#include "../common/helpers.h"
 #include "sandbox.h"
 
 namespace
 {
-
-bool Exists(const char *Path)
-{
-    struct stat Info;
-    return lstat(Path, &Info) == 0;
-}
 
 TEST(Sandbox, ReentryEmptiesTmpAndDevButKeepsDevices)
 {

@@ -8,8 +8,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "runflags.h"
-#include "xmltokenizer.h"
+#include "package_fixture.h"
 
 namespace {
 
@@ -45,30 +44,8 @@ std::string Tree()
     return Out;
 }
 
-class XmlTokenizer : public ::testing::Test {
+class XmlTokenizer : public PackageTest {
 protected:
-    std::string Dir;
-    void SetUp() override
-    {
-        DeleteTree();
-        char Template[] = "/tmp/xmltok-XXXXXX";
-        ASSERT_NE(mkdtemp(Template), nullptr);
-        Dir = Template;
-    }
-    void TearDown() override
-    {
-        DeleteTree();
-        std::string Command = "rm -rf '" + Dir + "'";
-        ASSERT_EQ(system(Command.c_str()), 0);
-    }
-    std::string Write(const std::string &Name, const std::string &Text)
-    {
-        std::string Path = Dir + "/" + Name;
-        FILE *File = fopen(Path.c_str(), "wb");
-        fwrite(Text.data(), 1, Text.size(), File);
-        fclose(File);
-        return Path;
-    }
     // Parses Text as a file and returns the tree (the result code in *Result).
     std::string Parse(const std::string &Text, long *Result = nullptr)
     {
@@ -80,59 +57,47 @@ protected:
     }
 };
 
-TEST_F(XmlTokenizer, BuildsTheTypicalTreeAndIgnoresTheDeclarationLine)
+// Each input file and the tree it must give.
+TEST_F(XmlTokenizer, GoldenTrees)
 {
-    EXPECT_EQ(Parse("<?xml version=\"1.0\"?>\n<zel_package>\n  <version value=\"2.1.0\"/>\n"
-                    "  <name>\n    <name_xlate lang=\"en\">Network driver</name_xlate>\n"
-                    "  </name>\n</zel_package>\n"),
-              "(root)\n  zel_package\n    version @value=2.1.0\n    name\n"
-              "      name_xlate @lang=en \"Network driver\"\n");
-    EXPECT_EQ(Parse("<?xml version=\"1.0\"?><zel_package>\n<a/>\n"), "(root)\n  a\n");
-}
-
-TEST_F(XmlTokenizer, SelfClosingTagsAndSeveralTagsOnOneLine)
-{
-    EXPECT_EQ(Parse("<r>\n<reboot_required value=\"yes\"/>\n<reboot_required value=\"yes\" />\n"
-                    "<a x=\"1\"/><b y=\"2\"/>\n<c/>\n"),
-              "(root)\n  r\n    reboot_required @value=yes\n    reboot_required @value=yes\n"
-              "    a @x=1\n      b @y=2\n      c\n");
-    EXPECT_EQ(Parse("<p><q>t</q><q>u</q></p>\n"), "(root)\n  p\n    q \"t\"\n    q \"u\"\n");
-}
-
-TEST_F(XmlTokenizer, TextKeepsSpacesOnlyAfterALetterOrDigit)
-{
-    EXPECT_EQ(Parse("<r>\n<command>rpm -Uvh x.rpm</command>\n<command>./setup.sh -f</command>\n"
-                    "alone on a line\n<t>dangling text\n</t>\n<e>x = y</e>\n"
-                    "<v w=\"a=b\" n= />\n"),
-              "(root)\n  r\n    command \"rpm -Uvh x.rpm\"\n    command \"./setup.sh-f\"\n"
-              "    t\n    e @x=y\n    v @w=a @n=\n");
-}
-
-TEST_F(XmlTokenizer, TabAfterTheNameMakesOneAttributeOfTheEnclosingSection)
-{
-    EXPECT_EQ(Parse("<a>\n<version\tvalue=\"2\"/>\n<b/>\n"),
-              "(root)\n  a @version\\tvalue=2\n  b\n");
-}
-
-TEST_F(XmlTokenizer, CdataLinesAndTheLineAfterThem)
-{
-    EXPECT_EQ(Parse("<d>\n    <![CDATA[Some text]]>\n    </d>\n<e>\n"),
-              "(root)\n  d \"    \" [Some text]\n  e\n");
-    EXPECT_EQ(Parse("<d>\n  <![CDATA[one]]>\n  <![CDATA[two]]>\n</d>\n"),
-              "(root)\n  d [one] [A[two]\n");
-    EXPECT_EQ(Parse("<d>\n  <![CDATA[line 1\n  line 2\nline 3]]>\n</d>\n"),
-              "(root)\n  d [line 1\\n  line 2\\nline 3]\n");
-    EXPECT_EQ(Parse("<d>\n<x lang=\"en\"><![CDATA[Text]]></x>\n</d>\n<e/>\n"),
-              "(root)\n  d [en\"><![CDATA[Text]]><]\n  e\n");
-    // Carriage returns are whitespace; a "CDATA" line shorter than its markers is empty.
-    EXPECT_EQ(Parse("<d>\r\n<a>x y</a>\r\n<![CDATA[]]>\r\n<![CDATA[x"),
-              "(root)\n  d [] []\n    a \"x y\"\n");
-}
-
-TEST_F(XmlTokenizer, CommentsOpenElementsAndEndTagsAtTheRootStayThere)
-{
-    EXPECT_EQ(Parse("<!-- note -->\n<a>\n"), "(root)\n  !-- \" note\" \" --\"\n    a\n");
-    EXPECT_EQ(Parse("</x>\n</y>\n<a>\n"), "(root)\n  a\n");
+    const struct {
+        const char *Input, *Tree;
+    } Cases[] = {
+        // The typical tree; the declaration line is ignored.
+        {"<?xml version=\"1.0\"?>\n<zel_package>\n  <version value=\"2.1.0\"/>\n"
+         "  <name>\n    <name_xlate lang=\"en\">Network driver</name_xlate>\n  </name>\n"
+         "</zel_package>\n",
+         "(root)\n  zel_package\n    version @value=2.1.0\n    name\n"
+         "      name_xlate @lang=en \"Network driver\"\n"},
+        {"<?xml version=\"1.0\"?><zel_package>\n<a/>\n", "(root)\n  a\n"},
+        // Self-closing tags and several tags on one line.
+        {"<r>\n<reboot_required value=\"yes\"/>\n<reboot_required value=\"yes\" />\n"
+         "<a x=\"1\"/><b y=\"2\"/>\n<c/>\n",
+         "(root)\n  r\n    reboot_required @value=yes\n    reboot_required @value=yes\n"
+         "    a @x=1\n      b @y=2\n      c\n"},
+        {"<p><q>t</q><q>u</q></p>\n", "(root)\n  p\n    q \"t\"\n    q \"u\"\n"},
+        // Text keeps spaces only after a letter or digit.
+        {"<r>\n<command>rpm -Uvh x.rpm</command>\n<command>./setup.sh -f</command>\n"
+         "alone on a line\n<t>dangling text\n</t>\n<e>x = y</e>\n<v w=\"a=b\" n= />\n",
+         "(root)\n  r\n    command \"rpm -Uvh x.rpm\"\n    command \"./setup.sh-f\"\n"
+         "    t\n    e @x=y\n    v @w=a @n=\n"},
+        // A tab after the name makes one attribute of the enclosing section.
+        {"<a>\n<version\tvalue=\"2\"/>\n<b/>\n", "(root)\n  a @version\\tvalue=2\n  b\n"},
+        // CDATA lines and the line after them.
+        {"<d>\n    <![CDATA[Some text]]>\n    </d>\n<e>\n", "(root)\n  d \"    \" [Some text]\n  e\n"},
+        {"<d>\n  <![CDATA[one]]>\n  <![CDATA[two]]>\n</d>\n", "(root)\n  d [one] [A[two]\n"},
+        {"<d>\n  <![CDATA[line 1\n  line 2\nline 3]]>\n</d>\n",
+         "(root)\n  d [line 1\\n  line 2\\nline 3]\n"},
+        {"<d>\n<x lang=\"en\"><![CDATA[Text]]></x>\n</d>\n<e/>\n",
+         "(root)\n  d [en\"><![CDATA[Text]]><]\n  e\n"},
+        // Carriage returns are whitespace; a "CDATA" line shorter than its markers is empty.
+        {"<d>\r\n<a>x y</a>\r\n<![CDATA[]]>\r\n<![CDATA[x", "(root)\n  d [] []\n    a \"x y\"\n"},
+        // Comments open elements; end tags at the root stay there.
+        {"<!-- note -->\n<a>\n", "(root)\n  !-- \" note\" \" --\"\n    a\n"},
+        {"</x>\n</y>\n<a>\n", "(root)\n  a\n"},
+    };
+    for (const auto &Case : Cases)
+        EXPECT_EQ(Parse(Case.Input), Case.Tree) << Escaped(Case.Input);
 }
 
 TEST_F(XmlTokenizer, FailuresReportAndLeaveNoCurrentFile)
