@@ -69,13 +69,13 @@ int EncodeMessage(unsigned char *Payload, const char *Text)
     return Offset + static_cast<int>(Length) + 1;
 }
 
-// Sends Text as the one STRING item of a request of OpCode.
-void SendText(uint32_t OpCode, const char *Text)
+// Sends Text as the one STRING item of a screen or log request (Send).
+void SendText(int (*Send)(unsigned char *, int), const char *Text)
 {
     unsigned char *Payload = PayloadBuffer();
     if (Payload == nullptr)
         return;
-    SendRequest(OpCode, Payload, EncodeMessage(Payload, Text));
+    Send(Payload, EncodeMessage(Payload, Text));
     free(Payload);
 }
 
@@ -93,13 +93,14 @@ int SendOutputDataPacket(unsigned char *Payload, int PayloadLength)
 
 void SendScreenAndLog(const char *Coloured, const char *Plain)
 {
-    SendText(RZP_OUTPUT_DATA, (NO_USER_INTERFACE == 1 && Coloured != nullptr) ? Coloured : Plain);
-    SendText(RZP_LOG_DATA, Plain);
+    SendText(SendOutputDataPacket,
+             (NO_USER_INTERFACE == 1 && Coloured != nullptr) ? Coloured : Plain);
+    SendText(SendLogDataPacket, Plain);
 }
 
 void SendLogOnly(const char *Plain)
 {
-    SendText(RZP_LOG_DATA, Plain);
+    SendText(SendLogDataPacket, Plain);
 }
 
 int QueryOpcodeSupport(uint32_t OpCode, const char *DebugName)
