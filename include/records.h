@@ -13,6 +13,11 @@ extern PINSTALL_PACKET_LIST InstallPacketList;
 extern int32_t InstallPacketNumber;
 int BuildRZPInstallStructures(const char *XMLFileName, COMPONENTINFOPTR Component,
                               const char *language);
+// The accepted records (recordlist.cpp). AppendInstallRecord keeps a copy of Record at the
+// end of the list under the next handle: 0, or -111 with nothing kept when memory runs out.
+// FindInstallRecord gives the node with Handle, or NULL.
+int AppendInstallRecord(const char *FileName, const unsigned char *Record, int Length);
+PINSTALL_PACKET_LIST FindInstallRecord(int32_t Handle);
 void FreeInstallPacketList(void);
 #define SUBTYPE_BUFFER_SIZE 10
 #define REQUISITE_VALUE_SIZE 1024

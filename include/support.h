@@ -16,3 +16,18 @@ int CopyWhole(char *Dest, size_t DestSize, const char *Src);
 
 // Returns a malloc'ed copy of Src, or NULL for a NULL Src or when memory runs out.
 char *DuplicateString(const char *Src);
+
+// Links Item at the end of the singly linked list *Head, whose last node *Tail remembers so
+// that an append takes constant time; a *Tail that lags behind (nodes linked after it
+// elsewhere) is walked forward first. Next names the link member.
+template <typename T> void AppendToList(T **Head, T **Tail, T *Item, T *T::*Next)
+{
+    if (*Head == nullptr) {
+        *Head = Item;
+    } else {
+        while ((*Tail)->*Next != nullptr)
+            *Tail = (*Tail)->*Next;
+        (*Tail)->*Next = Item;
+    }
+    *Tail = Item;
+}

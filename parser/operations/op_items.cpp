@@ -55,9 +55,7 @@ static PINSTALL_PACKET_LIST FindNextRecord(PPARSERWORK Work)
     if (Reader.Failed)
         return nullptr;
     DebugPrint("Parser received Handle %d\n", Handle);
-    PINSTALL_PACKET_LIST Node = InstallPacketList;
-    while (Node != nullptr && Node->InstallPacketHandle != Handle)
-        Node = Node->NextPacket;
+    PINSTALL_PACKET_LIST Node = FindInstallRecord(Handle);
     return Node == nullptr ? nullptr : Node->NextPacket;
 }
 

@@ -64,14 +64,7 @@ COMPONENTINFOPTR AppendComponent(const char *FileName)
     CopyBounded(Component->FileName, COMPONENT_FIELD_SIZE, FileName);
     Component->Status = COMPONENT_LISTED;
     Component->InstallStatus = INSTALL_STATUS_NOT_BUILT;
-    if (ComponentList == nullptr) {
-        ComponentList = Component;
-    } else {
-        while (ComponentListTail->next != nullptr)
-            ComponentListTail = ComponentListTail->next;
-        ComponentListTail->next = Component;
-    }
-    ComponentListTail = Component;
+    AppendToList(&ComponentList, &ComponentListTail, Component, &ComponentInfo::next);
     return Component;
 }
 

@@ -16,6 +16,7 @@
 
 #include "protocol.h"
 #include "runflags.h"
+#include "support.h"
 
 PPENDINGIO PendingIOList = nullptr;
 pthread_mutex_t PendingIOMutex = PTHREAD_MUTEX_INITIALIZER;
@@ -184,11 +185,7 @@ int Enqueue(PRZP_HEADER_PACKET Header, unsigned char *Payload)
     RZP_HEADER_PACKET Dropped;
     bool Drop = PendingIOCount >= PENDING_IO_LIMIT && DropOldestUnwanted(&Dropped);
     long DroppedSoFar = DroppedPackets;
-    if (PendingIOTail == nullptr)
-        PendingIOList = Node;
-    else
-        PendingIOTail->Next = Node;
-    PendingIOTail = Node;
+    AppendToList(&PendingIOList, &PendingIOTail, Node, &PENDINGIO::Next);
     PendingIOCount++;
     pthread_cond_broadcast(&PendingIOParked);
     pthread_mutex_unlock(&PendingIOMutex);

@@ -1,6 +1,6 @@
 // builder.cpp - the install record builder: turns one component into one serialized install
 // record (main body, device, requisite and configuration sub-records), asks the manager about
-// the errata kernel and keeps accepted records. Writes InstallPacketList, InstallPacketNumber.
+// the errata kernel and hands accepted records to the record list (recordlist.cpp).
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,13 +11,6 @@
 #include "service.h"
 #include "support.h"
 
-PINSTALL_PACKET_LIST InstallPacketList = nullptr;
-// The last node of InstallPacketList, so that an append takes constant time. Trusted only
-// while the list is not empty; nodes linked behind it by other code are stepped over.
-static PINSTALL_PACKET_LIST InstallPacketListTail = nullptr;
-int32_t InstallPacketNumber = 0;
-
-#define INSTALL_BUFFER_SLACK 512 /* a node's buffer is the record plus this */
 #define CONFIGURATION_LOCALE "en"
 
 // The record being built: every piece is checked to fit before it is written.
@@ -449,36 +442,6 @@ static void PrintSummaries(PRZP_INSTALL_PACKET P, int Length)
     }
 }
 
-// Appends a node holding a copy of the record at the tail of InstallPacketList and gives it
-// the next number. -111 (nothing appended, no number used) when memory runs out.
-static int AppendInstallNode(const char *FileName, const unsigned char *Record, int Length)
-{
-    PINSTALL_PACKET_LIST Node = static_cast<PINSTALL_PACKET_LIST>(calloc(1, sizeof(*Node)));
-    unsigned char *Buffer =
-        static_cast<unsigned char *>(calloc(static_cast<size_t>(Length) + INSTALL_BUFFER_SLACK, 1));
-    char *Name = DuplicateString(FileName);
-    if (Node == nullptr || Buffer == nullptr || Name == nullptr) {
-        free(Node);
-        free(Buffer);
-        free(Name);
-        return RZP_OUT_OF_MEMORY;
-    }
-    memcpy(Buffer, Record, static_cast<size_t>(Length));
-    Node->FileName = Name;
-    Node->InstallPacketSendBuffer = Buffer;
-    Node->InstallPacketSendBufferLength = Length;
-    Node->InstallPacketHandle = InstallPacketNumber++;
-    if (InstallPacketList == nullptr) {
-        InstallPacketList = Node;
-    } else {
-        while (InstallPacketListTail->NextPacket != nullptr)
-            InstallPacketListTail = InstallPacketListTail->NextPacket;
-        InstallPacketListTail->NextPacket = Node;
-    }
-    InstallPacketListTail = Node;
-    return 0;
-}
-
 static int ReadComponentDescription(const char *XMLFileName, COMPONENTINFOPTR Component,
                                     const char *language)
 {
@@ -507,7 +470,7 @@ static int OfferRecord(const char *FileName, PRZP_INSTALL_PACKET P, RECORD_WRITE
         ReportNotSupported(FileName);
         return RZP_PARSER_ERRATA_UNSUPPORTED;
     }
-    int Result = AppendInstallNode(FileName, W->Buffer, W->Position);
+    int Result = AppendInstallRecord(FileName, W->Buffer, W->Position);
     if (Result != 0)
         return Result;
     PrintSummaries(P, W->Position);
@@ -557,16 +520,4 @@ int BuildRZPInstallStructures(const char *XMLFileName, COMPONENTINFOPTR Componen
     free(Devices);
     free(Record);
     return Result;
-}
-
-void FreeInstallPacketList(void)
-{
-    while (InstallPacketList != nullptr) {
-        PINSTALL_PACKET_LIST Next = InstallPacketList->NextPacket;
-        free(InstallPacketList->FileName);
-        free(InstallPacketList->InstallPacketSendBuffer);
-        free(InstallPacketList);
-        InstallPacketList = Next;
-    }
-    InstallPacketListTail = nullptr;
 }
