@@ -3,6 +3,7 @@
 // over the tree with the readers' shared walk and language selection.
 #include <sys/stat.h>
 
+#include "../common/helpers.h"
 #include "package_fixture.h"
 
 namespace {
@@ -55,47 +56,20 @@ protected:
     }
 };
 
-// Each input file and the tree it must give.
+// Each input file under tests/data/unit/trees and the tree it must give (NAME.xml, NAME.tree);
+// their names say which corner case of the dialect they hold.
 TEST_F(XmlTokenizer, GoldenTrees)
 {
-    const struct {
-        const char *Input, *Tree;
-    } Cases[] = {
-        // The typical tree; the declaration line is ignored.
-        {"<?xml version=\"1.0\"?>\n<zel_package>\n  <version value=\"2.1.0\"/>\n"
-         "  <name>\n    <name_xlate lang=\"en\">Network driver</name_xlate>\n  </name>\n"
-         "</zel_package>\n",
-         "(root)\n  zel_package\n    version @value=2.1.0\n    name\n"
-         "      name_xlate @lang=en \"Network driver\"\n"},
-        {"<?xml version=\"1.0\"?><zel_package>\n<a/>\n", "(root)\n  a\n"},
-        // Self-closing tags and several tags on one line.
-        {"<r>\n<reboot_required value=\"yes\"/>\n<reboot_required value=\"yes\" />\n"
-         "<a x=\"1\"/><b y=\"2\"/>\n<c/>\n",
-         "(root)\n  r\n    reboot_required @value=yes\n    reboot_required @value=yes\n"
-         "    a @x=1\n      b @y=2\n      c\n"},
-        {"<p><q>t</q><q>u</q></p>\n", "(root)\n  p\n    q \"t\"\n    q \"u\"\n"},
-        // Text keeps spaces only after a letter or digit.
-        {"<r>\n<command>rpm -Uvh x.rpm</command>\n<command>./setup.sh -f</command>\n"
-         "alone on a line\n<t>dangling text\n</t>\n<e>x = y</e>\n<v w=\"a=b\" n= />\n",
-         "(root)\n  r\n    command \"rpm -Uvh x.rpm\"\n    command \"./setup.sh-f\"\n"
-         "    t\n    e @x=y\n    v @w=a @n=\n"},
-        // A tab after the name makes one attribute of the enclosing section.
-        {"<a>\n<version\tvalue=\"2\"/>\n<b/>\n", "(root)\n  a @version\\tvalue=2\n  b\n"},
-        // CDATA lines and the line after them.
-        {"<d>\n    <![CDATA[Some text]]>\n    </d>\n<e>\n", "(root)\n  d \"    \" [Some text]\n  e\n"},
-        {"<d>\n  <![CDATA[one]]>\n  <![CDATA[two]]>\n</d>\n", "(root)\n  d [one] [A[two]\n"},
-        {"<d>\n  <![CDATA[line 1\n  line 2\nline 3]]>\n</d>\n",
-         "(root)\n  d [line 1\\n  line 2\\nline 3]\n"},
-        {"<d>\n<x lang=\"en\"><![CDATA[Text]]></x>\n</d>\n<e/>\n",
-         "(root)\n  d [en\"><![CDATA[Text]]><]\n  e\n"},
-        // Carriage returns are whitespace; a "CDATA" line shorter than its markers is empty.
-        {"<d>\r\n<a>x y</a>\r\n<![CDATA[]]>\r\n<![CDATA[x", "(root)\n  d [] []\n    a \"x y\"\n"},
-        // Comments open elements; end tags at the root stay there.
-        {"<!-- note -->\n<a>\n", "(root)\n  !-- \" note\" \" --\"\n    a\n"},
-        {"</x>\n</y>\n<a>\n", "(root)\n  a\n"},
-    };
-    for (const auto &Case : Cases)
-        EXPECT_EQ(Parse(Case.Input), Case.Tree) << Escaped(Case.Input);
+    int Cases = 0;
+    for (const auto &Entry : std::filesystem::directory_iterator(ZEL_TEST_DATA "/unit/trees")) {
+        if (Entry.path().extension() != ".xml")
+            continue;
+        std::string Tree = Entry.path().string();
+        Tree.replace(Tree.size() - 4, 4, ".tree");
+        EXPECT_EQ(Parse(ReadAll(Entry.path())), ReadAll(Tree)) << Entry.path();
+        Cases++;
+    }
+    EXPECT_EQ(13, Cases);
 }
 
 // Physical lines are counted across multi-line CDATA blocks; records made from one line share
