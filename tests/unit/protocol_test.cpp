@@ -1,5 +1,6 @@
 // The protocol core inside one process: the packet dump, the pending-I/O queue, the
 // registration answers and the result code names.
+#include "../common/helpers.h"
 #include "package_fixture.h"
 #include "protocol.h"
 #include "service.h"
@@ -55,26 +56,9 @@ TEST_F(Protocol, DumpShowsEveryItemTypeAndTheIllegalShortQuirk)
     PutU32(&P, {203, 1, 5});
     PutString(&P, "abcd");
     PutU32(&P, {206, 999, 0});
-    H = MakeHeader(77, 12, P.size());
+    H = MakeHeader(77, 12, P.size()); // the expected dump gives each item's byte offset
     EXPECT_EQ(Captured([&] { DumpPacket(&H, P.data(), 1); }),
-              "\nParser Received SrcHandle is 101\nParser Received DestHandle is 102\n"
-              "Parser Received Local SequenceNumber is 12\n"
-              "Parser Received Remote Sequence Number is -1\nParser Received HIP opCode is 77\n"
-              "Parser Received Return Code is -106\nParser Received Data Length is 146\n\n"
-              "BO 9 BOOL with Length 1 and Value of TRUE\n"
-              "BO 18 BOOL with Length 1 and Value of FALSE\n"
-              "BO 27 USHORT with Length 1 and Value of ab\n"
-              "BO 39 ULONG with Length 4 and Value of 70000\n"
-              "BO 48 SCHAR with Length 1 and Value of Z\n"
-              "BO 60 SLONG with Length 4 and Value of -5\n"
-              "BO 68 STRING with Length 6 and Value of hello\n"
-              "BO 82 SUBTYPE_FILE_PRESENCE with Length 7 and Value of /etc/x\n"
-              "BO 97 Prereq structure found with length 20\n"
-              "BO 105 STRING with Length 2 and Value of longer text\n"
-              "BO 121 USHORT found---ERROR ILLEGAL CHARACTER\n"
-              "BO 129 SUBTYPE_LIBRARY_FILE_PRESENCE with Length 5 and Value of abcd\n"
-              "BO 138 SSHORT found---ERROR ILLEGAL CHARACTER\n"
-              "BO 146 TerminateList Struct value found\n");
+              ReadAll(ZEL_TEST_DATA "/unit/dumps/every-item.txt"));
     H = MakeHeader(2, 3, 0); // the send side, without payload: only the header
     EXPECT_EQ(Captured([&] { DumpPacket(&H, nullptr, 0); }),
               "\nParser sending SrcHandle is 101\nParser sending DestHandle 102\n"
