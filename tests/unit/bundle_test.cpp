@@ -1,5 +1,5 @@
 // Bundle files: finding them in directory order, the five matching rules against the
-// installed distribution, and the version, name and contents readers.
+// installed distribution, and the contents reader.
 #include <dirent.h>
 #include <sys/stat.h>
 
@@ -178,34 +178,13 @@ TEST_F(Matching, TheBundleIsParsedBeforeTheDetectionFromTheFirstCallOn)
     EXPECT_STREQ(Path.c_str(), CurrentXMLFileParsed);
 }
 
-TEST_F(Bundles, VersionAndNameAreCopiedWholeOrRefused)
+// (The version and name readers over files are in readers.txt.) Without a tree the name
+// reader reports a null root.
+TEST_F(Bundles, NameWithoutATreeReportsANullRoot)
 {
-    std::string Path =
-        Write("bp0a.xml", Bundle("<version value=\"1.2.3\"/>\n" +
-                                 Wrap("name", {"<name_xlate lang=\"fr\">Paquet</name_xlate>",
-                                               "<name_xlate lang=\"en\"></name_xlate>",
-                                               "<name_xlate lang=\"en\">Demo</name_xlate>"})));
     char Text[16] = {};
-    EXPECT_EQ(0, GetBundleVersion(Path.c_str(), Text, sizeof(Text)));
-    EXPECT_STREQ("1.2.3", Text);
-    EXPECT_EQ(0, GetBundleName(Path.c_str(), "en", Text, sizeof(Text)));
-    EXPECT_STREQ("Demo", Text);
-    EXPECT_TRUE(Has(Captured([&] { EXPECT_EQ(-704, GetBundleVersion(Path.c_str(), Text, 5)); }),
-                    "refused"));
-    EXPECT_TRUE(Has(Captured([&] { EXPECT_EQ(-5, GetBundleName(Path.c_str(), "en", Text, 4)); }),
-                    "refused"));
-    EXPECT_EQ(Missing("name_xlate"),
-              Captured([&] { EXPECT_EQ(-5, GetBundleName(Path.c_str(), "de", Text, 16)); }));
-    EXPECT_EQ(-1, GetBundleName(Path.c_str(), "en", nullptr, 0));
-
-    std::string NoValue = Write("bp0b.xml", Bundle("<version other=\"1\"/>\n"));
-    EXPECT_EQ("", Captured([&] { EXPECT_EQ(-704, GetBundleVersion(NoValue.c_str(), Text, 16)); }));
-    EXPECT_EQ(-4, GetBundleName(NoValue.c_str(), "en", Text, sizeof(Text)));
-    std::string NoBundle = Write("bp0c.xml", "<zel_package>\n</zel_package>\n");
-    EXPECT_EQ(-3, GetBundleName(NoBundle.c_str(), "en", Text, sizeof(Text)));
-    DeleteTree();
-    EXPECT_TRUE(Has(Captured([&] { EXPECT_EQ(-2, GetBundleName("", "en", Text, sizeof(Text))); }),
-                    "The XML file is corrupt.  The root node is null.\n"));
+    EXPECT_EQ("Unable to open XML file \nThe XML file is corrupt.  The root node is null.\n",
+              Captured([&] { EXPECT_EQ(-2, GetBundleName("", "en", Text, sizeof(Text))); }));
 }
 
 TEST_F(Bundles, PackagesSelectedByInstallYesInAnyCase)
