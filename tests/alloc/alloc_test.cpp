@@ -2,26 +2,19 @@
 // (BuildRZPInstallStructures over the example bundle's component files) is made to fail, for
 // every n until a run completes without reaching n. No failure may crash; one that ends in a
 // failure result keeps nothing; a token the tokenizer could not place is lost and the parse
-// goes on, as the tokenizer promises. The ASan build (detect_leaks=1) checks that nothing leaks. The
-// executable is linked with --wrap for malloc, calloc, realloc and strdup over the static core
-// library, so the sub-service's own allocations are counted and failed here, on the test's
-// thread only. The builder's errata question goes out over real FIFOs; Parser_Exiting is 1,
-// so its answer is not waited for (it reads as supported). ZEL_ALLOC_TRACE=n prints the stack
-// of the n-th allocation of each run when it is failed.
+// goes on. The ASan build (detect_leaks=1) checks that nothing leaks. malloc, calloc, realloc
+// and strdup are wrapped at link time (--wrap) over the static core library and failed on the
+// test's thread only. The builder's errata question goes out over real FIFOs; Parser_Exiting is
+// 1, so its answer is not waited for (it reads as supported). ZEL_ALLOC_TRACE=n prints the stack
+// of the n-th allocation of each run when it is failed. Writes the wrappers' counters.
 #include <gtest/gtest.h>
 #include <execinfo.h>
 #include <fcntl.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <cstring>
-#include <string>
-
+#include "../common/queue_fixture.h"
 #include "packages.h"
-#include "protocol.h"
 #include "records.h"
 #include "runflags.h"
-#include "service.h"
 #include "support.h"
 #include "xmltokenizer.h"
 
@@ -32,8 +25,7 @@ void *__real_realloc(void *Old, size_t Size);
 char *__real_strdup(const char *Text);
 }
 
-namespace
-{
+namespace {
 
 thread_local bool Armed = false; // counting on this thread
 long Seen = 0;                   // allocations seen since armed
@@ -71,8 +63,7 @@ char *__wrap_strdup(const char *Text)
 }
 }
 
-namespace
-{
+namespace {
 
 const std::string Examples = ZEL_EXAMPLES "/server-bundle/";
 
@@ -133,34 +124,23 @@ TEST(AllocationFailure, ParseFileFailsCleanlyAtEveryAllocation)
     DeleteTree();
 }
 
-class BuilderAllocation : public testing::Test
-{
+class BuilderAllocation : public testing::Test {
 protected:
     char Directory[64] = "/tmp/zelalloc.XXXXXX";
     void SetUp() override
     {
-        ASSERT_EQ(0, BindTransportLibrary());
-        ASSERT_NE(nullptr, mkdtemp(Directory));
-        ParserQueue = static_cast<PQUEUE>(calloc(1, sizeof(QUEUE)));
-        std::string Base = Directory;
-        ParserQueue->ReadConnectionHandle = OpenTransport((Base + "/read").c_str());
-        ParserQueue->WriteConnectionHandle = OpenTransport((Base + "/write").c_str());
-        ASSERT_GE(ParserQueue->WriteConnectionHandle, 0);
+        ASSERT_TRUE(OpenTestQueue(Directory));
         Parser_Exiting = 1;
         SetInstalledOS("Red_Hat_Linux_7.3");
     }
     void TearDown() override
     {
-        CloseTransport(ParserQueue->ReadConnectionHandle);
-        CloseTransport(ParserQueue->WriteConnectionHandle);
-        free(ParserQueue);
-        ParserQueue = nullptr;
+        CloseTestQueue(Directory);
         Parser_Exiting = 0;
         SetInstalledOS(nullptr);
         DeleteTree();
         FreeComponentList();
         FreeInstallPacketList();
-        ASSERT_EQ(0, system((std::string("rm -rf ") + Directory).c_str()));
     }
     // Takes the errata questions off the write connection.
     void Drain()
@@ -172,14 +152,11 @@ protected:
     }
 };
 
-// The one record the builder kept, as bytes; empty when it kept none or several.
-std::string KeptRecord(void)
+// True when the builder kept exactly one record, and not an empty one.
+bool KeptOneRecord(void)
 {
     PINSTALL_PACKET_LIST Node = InstallPacketList;
-    if (Node == nullptr || Node->NextPacket != nullptr)
-        return std::string();
-    return std::string(reinterpret_cast<const char *>(Node->InstallPacketSendBuffer),
-                       static_cast<size_t>(Node->InstallPacketSendBufferLength));
+    return Node != nullptr && Node->NextPacket == nullptr && Node->InstallPacketSendBufferLength > 0;
 }
 
 // A failed allocation ends in a failure result with no record kept, or in one record (a lost
@@ -200,14 +177,9 @@ TEST_F(BuilderAllocation, BuildRZPInstallStructuresFailsCleanlyAtEveryAllocation
             },
             [&](bool Completed, long Result, long N) {
                 Drain();
-                if (Completed) {
-                    EXPECT_EQ(0, Result) << Leaf;
-                }
-                if (Result == 0) {
-                    EXPECT_FALSE(KeptRecord().empty()) << Leaf << " at " << N;
-                } else {
-                    EXPECT_EQ(nullptr, InstallPacketList) << Leaf << " at " << N;
-                }
+                EXPECT_TRUE(!Completed || Result == 0) << Leaf;
+                EXPECT_TRUE(Result == 0 ? KeptOneRecord() : InstallPacketList == nullptr)
+                    << Leaf << " at " << N;
                 FreeComponentList();
                 FreeInstallPacketList();
             });

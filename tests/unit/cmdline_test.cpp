@@ -1,36 +1,20 @@
-// The command-line scan: option forms, value options and their refusals, the run flags.
+// The command-line scan: option forms, value options and their refusals, the run flags and the
+// names it stores.
 #include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
 
 #include "runflags.h"
 
 namespace {
 
-void ResetRunFlags()
+// Runs the scan over Args (argv[0] added) from cleared flags; the console output in *Output.
+int Scan(std::vector<std::string> Args, std::string *Output)
 {
     FreeCommandLineState();
-    SILENT_INSTALL = 0;
+    SILENT_INSTALL = HELP_REQUESTED = VERBOSE_MODE = SINGLE_STEP_MODE = OK_TO_RUN = 0;
+    INPUT_FILE_FOUND = TQR_INSTALL = VIEW_ONLY = 0;
     DEBUG_FLAG = 0;
-    FORCE_INSTALL_FLAG = 0;
-    HELP_REQUESTED = 0;
-    NO_USER_INTERFACE = 0;
-    VERBOSE_MODE = 0;
-    SINGLE_STEP_MODE = 0;
-    OK_TO_RUN = 0;
-    INPUT_FILE_FOUND = 0;
-    InputFileName[0] = 0;
-    TQR_INSTALL = 0;
-    VIEW_ONLY = 0;
-    PackageName[0] = 0;
-    Parser_Exiting = 0;
-}
-
-// Runs the scan over Args (argv[0] added) and returns its result and console output.
-int Scan(std::vector<std::string> Args, std::string *Output = nullptr)
-{
-    ResetRunFlags();
+    FORCE_INSTALL_FLAG = NO_USER_INTERFACE = Parser_Exiting = 0;
+    InputFileName[0] = PackageName[0] = 0;
     Args.insert(Args.begin(), "zelparser");
     std::vector<char *> Argv;
     for (std::string &Arg : Args)
@@ -38,122 +22,90 @@ int Scan(std::vector<std::string> Args, std::string *Output = nullptr)
     testing::internal::CaptureStdout();
     int Result = CheckCommandLineParameters(static_cast<int>(Argv.size()), Argv.data());
     fflush(stdout);
-    std::string Text = testing::internal::GetCapturedStdout();
-    if (Output != nullptr)
-        *Output = Text;
+    *Output = testing::internal::GetCapturedStdout();
     return Result;
 }
 
-TEST(CommandLine, FlagOptionsAreCaseInsensitiveInEveryForm)
+// One digit per flag: OK_TO_RUN, silent, force, help, no user interface, verbose, single step,
+// debug, exiting, input file found, TQR install, view only.
+std::string Flags()
 {
-    EXPECT_EQ(Scan({"-mg", "--silent", "/f", "help", "nui", "-v", "y", "debug"}), 0);
-    EXPECT_EQ(OK_TO_RUN, 1);
-    EXPECT_EQ(SILENT_INSTALL, 1);
-    EXPECT_EQ(FORCE_INSTALL_FLAG.load(), 1);
-    EXPECT_EQ(HELP_REQUESTED, 1);
-    EXPECT_EQ(NO_USER_INTERFACE.load(), 1);
-    EXPECT_EQ(VERBOSE_MODE, 1);
-    EXPECT_EQ(SINGLE_STEP_MODE, 1);
-    EXPECT_EQ(DEBUG_FLAG.load(), 1);
-    EXPECT_EQ(Parser_Exiting.load(), 0);
+    std::string Digits;
+    for (int Flag : {OK_TO_RUN, SILENT_INSTALL, FORCE_INSTALL_FLAG.load(), HELP_REQUESTED,
+                     NO_USER_INTERFACE.load(), VERBOSE_MODE, SINGLE_STEP_MODE,
+                     static_cast<int>(DEBUG_FLAG.load()), Parser_Exiting.load(), INPUT_FILE_FOUND,
+                     TQR_INSTALL, VIEW_ONLY})
+        Digits += std::to_string(Flag);
+    return Digits;
 }
 
-TEST(CommandLine, UnknownArgumentsAreIgnoredSilently)
+// The input file, the view package and the TQR packages, as "input|view|tqr,tqr".
+std::string Stored()
 {
-    std::string Output;
-    EXPECT_EQ(Scan({"-MG", "xyz", "--verbose"}, &Output), 0);
-    EXPECT_EQ(Output, "");
-    EXPECT_EQ(VERBOSE_MODE, 0); // "--VERBOSE" is not a form of -V
-    EXPECT_EQ(Scan({std::string(3000, 'x'), "-MG"}), 0);
-    EXPECT_EQ(OK_TO_RUN, 1);
+    std::string Text = std::string(InputFileName) + "|" + PackageName + "|";
+    for (int i = 0; i < TQR_MAX_PACKAGES && TQR_PackageName[i] != nullptr; i++)
+        Text += std::string(i ? "," : "") + TQR_PackageName[i];
+    return Text;
 }
 
-TEST(CommandLine, InputFileTakesTheNextArgumentUnchanged)
+// A failed value option stops the scan (the -MG after it is not examined) and ends the run.
+TEST(CommandLine, OptionsSetFlagsStoreNamesAndRefuseBadValues)
 {
-    EXPECT_EQ(Scan({"--INPUTFILE=ignored", "My.File", "-MG"}), 0);
-    EXPECT_STREQ(InputFileName, "My.File");
-    EXPECT_EQ(INPUT_FILE_FOUND, 1);
-    EXPECT_EQ(OK_TO_RUN, 1);
-}
-
-TEST(CommandLine, TQRPackageGetsRpmInPlaceOfItsLastThreeCharacters)
-{
-    EXPECT_EQ(Scan({"-C", "tool.i386.RPM", "/c", "tool-rpm-1.0.i386.RPM", "-c", "tool.tgz"}), 0);
-    EXPECT_STREQ(TQR_PackageName[0], "tool.i386.rpm");
-    EXPECT_STREQ(TQR_PackageName[1], "tool-rpm-1.0.i386.RPM");
-    EXPECT_STREQ(TQR_PackageName[2], "tool.rpm");
-    EXPECT_EQ(TQR_PackageName[3], nullptr);
-    EXPECT_EQ(TQR_INSTALL, 1);
-    EXPECT_EQ(SILENT_INSTALL, 1);
-}
-
-TEST(CommandLine, TQRPackagesThatCannotBeStoredAreRefused)
-{
-    std::string Output;
-    EXPECT_EQ(Scan({"-C", "ab", "-MG"}, &Output), BADPARM);
-    EXPECT_EQ(Output, "\nab is an invalid filename.\n");
-    EXPECT_EQ(OK_TO_RUN, 0); // the scan stopped at the failure
-    std::string Long(300, 'p');
-    EXPECT_EQ(Scan({"-C", Long}, &Output), BADPARM);
-    EXPECT_EQ(Output, "\n" + Long + " is an invalid filename.\n");
-    std::vector<std::string> Many;
-    for (int i = 0; i < 101; i++) {
-        Many.push_back("-C");
-        Many.push_back("pkg" + std::to_string(i) + ".rpm");
-    }
-    EXPECT_EQ(Scan(Many, &Output), BADPARM);
-    EXPECT_STREQ(TQR_PackageName[99], "pkg99.rpm");
-    EXPECT_NE(Output.find("pkg100.rpm"), std::string::npos);
-}
-
-TEST(CommandLine, ViewStoresThePackageAndTurnsE100IntoE100Dash)
-{
-    EXPECT_EQ(Scan({"-VIEW", "e100"}), 0);
-    EXPECT_STREQ(PackageName, "e100-");
-    EXPECT_EQ(VIEW_ONLY, 1);
-    EXPECT_EQ(Scan({"--view", "e1000"}), 0);
-    EXPECT_STREQ(PackageName, "e1000");
-    EXPECT_EQ(Scan({"-VIEWER", "x"}), 0);
-    EXPECT_STREQ(PackageName, "x");
-}
-
-TEST(CommandLine, ValueOptionFailuresPrintTheirMessageAndStopTheScan)
-{
-    struct Case {
+    const std::string Long(1024, 'n'), Pkgs(300, 'p');
+    const struct {
         std::vector<std::string> Args;
-        const char *Message;
-    };
-    std::string Long(1024, 'n');
-    const Case Cases[] = {
-        {{"--VIEW", "a", "--VIEW", "b", "-MG"},
-         "\nInvalid view parameter...Multiple view options, only one allowed.\n"},
-        {{"--INPUTFILE"}, "\nInvalid inputfile parameter...No filename provided.\n"},
-        {{"-C"}, "\nInvalid command line parameter...No packagename provided.\n"},
-        {{"--VIEW"}, "\nInvalid view parameter...No package name provided.\n"},
-        {{"--INPUTFILE", Long, "-MG"}, nullptr},
-        {{"--VIEW", Long, "-MG"}, nullptr},
-    };
-    for (const Case &C : Cases) {
+        int Result;
+        const char *Flags;
+        std::string Stored;
         std::string Output;
-        EXPECT_EQ(Scan(C.Args, &Output), BADPARM);
-        EXPECT_EQ(Parser_Exiting.load(), 1);
-        EXPECT_EQ(OK_TO_RUN, 0) << "an argument after the failure was examined";
-        if (C.Message != nullptr) {
-            EXPECT_EQ(Output, C.Message);
-        }
+    } Cases[] = {
+        // Flags are case-insensitive in every form; unknown arguments are ignored silently
+        // ("--VERBOSE" is not a form of -V).
+        {{"-mg", "--silent", "/f", "help", "nui", "-v", "y", "debug"}, 0, "111111110000", "||", ""},
+        {{"-MG", "xyz", "--verbose"}, 0, "100000000000", "||", ""},
+        {{std::string(3000, 'x'), "-MG"}, 0, "100000000000", "||", ""},
+        // The input file is the next argument, unchanged.
+        {{"--INPUTFILE=ignored", "My.File", "-MG"}, 0, "100000000100", "My.File||", ""},
+        // A TQR package gets "rpm" in place of its last three characters.
+        {{"-C", "tool.i386.RPM", "/c", "tool-rpm-1.0.i386.RPM", "-c", "tool.tgz"}, 0,
+         "010000000010", "||tool.i386.rpm,tool-rpm-1.0.i386.RPM,tool.rpm", ""},
+        {{"--DEBUG", "-C", "a.RPM"}, 0, "010000010010", "||a.rpm", "Parser--TQR_Package = a.rpm\n"},
+        // View stores the package; "e100" alone becomes "e100-".
+        {{"-VIEW", "e100"}, 0, "000000000001", "|e100-|", ""},
+        {{"--view", "e1000"}, 0, "000000000001", "|e1000|", ""},
+        {{"-VIEWER", "x"}, 0, "000000000001", "|x|", ""},
+        // Refusals.
+        {{"-C", "ab", "-MG"}, BADPARM, "000000001000", "||", "\nab is an invalid filename.\n"},
+        {{"-C", Pkgs}, BADPARM, "000000001000", "||", "\n" + Pkgs + " is an invalid filename.\n"},
+        {{"--VIEW", "a", "--VIEW", "b", "-MG"}, BADPARM, "000000001001", "|a|",
+         "\nInvalid view parameter...Multiple view options, only one allowed.\n"},
+        {{"--INPUTFILE"}, BADPARM, "000000001000", "||",
+         "\nInvalid inputfile parameter...No filename provided.\n"},
+        {{"-C"}, BADPARM, "000000001000", "||",
+         "\nInvalid command line parameter...No packagename provided.\n"},
+        {{"--VIEW"}, BADPARM, "000000001000", "||",
+         "\nInvalid view parameter...No package name provided.\n"},
+        {{"--INPUTFILE", Long, "-MG"}, BADPARM, "000000001000", "||",
+         "\n" + Long + " is an invalid filename.\n"},
+        {{"--VIEW", Long, "-MG"}, BADPARM, "000000001000", "||",
+         "\n" + Long + " is an invalid package name.\n"},
+    };
+    for (const auto &Case : Cases) {
+        SCOPED_TRACE(Case.Args[0] + " " + (Case.Args.size() > 1 ? Case.Args[1] : ""));
+        std::string Output;
+        EXPECT_EQ(Case.Result, Scan(Case.Args, &Output));
+        EXPECT_EQ(Case.Flags, Flags());
+        EXPECT_EQ(Case.Stored, Stored());
+        EXPECT_EQ(Case.Output, Output);
     }
     std::string Output;
-    Scan({"--INPUTFILE", Long}, &Output);
-    EXPECT_EQ(Output, "\n" + Long + " is an invalid filename.\n");
-    Scan({"--VIEW", Long}, &Output);
-    EXPECT_EQ(Output, "\n" + Long + " is an invalid package name.\n");
-}
-
-TEST(CommandLine, DebugModeShowsEachStoredPackage)
-{
-    std::string Output;
-    EXPECT_EQ(Scan({"--DEBUG", "-C", "a.RPM"}, &Output), 0);
-    EXPECT_EQ(Output, "Parser--TQR_Package = a.rpm\n");
+    // Room for 100 TQR packages: the 101st is refused by name.
+    std::vector<std::string> Many;
+    for (int i = 0; i < 101; i++)
+        Many.insert(Many.end(), {"-C", "pkg" + std::to_string(i) + ".rpm"});
+    EXPECT_EQ(BADPARM, Scan(Many, &Output));
+    EXPECT_STREQ("pkg99.rpm", TQR_PackageName[99]);
+    EXPECT_NE(std::string::npos, Output.find("pkg100.rpm"));
 }
 
 } // namespace

@@ -1,15 +1,15 @@
 // Installed OS detection: release files as the distributions wrote them, the hand-over
-// between the Red Hat codes, the fixed /tmp/release.out, and the SP3 suffix.
+// between the Red Hat codes, the fixed /tmp/release.out, and the SP3 suffix; and the sandbox
+// the detection runs in (a second entry starts from a clean /tmp and /dev, files are written
+// only below /etc).
 #include <sys/stat.h>
 
 #include "../common/helpers.h"
 #include "package_fixture.h"
 
-namespace
-{
+namespace {
 
-class OSDetect : public PackageTest
-{
+class OSDetect : public PackageTest {
 protected:
     bool Sandboxed() const override { return true; }
     char Name[OS_NAME_MAX] = {}, Version[OS_NAME_MAX] = {};
@@ -49,49 +49,7 @@ TEST_F(OSDetect, ReleaseFilesGiveNameVersionAndKey)
         EXPECT_STREQ(Case[4], CurrentlyInstalledOS);
         EXPECT_FALSE(Exists(RELEASE_OUT_FILE));
     }
-}
-
-TEST_F(OSDetect, NoReleaseFileFailsAndKeepsTheKey)
-{
-    SetInstalledOS("Earlier_1.0");
-    EXPECT_EQ("An attempt was made to install the Rezapak on an unsupported operating system.  "
-              "Installation FAILED.\n",
-              Captured([] { EXPECT_EQ(FALSE, IsOSSupportedByBundle(nullptr)); }));
-    EXPECT_STREQ("Earlier_1.0", CurrentlyInstalledOS);
-}
-
-TEST_F(OSDetect, NothingPlantedAtReleaseOutIsFollowedOrRead)
-{
-    std::ofstream("/tmp/target") << "9.9 Other OS\n";
-    ASSERT_EQ(0, symlink("/tmp/target", RELEASE_OUT_FILE));
-    EXPECT_EQ(TRUE, Detect("/etc/redhat-release", "Red Hat Linux release 7.3 (Valhalla)\n"));
-    EXPECT_STREQ("Red_Hat_Linux_7.3", CurrentlyInstalledOS);
-    std::ifstream Target("/tmp/target");
-    std::string Line;
-    EXPECT_TRUE(std::getline(Target, Line) && Line == "9.9 Other OS");
-    EXPECT_FALSE(Exists(RELEASE_OUT_FILE));
-
-    ASSERT_EQ(0, mkdir(RELEASE_OUT_FILE, 0755)); // an empty directory is removed
-    EXPECT_EQ(TRUE, GetInstalledOSVersion(OS_RED_HAT, Name, Version));
-    // A directory that cannot be removed fails the whole detection, naming the path.
-    ASSERT_EQ(0, mkdir(RELEASE_OUT_FILE, 0755));
-    std::ofstream(RELEASE_OUT_FILE "/keep") << "x";
-    SetInstalledOS("Earlier_1.0");
-    std::string Out = Captured([&] { EXPECT_EQ(FALSE, DetectInstalledOS(Name, Version)); });
-    EXPECT_EQ("The installed OS cannot be detected: /tmp/release.out cannot be used safely "
-              "(Directory not empty).\n",
-              Out);
-    EXPECT_STREQ("Earlier_1.0", CurrentlyInstalledOS);
-    std::filesystem::remove_all(RELEASE_OUT_FILE);
-    // A /tmp in which anyone may rename the file away is no place for it.
-    ASSERT_EQ(0, chmod("/tmp", 0777));
-    Out = Captured([&] { EXPECT_EQ(FALSE, DetectInstalledOS(Name, Version)); });
-    ASSERT_EQ(0, chmod("/tmp", 01777));
-    EXPECT_TRUE(Has(Out, "/tmp/release.out cannot be used safely (/tmp is not a sticky")) << Out;
-}
-
-TEST_F(OSDetect, OverlongNameIsRefusedNotCut)
-{
+    // An overlong name is refused, not cut.
     std::string Out = Captured([&] {
         Detect("/etc/redhat-release", std::string(300, 'R') + " Hat Linux release 7.3 (V)\n");
     });
@@ -99,28 +57,77 @@ TEST_F(OSDetect, OverlongNameIsRefusedNotCut)
     EXPECT_STREQ("_7.3", CurrentlyInstalledOS);
 }
 
-TEST(ServicePack, SuffixOnlyForUnitedLinux10WithYes)
+// Without a release file, or with a /tmp/release.out that cannot be made safe, the detection
+// fails, names the reason and keeps the key; a link planted there is neither followed nor read.
+TEST_F(OSDetect, FailuresKeepTheKeyAndNothingPlantedAtReleaseOutIsFollowed)
+{
+    SetInstalledOS("Earlier_1.0");
+    EXPECT_EQ("An attempt was made to install the Rezapak on an unsupported operating system.  "
+              "Installation FAILED.\n",
+              Captured([] { EXPECT_EQ(FALSE, IsOSSupportedByBundle(nullptr)); }));
+    EXPECT_STREQ("Earlier_1.0", CurrentlyInstalledOS);
+
+    std::ofstream("/tmp/target") << "9.9 Other OS\n";
+    ASSERT_EQ(0, symlink("/tmp/target", RELEASE_OUT_FILE));
+    EXPECT_EQ(TRUE, Detect("/etc/redhat-release", "Red Hat Linux release 7.3 (Valhalla)\n"));
+    EXPECT_STREQ("Red_Hat_Linux_7.3", CurrentlyInstalledOS);
+    EXPECT_EQ("9.9 Other OS\n", ReadAll("/tmp/target"));
+    EXPECT_FALSE(Exists(RELEASE_OUT_FILE));
+
+    ASSERT_EQ(0, mkdir(RELEASE_OUT_FILE, 0755)); // an empty directory is removed
+    EXPECT_EQ(TRUE, GetInstalledOSVersion(OS_RED_HAT, Name, Version));
+    ASSERT_EQ(0, mkdir(RELEASE_OUT_FILE, 0755)); // one that cannot be removed fails
+    std::ofstream(RELEASE_OUT_FILE "/keep") << "x";
+    SetInstalledOS("Earlier_1.0");
+    EXPECT_EQ("The installed OS cannot be detected: /tmp/release.out cannot be used safely "
+              "(Directory not empty).\n",
+              Captured([&] { EXPECT_EQ(FALSE, DetectInstalledOS(Name, Version)); }));
+    EXPECT_STREQ("Earlier_1.0", CurrentlyInstalledOS);
+    std::filesystem::remove_all(RELEASE_OUT_FILE);
+    // A /tmp in which anyone may rename the file away is no place for it.
+    ASSERT_EQ(0, chmod("/tmp", 0777));
+    std::string Out = Captured([&] { EXPECT_EQ(FALSE, DetectInstalledOS(Name, Version)); });
+    ASSERT_EQ(0, chmod("/tmp", 01777));
+    EXPECT_TRUE(Has(Out, "/tmp/release.out cannot be used safely (/tmp is not a sticky")) << Out;
+}
+
+TEST_F(OSDetect, ServicePackSuffixOnlyForUnitedLinux10WithYes)
 {
     const char *Cases[][3] = {
         {"UnitedLinux_1.0", "YES", "UnitedLinux_1.0_SP3"},
         {"UnitedLinux_1.0", "yes", "UnitedLinux_1.0"},
         {"UnitedLinux_1.0", nullptr, "UnitedLinux_1.0"},
         {"Red_Hat_Linux_7.3", "YES", "Red_Hat_Linux_7.3"},
+        {nullptr, "YES", nullptr},
     };
     for (auto &Case : Cases) {
-        free(CurrentlyInstalledOS);
-        CurrentlyInstalledOS = DuplicateString(Case[0]);
+        SetInstalledOS(Case[0]);
         Case[1] ? setenv("SP3", Case[1], 1) : unsetenv("SP3");
         CheckForULSP3();
         CheckForULSP3(); // never twice
-        EXPECT_STREQ(Case[2], CurrentlyInstalledOS)
-            << Case[0] << " " << (Case[1] ? Case[1] : "unset");
+        EXPECT_STREQ(Case[2], CurrentlyInstalledOS) << (Case[0] ? Case[0] : "unset") << " "
+                                                    << (Case[1] ? Case[1] : "unset");
     }
     unsetenv("SP3");
-    free(CurrentlyInstalledOS);
-    CurrentlyInstalledOS = nullptr;
-    CheckForULSP3();
-    EXPECT_EQ(nullptr, CurrentlyInstalledOS);
+}
+
+TEST(Sandbox, ReentryEmptiesTmpAndDevButKeepsDevices)
+{
+    ASSERT_EQ(0, SandboxEnter());
+    ASSERT_EQ(0, mkdir("/tmp/nested", 0755));
+    std::ofstream("/tmp/nested/file") << "x";
+    ASSERT_EQ(0, mkfifo("/dev/zelparser_read", 0600));
+    ASSERT_EQ(0, symlink("/etc/passwd", "/tmp/link"));
+    ASSERT_EQ(0, SandboxEnter());
+    EXPECT_EQ(1, SandboxActive());
+    for (const char *Gone : {"/tmp/nested", "/tmp/link", "/dev/zelparser_read"})
+        EXPECT_FALSE(Exists(Gone)) << Gone;
+    for (const char *Kept :
+         {"/etc/passwd", "/dev/null", "/dev/zero", "/dev/random", "/dev/urandom", "/dev/fd"})
+        EXPECT_TRUE(Exists(Kept)) << Kept;
+    EXPECT_TRUE(std::ofstream("/dev/null") << "written");
+    EXPECT_EQ(-1, SandboxSetFile("/etc/../tmp/elsewhere", "x")); // only below /etc
+    EXPECT_FALSE(Exists("/tmp/elsewhere"));
 }
 
 } // namespace

@@ -1,32 +1,23 @@
 // Requests to the manager: the support query and its give-up, the log-file-name request,
-// the errata question, the waits. A scripted manager thread reads what the sub-service sends
-// and parks its answers the way the listener does.
-#include <gtest/gtest.h>
-#include <stdlib.h>
-#include <unistd.h>
-
+// the errata question, the prompts, the waits. A scripted manager thread reads what the
+// sub-service sends and parks its answers the way the listener does.
 #include <atomic>
-#include <chrono>
-#include <cstring>
 #include <deque>
 #include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
 
+#include "../common/queue_fixture.h"
 #include "operations.h"
-#include "protocol.h"
-#include "runflags.h"
-#include "service.h"
+#include "package_fixture.h"
 
 namespace {
 
 struct ScriptedManager {
     std::mutex Lock;
-    std::deque<int> Answers;       // ReturnCodes, in order; empty: -118 for 6, 0 otherwise
-    std::vector<uint32_t> OpCodes; // what the sub-service sent, in order
-    std::vector<int> Sequences;
-    std::string LogFileName = "/var/log/install.log";
+    std::deque<int> Answers; // ReturnCodes, in order; empty: -118 for 6, 0 otherwise
+    std::string Sent;        // the opcodes the sub-service sent, in order
+    int LastSequence = -1;
+    bool Consecutive = true; // every request took the next sequence number
     std::atomic<bool> Stop{false};
     std::thread Thread;
 };
@@ -36,20 +27,19 @@ void AnswerOne(ScriptedManager *M, const RZP_HEADER_PACKET &Request, const unsig
     RZP_HEADER_PACKET Answer = Request;
     unsigned char Payload[RZP_MAX_PAYLOAD] = {};
     std::lock_guard<std::mutex> Guard(M->Lock);
-    M->OpCodes.push_back(Request.opCode);
-    M->Sequences.push_back(Request.LocalSequenceNumber);
-    int Code = Request.opCode == RZP_IS_OPCODE_SUPPORTED ? RZP_OPCODE_SUPPORTED : 0;
+    M->Sent += std::to_string(Request.opCode) + " ";
+    if (M->LastSequence != -1 && Request.LocalSequenceNumber != M->LastSequence + 1)
+        M->Consecutive = false;
+    M->LastSequence = Request.LocalSequenceNumber;
+    Answer.ReturnCode = Request.opCode == RZP_IS_OPCODE_SUPPORTED ? RZP_OPCODE_SUPPORTED : 0;
     if (!M->Answers.empty()) {
-        Code = M->Answers.front();
+        Answer.ReturnCode = M->Answers.front();
         M->Answers.pop_front();
     }
-    Answer.ReturnCode = Code;
     Answer.RemoteSequenceNumber = 5000;
     Answer.DataLength = 0;
     if (Request.opCode == RZP_GET_LOG_FILE_NAME)
-        Answer.DataLength = Tokenize(Payload, "%U%U%S", 208u,
-                                     static_cast<uint32_t>(M->LogFileName.size() + 1),
-                                     M->LogFileName.c_str());
+        Answer.DataLength = Tokenize(Payload, "%U%U%S", 208u, 21u, "/var/log/install.log");
     if (Request.opCode == RZP_PROMPT_FOR_NUMBER) { // the request's items, then the answer
         memcpy(Payload, Asked, Request.DataLength);
         Answer.DataLength = Request.DataLength +
@@ -77,89 +67,78 @@ protected:
 
     void SetUp() override
     {
-        ASSERT_EQ(BindTransportLibrary(), 0);
-        ASSERT_NE(mkdtemp(Directory), nullptr);
-        ParserQueue = static_cast<PQUEUE>(calloc(1, sizeof(QUEUE)));
-        std::string Base = Directory;
-        ParserQueue->ReadConnectionHandle = OpenTransport((Base + "/read").c_str());
-        ParserQueue->WriteConnectionHandle = OpenTransport((Base + "/write").c_str());
-        ASSERT_GE(ParserQueue->ReadConnectionHandle, 0);
-        ASSERT_GE(ParserQueue->WriteConnectionHandle, 0);
+        ASSERT_TRUE(OpenTestQueue(Directory));
         Parser_Exiting = 0;
         SupportQueryLimit = SUPPORT_QUERY_LIMIT;
     }
-    void StartManager() { Manager.Thread = std::thread(RunManager, &Manager); }
+    void Start(std::deque<int> Answers)
+    {
+        Manager.Answers = Answers;
+        Manager.Thread = std::thread(RunManager, &Manager);
+    }
+    std::string Sent()
+    {
+        std::lock_guard<std::mutex> Guard(Manager.Lock);
+        EXPECT_TRUE(Manager.Consecutive);
+        return Manager.Sent;
+    }
     void TearDown() override
     {
         Manager.Stop = true;
         if (Manager.Thread.joinable())
             Manager.Thread.join();
-        CloseTransport(ParserQueue->ReadConnectionHandle);
-        CloseTransport(ParserQueue->WriteConnectionHandle);
-        free(ParserQueue);
-        ParserQueue = nullptr;
+        CloseTestQueue(Directory);
         Parser_Exiting = 0;
         SupportQueryLimit = SUPPORT_QUERY_LIMIT;
-        std::string Command = std::string("rm -rf ") + Directory;
-        ASSERT_EQ(system(Command.c_str()), 0);
+        DEBUG_FLAG = 0;
     }
 };
 
-TEST_F(Requests, SupportQueryRepeatsWhileNotSupportedThenSendsTheRequest)
+// The support query repeats while not supported, then the request goes out; a refused name
+// leaves the caller's buffer alone.
+TEST_F(Requests, LogFileNameIsAskedOnceSupportedAndARefusalLeavesTheBufferAlone)
 {
-    Manager.Answers = {RZP_OPCODE_NOT_SUPPORTED, RZP_OPCODE_NOT_SUPPORTED, RZP_OPCODE_SUPPORTED, 0};
-    StartManager();
+    const int Not = RZP_OPCODE_NOT_SUPPORTED, Yes = RZP_OPCODE_SUPPORTED;
+    Start({Not, Not, Yes, 0, Yes, -1});
     char Name[64] = "untouched";
     uint32_t Length = 0;
     EXPECT_EQ(SendGetLogFileNamePacket(Name, sizeof Name, &Length), 0);
     EXPECT_STREQ(Name, "/var/log/install.log");
     EXPECT_EQ(Length, 21u);
-    std::lock_guard<std::mutex> Guard(Manager.Lock);
-    ASSERT_EQ(Manager.OpCodes.size(), 4u);
-    EXPECT_EQ(Manager.OpCodes[2], RZP_IS_OPCODE_SUPPORTED);
-    EXPECT_EQ(Manager.OpCodes[3], RZP_GET_LOG_FILE_NAME);
-    for (size_t i = 1; i < Manager.Sequences.size(); i++)
-        EXPECT_EQ(Manager.Sequences[i], Manager.Sequences[i - 1] + 1);
-}
-
-TEST_F(Requests, ARefusedLogFileNameLeavesTheCallersBufferAlone)
-{
-    Manager.Answers = {RZP_OPCODE_SUPPORTED, -1};
-    StartManager();
-    char Name[64] = "untouched";
-    uint32_t Length = 7;
+    strcpy(Name, "untouched");
+    Length = 7;
     EXPECT_EQ(SendGetLogFileNamePacket(Name, sizeof Name, &Length), -1);
     EXPECT_STREQ(Name, "untouched");
     EXPECT_EQ(Length, 7u);
+    EXPECT_EQ(Sent(), "6 6 6 2401 6 2401 ");
 }
 
 TEST_F(Requests, SupportQueryGivesUpAfterTheLimitAndEndsTheService)
 {
     SupportQueryLimit = 5;
-    Manager.Answers = std::deque<int>(10, RZP_OPCODE_NOT_SUPPORTED);
-    StartManager();
+    Start(std::deque<int>(10, RZP_OPCODE_NOT_SUPPORTED));
     unsigned char Record[4] = {1, 2, 3, 4};
     EXPECT_EQ(SendIsComponentSupportedByThisErrataPacket(Record, 4), RZP_OPCODE_NOT_SUPPORTED);
     EXPECT_EQ(Parser_Exiting.load(), 1);
-    std::lock_guard<std::mutex> Guard(Manager.Lock);
-    EXPECT_EQ(Manager.OpCodes.size(), 5u); // no question after giving up
+    EXPECT_EQ(Sent(), "6 6 6 6 6 "); // no question after giving up
 }
 
-TEST_F(Requests, LogAndErrataAnswersAreReturnedAsTheManagerGaveThem)
+// Log data, the errata question and a refused prompt return the manager's code as it gave it,
+// the prompt without decoding an answer.
+TEST_F(Requests, AnswersAreReturnedAsTheManagerGaveThem)
 {
-    Manager.Answers = {5, RZP_OPCODE_SUPPORTED, -509};
-    StartManager();
-    unsigned char Payload[32];
-    int Length = Tokenize(Payload, "%U%U%S", 208u, 3u, "hi");
-    EXPECT_EQ(SendLogDataPacket(Payload, Length), 5);
-    unsigned char Record[4] = {1, 2, 3, 4};
+    Start({5, RZP_OPCODE_SUPPORTED, -509, RZP_OPCODE_NOT_SUPPORTED, RZP_OPCODE_SUPPORTED, -5});
+    unsigned char Payload[32], Record[4] = {1, 2, 3, 4};
+    EXPECT_EQ(SendLogDataPacket(Payload, Tokenize(Payload, "%U%U%S", 208u, 3u, "hi")), 5);
     EXPECT_EQ(SendIsComponentSupportedByThisErrataPacket(Record, 4), -509);
+    EXPECT_EQ(SendPromptForCharacterPacket(), -5);
+    EXPECT_EQ(Sent(), "2002 6 6007 6 6 2204 ");
 }
 
 TEST_F(Requests, AWaitEndsPromptlyWhenTheServiceIsEnding)
 {
     RZP_HEADER_PACKET Header;
-    std::vector<unsigned char> Payload(RZP_MAX_PAYLOAD);
+    Bytes Payload(RZP_MAX_PAYLOAD);
     Header.ReturnCode = 77;
     std::atomic<bool> Done{false};
     std::thread Waiter([&] {
@@ -168,41 +147,27 @@ TEST_F(Requests, AWaitEndsPromptlyWhenTheServiceIsEnding)
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     EXPECT_FALSE(Done.load());
-    auto Start = std::chrono::steady_clock::now();
+    auto Begin = std::chrono::steady_clock::now();
     Parser_Exiting = 1;
     Waiter.join();
     // Generous bound: the wait looks at the flag every 10 ms; this only catches a hang.
-    EXPECT_LT(std::chrono::steady_clock::now() - Start, std::chrono::seconds(1));
+    EXPECT_LT(std::chrono::steady_clock::now() - Begin, std::chrono::seconds(1));
     EXPECT_EQ(Header.ReturnCode, 0); // zeroed before the wait
-}
-
-TEST_F(Requests, APromptRefusedByTheManagerReturnsItsCodeWithoutDecoding)
-{
-    Manager.Answers = {RZP_OPCODE_NOT_SUPPORTED, RZP_OPCODE_SUPPORTED, -5};
-    StartManager();
-    EXPECT_EQ(SendPromptForCharacterPacket(), -5);
-    std::lock_guard<std::mutex> Guard(Manager.Lock);
-    ASSERT_EQ(Manager.OpCodes.size(), 3u);
-    EXPECT_EQ(Manager.OpCodes[2], RZP_PROMPT_FOR_CHARACTER);
 }
 
 TEST_F(Requests, ANumberPromptAnswerIsDecodedAndShownInDebugMode)
 {
-    StartManager();
+    Start({});
     DEBUG_FLAG = 1;
-    testing::internal::CaptureStdout();
-    int Result = SendPromptForNumberPacket();
-    fflush(stdout);
-    std::string Out = testing::internal::GetCapturedStdout();
-    DEBUG_FLAG = 0;
+    int Result = 0;
+    std::string Out = Captured([&] { Result = SendPromptForNumberPacket(); });
     EXPECT_EQ(Result, 75); // the bytes decoded: 41 + 12 + 12 + 10
-    EXPECT_NE(Out.find("RZP_PROMPT_FOR_NUMBER is supported.\n"), std::string::npos);
-    EXPECT_NE(Out.find("Parser...PromptType: 208   PromptLength: 32    Prompt:  Please enter a "
-                       "value from 0 to 6\n"
-                       "Parser...Min Type: 207   Min Length: 4     Minimum: 0\n"
-                       "Parser...Max Type: 207   Max Length: 4     Maximum: 6\n"
-                       "Parser...Returned Type: 208   Returned Length: 2     Returned Number: 3\n"),
-              std::string::npos)
+    EXPECT_TRUE(Has(Out, "RZP_PROMPT_FOR_NUMBER is supported.\n"));
+    EXPECT_TRUE(Has(Out, "Parser...PromptType: 208   PromptLength: 32    Prompt:  Please enter a "
+                         "value from 0 to 6\n"
+                         "Parser...Min Type: 207   Min Length: 4     Minimum: 0\n"
+                         "Parser...Max Type: 207   Max Length: 4     Maximum: 6\n"
+                         "Parser...Returned Type: 208   Returned Length: 2     Returned Number: 3\n"))
         << Out;
 }
 

@@ -1,13 +1,9 @@
-// The tokenizer of the XML dialect: golden trees for its corner cases, its failures, the
-// current-file rule, and the inputs that once crashed it.
-#include <gtest/gtest.h>
+// The tokenizer of the XML dialect: golden trees for its corner cases, the source line of every
+// record (what lint reports findings at), its failures, the current-file rule; and the lookups
+// over the tree with the readers' shared walk and language selection.
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <string>
-
+#include "../common/helpers.h"
 #include "package_fixture.h"
 
 namespace {
@@ -21,106 +17,100 @@ std::string Escaped(const char *Text)
     return Out;
 }
 
-// One line per section, indented by depth: name, then @attribute=value, "text", [cdata].
-void DumpSection(SECTIONPTR Section, int Depth, std::string &Out)
+// One line per section, indented by depth: name, then @attribute=value, "text", [cdata]; each
+// followed by :line when Lines.
+void DumpSection(SECTIONPTR Section, int Depth, bool Lines, std::string &Out)
 {
-    Out += std::string(2 * Depth, ' ') + (Section->Name ? Escaped(Section->Name) : "(root)");
+    auto At = [Lines](int Line) { return Lines ? ":" + std::to_string(Line) : std::string(); };
+    Out += std::string(2 * Depth, ' ') + (Section->Name ? Escaped(Section->Name) : "(root)") +
+           At(Section->Line);
     for (KEYPTR Key = Section->NextKey; Key; Key = Key->NextKey)
-        Out += " @" + Escaped(Key->Attribute) + "=" + Escaped(Key->Value);
+        Out += " @" + Escaped(Key->Attribute) + "=" + Escaped(Key->Value) + At(Key->Line);
     for (TOKENPTR Text = Section->NextToken; Text; Text = Text->NextToken)
-        Out += " \"" + Escaped(Text->Token) + "\"";
+        Out += " \"" + Escaped(Text->Token) + "\"" + At(Text->Line);
     for (CDATAPTR Block = Section->NextCDATA; Block; Block = Block->NextCDATA)
-        Out += " [" + Escaped(Block->CDATAString) + "]";
+        Out += " [" + Escaped(Block->CDATAString) + "]" + At(Block->Line);
     Out += "\n";
     for (SECTIONPTR Child = Section->Child; Child; Child = Child->NextSibling)
-        DumpSection(Child, Depth + 1, Out);
+        DumpSection(Child, Depth + 1, Lines, Out);
 }
 
-std::string Tree()
+std::string Tree(bool Lines = false)
 {
     std::string Out;
     if (FirstSection)
-        DumpSection(FirstSection, 0, Out);
+        DumpSection(FirstSection, 0, Lines, Out);
     return Out;
 }
 
 class XmlTokenizer : public PackageTest {
 protected:
     // Parses Text as a file and returns the tree (the result code in *Result).
-    std::string Parse(const std::string &Text, long *Result = nullptr)
+    std::string Parse(const std::string &Text, long *Result = nullptr, bool Lines = false)
     {
         DeleteTree();
         long Code = ParseFile(Write("t.xml", Text).c_str());
         if (Result)
             *Result = Code;
-        return Tree();
+        return Tree(Lines);
     }
 };
 
-// Each input file and the tree it must give.
+// Each input file under tests/data/unit/trees and the tree it must give (NAME.xml, NAME.tree);
+// their names say which corner case of the dialect they hold.
 TEST_F(XmlTokenizer, GoldenTrees)
 {
-    const struct {
-        const char *Input, *Tree;
-    } Cases[] = {
-        // The typical tree; the declaration line is ignored.
-        {"<?xml version=\"1.0\"?>\n<zel_package>\n  <version value=\"2.1.0\"/>\n"
-         "  <name>\n    <name_xlate lang=\"en\">Network driver</name_xlate>\n  </name>\n"
-         "</zel_package>\n",
-         "(root)\n  zel_package\n    version @value=2.1.0\n    name\n"
-         "      name_xlate @lang=en \"Network driver\"\n"},
-        {"<?xml version=\"1.0\"?><zel_package>\n<a/>\n", "(root)\n  a\n"},
-        // Self-closing tags and several tags on one line.
-        {"<r>\n<reboot_required value=\"yes\"/>\n<reboot_required value=\"yes\" />\n"
-         "<a x=\"1\"/><b y=\"2\"/>\n<c/>\n",
-         "(root)\n  r\n    reboot_required @value=yes\n    reboot_required @value=yes\n"
-         "    a @x=1\n      b @y=2\n      c\n"},
-        {"<p><q>t</q><q>u</q></p>\n", "(root)\n  p\n    q \"t\"\n    q \"u\"\n"},
-        // Text keeps spaces only after a letter or digit.
-        {"<r>\n<command>rpm -Uvh x.rpm</command>\n<command>./setup.sh -f</command>\n"
-         "alone on a line\n<t>dangling text\n</t>\n<e>x = y</e>\n<v w=\"a=b\" n= />\n",
-         "(root)\n  r\n    command \"rpm -Uvh x.rpm\"\n    command \"./setup.sh-f\"\n"
-         "    t\n    e @x=y\n    v @w=a @n=\n"},
-        // A tab after the name makes one attribute of the enclosing section.
-        {"<a>\n<version\tvalue=\"2\"/>\n<b/>\n", "(root)\n  a @version\\tvalue=2\n  b\n"},
-        // CDATA lines and the line after them.
-        {"<d>\n    <![CDATA[Some text]]>\n    </d>\n<e>\n", "(root)\n  d \"    \" [Some text]\n  e\n"},
-        {"<d>\n  <![CDATA[one]]>\n  <![CDATA[two]]>\n</d>\n", "(root)\n  d [one] [A[two]\n"},
-        {"<d>\n  <![CDATA[line 1\n  line 2\nline 3]]>\n</d>\n",
-         "(root)\n  d [line 1\\n  line 2\\nline 3]\n"},
-        {"<d>\n<x lang=\"en\"><![CDATA[Text]]></x>\n</d>\n<e/>\n",
-         "(root)\n  d [en\"><![CDATA[Text]]><]\n  e\n"},
-        // Carriage returns are whitespace; a "CDATA" line shorter than its markers is empty.
-        {"<d>\r\n<a>x y</a>\r\n<![CDATA[]]>\r\n<![CDATA[x", "(root)\n  d [] []\n    a \"x y\"\n"},
-        // Comments open elements; end tags at the root stay there.
-        {"<!-- note -->\n<a>\n", "(root)\n  !-- \" note\" \" --\"\n    a\n"},
-        {"</x>\n</y>\n<a>\n", "(root)\n  a\n"},
-    };
-    for (const auto &Case : Cases)
-        EXPECT_EQ(Parse(Case.Input), Case.Tree) << Escaped(Case.Input);
+    int Cases = 0;
+    for (const auto &Entry : std::filesystem::directory_iterator(ZEL_TEST_DATA "/unit/trees")) {
+        if (Entry.path().extension() != ".xml")
+            continue;
+        std::string Tree = Entry.path().string();
+        Tree.replace(Tree.size() - 4, 4, ".tree");
+        EXPECT_EQ(Parse(ReadAll(Entry.path())), ReadAll(Tree)) << Entry.path();
+        Cases++;
+    }
+    EXPECT_EQ(13, Cases);
+}
+
+// Physical lines are counted across multi-line CDATA blocks; records made from one line share
+// it; a last line without LF has its own; tokens given directly, not from a file, have none.
+TEST_F(XmlTokenizer, RecordsCarryTheLineWhereTheyStart)
+{
+    EXPECT_EQ(Parse("<?xml version=\"1.0\"?>\n<zel_package>\n  <version value=\"1.0\"/>\n"
+                    "  <description>\n    <![CDATA[two\n    lines]]>\n    <![CDATA[third]]>\n"
+                    "  </description>\n  <command>rpm -Uvh x.rpm</command>\n</zel_package>",
+                    nullptr, true),
+              "(root):0\n  zel_package:2\n    version:3 @value=1.0:3\n"
+              "    description:4 \"  \":8 [two\\n    lines]:5 [ATA[third]:7\n"
+              "    command:9 \"rpm -Uvh x.rpm\":9\n");
+    Parse("<a>\n\n<b>text</b>");
+    char Line[] = "<c>x</c>";
+    FindXMLTokens(Line);
+    EXPECT_EQ(Tree(true), "(root):0\n  a:1\n    b:3 \"text\":3\n    c:0 \"x\":0\n");
 }
 
 TEST_F(XmlTokenizer, FailuresReportAndLeaveNoCurrentFile)
 {
     long Result = 0;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(Parse("", &Result), "");
-    EXPECT_EQ(Result, XML_OPEN_FAILED);
-    EXPECT_EQ(ParseFile((Dir + "/none.xml").c_str()), XML_OPEN_FAILED);
-    EXPECT_EQ(ParseFile(nullptr), XML_OPEN_FAILED);
-    ASSERT_EQ(mkfifo((Dir + "/fifo.xml").c_str(), 0600), 0);
-    EXPECT_EQ(ParseFile((Dir + "/fifo.xml").c_str()), XML_OPEN_FAILED); // and does not hang
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "XML File is missing for " + Dir + "/t.xml\nUnable to open XML file " + Dir +
-                  "/none.xml\nThe XML file " + Dir + "/fifo.xml is not a regular file; it is refused.\n");
+    std::string Out = Captured([&] {
+        EXPECT_EQ(Parse("", &Result), "");
+        EXPECT_EQ(Result, XML_OPEN_FAILED);
+        EXPECT_EQ(ParseFile((Dir + "/none.xml").c_str()), XML_OPEN_FAILED);
+        EXPECT_EQ(ParseFile(nullptr), XML_OPEN_FAILED);
+        ASSERT_EQ(mkfifo((Dir + "/fifo.xml").c_str(), 0600), 0);
+        EXPECT_EQ(ParseFile((Dir + "/fifo.xml").c_str()), XML_OPEN_FAILED); // and does not hang
+    });
+    EXPECT_EQ(Out, "XML File is missing for " + Dir + "/t.xml\nUnable to open XML file " + Dir +
+                       "/none.xml\nThe XML file " + Dir +
+                       "/fifo.xml is not a regular file; it is refused.\n");
     EXPECT_EQ(CurrentXMLFileParsed, nullptr);
 
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(Parse("<a>\n<b>\n<![CDATA[never closed\n</b>\n", &Result), "(root)\n  a\n    b\n");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "XML file is corrupted.  Please download the package and restart the \n"
-              "installation of the package.\nError 10100 occurred while parsing the XML file " +
-                  Dir + "/t.xml\n");
+    Out = Captured([&] {
+        EXPECT_EQ(Parse("<a>\n<b>\n<![CDATA[never closed\n</b>\n", &Result), "(root)\n  a\n    b\n");
+    });
+    EXPECT_EQ(Out, "XML file is corrupted.  Please download the package and restart the \n"
+                   "installation of the package.\nError 10100 occurred while parsing the XML file " +
+                       Dir + "/t.xml\n");
     EXPECT_EQ(Result, XML_PARSE_FAILED);
     EXPECT_EQ(CurrentXMLFileParsed, nullptr);
     // The partial tree is discarded before the next parse, not added to.
@@ -132,16 +122,15 @@ TEST_F(XmlTokenizer, LinesUpToTheBufferAreReadLongerOnesRefuseTheFile)
 {
     long Result = 0;
     std::string Fits = "<a>" + std::string(XML_LINE_MAX - 1 - 7, 'x') + "</a>";
-    EXPECT_EQ(Parse(Fits + "\n", &Result), "(root)\n  a \"" + std::string(XML_LINE_MAX - 8, 'x') + "\"\n");
+    EXPECT_EQ(Parse(Fits + "\n", &Result),
+              "(root)\n  a \"" + std::string(XML_LINE_MAX - 8, 'x') + "\"\n");
     EXPECT_EQ(Result, 0);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(Parse("<b/>\n" + Fits + "x\n", &Result), "(root)\n  b\n");
-    EXPECT_NE(testing::internal::GetCapturedStdout().find("longer than 16383"), std::string::npos);
+    std::string Out;
+    Out = Captured([&] { EXPECT_EQ(Parse("<b/>\n" + Fits + "x\n", &Result), "(root)\n  b\n"); });
+    EXPECT_TRUE(Has(Out, "longer than 16383")) << Out;
     EXPECT_EQ(Result, XML_PARSE_FAILED);
     // A CDATA block counts as one line with its line breaks.
-    testing::internal::CaptureStdout();
-    Parse("<![CDATA[\n" + std::string(XML_LINE_MAX - 12, 'y') + "]]>", &Result);
-    testing::internal::GetCapturedStdout();
+    Captured([&] { Parse("<![CDATA[\n" + std::string(XML_LINE_MAX - 12, 'y') + "]]>", &Result); });
     EXPECT_EQ(Result, XML_PARSE_FAILED);
 }
 
@@ -164,21 +153,17 @@ TEST_F(XmlTokenizer, DeepAndWideTreesAreBuiltAndDeletedWithoutRecursion)
 
 TEST_F(XmlTokenizer, DebugModeTracesParsingCdataAndDeletionInTreeOrder)
 {
-    char *SavedOS = CurrentlyInstalledOS;
-    CurrentlyInstalledOS = nullptr;
     std::string Path = Write("d.xml", "<a>\n<b/>\n</a>\n<c>\n<![CDATA[x]]>\n");
     DEBUG_FLAG = 1;
-    testing::internal::CaptureStdout();
-    ParseFile(Path.c_str());
-    DeleteTree();
-    std::string Out = testing::internal::GetCapturedStdout();
-    DEBUG_FLAG = 0;
-    CurrentlyInstalledOS = SavedOS;
-    EXPECT_EQ(Out, "XMLTOKENIZER--Parsing file, " + Path +
-                       "\nXMLTOKENIZER--Calling InternalParseXML, CurrentlyInstalledOS = (null)\n"
-                       "CDATA found is x\nCDATA string is being copied to CDATA structure.\n"
-                       "CDATA string has been copied.\nNow deleting the sections of the tree.\n"
-                       "Now deleting section a\nNow deleting section b\nNow deleting section c\n");
+    EXPECT_EQ(Captured([&] {
+                  ParseFile(Path.c_str());
+                  DeleteTree();
+              }),
+              "XMLTOKENIZER--Parsing file, " + Path +
+                  "\nXMLTOKENIZER--Calling InternalParseXML, CurrentlyInstalledOS = (null)\n"
+                  "CDATA found is x\nCDATA string is being copied to CDATA structure.\n"
+                  "CDATA string has been copied.\nNow deleting the sections of the tree.\n"
+                  "Now deleting section a\nNow deleting section b\nNow deleting section c\n");
 }
 
 TEST_F(XmlTokenizer, CurrentFileRuleParsesOncePerPathAndReplacesOnSwitch)
@@ -190,9 +175,7 @@ TEST_F(XmlTokenizer, CurrentFileRuleParsesOncePerPathAndReplacesOnSwitch)
     EXPECT_EQ(Tree(), "(root)\n  a\n");
     ASSERT_EQ(UseXMLFile(Write("b.xml", "<b/>\n").c_str()), 0);
     EXPECT_EQ(Tree(), "(root)\n  b\n");
-    testing::internal::CaptureStdout();
-    EXPECT_NE(UseXMLFile((Dir + "/none.xml").c_str()), 0);
-    testing::internal::GetCapturedStdout();
+    Captured([&] { EXPECT_NE(UseXMLFile((Dir + "/none.xml").c_str()), 0); });
     EXPECT_EQ(FirstSection, nullptr);
 
     char Saved[4096];
@@ -204,6 +187,96 @@ TEST_F(XmlTokenizer, CurrentFileRuleParsesOncePerPathAndReplacesOnSwitch)
     EXPECT_EQ(UseXMLFile("./a.xml"), 0);
     EXPECT_EQ(Tree(), "(root)\n  again\n");
     ASSERT_EQ(chdir(Saved), 0);
+}
+
+// ---- Lookups over the tree ----------------------------------------------------------------------
+
+class XmlNavigation : public XmlTokenizer {
+protected:
+    SECTIONPTR Package() { return FindFirstChildOf(GetRootNode(), "zel_package"); }
+};
+
+TEST_F(XmlNavigation, ChildLookupIsDirectExactAndInDocumentOrder)
+{
+    Parse("<zel_package>\n<linux>\n<deep/>\n</linux>\n<other/>\n<linux n=\"2\"/>\n</zel_package>\n"
+          "<zel_package n=\"second\"/>\n");
+    SECTIONPTR Top = Package();
+    ASSERT_NE(Top, nullptr);
+    EXPECT_STREQ(GetAttribute(GetNextSibling(Top), "n"), "second");
+    SECTIONPTR First = FindFirstChildOf(Top, "linux");
+    ASSERT_NE(First, nullptr);
+    EXPECT_STREQ(GetAttribute(GetNextSibling(First), "n"), "2");
+    EXPECT_EQ(GetNextSibling(GetNextSibling(First)), nullptr);
+    EXPECT_EQ(FindFirstChildOf(Top, "deep"), nullptr);
+    EXPECT_EQ(FindFirstChildOf(Top, "LINUX"), nullptr);
+    EXPECT_EQ(FindFirstChildOf(Top, nullptr), nullptr);
+}
+
+TEST_F(XmlNavigation, AttributesAndContentPairByPosition)
+{
+    Parse("<zel_package>\n<a lang=\"en\" lang=\"de\">Text</a>\n<b x=\"1\" lang=\"en\">Only</b>\n"
+          "<c lang=\"en\">\n<![CDATA[Block]]>\n</c>\n</zel_package>\n");
+    SECTIONPTR A = FindFirstChildOf(Package(), "a");
+    EXPECT_STREQ(GetAttribute(A, "lang"), "en");
+    EXPECT_STREQ(GetFirstChild(A, "en"), "Text");
+    EXPECT_EQ(GetFirstChild(A, "de"), nullptr);
+    EXPECT_EQ(GetFirstChild(FindFirstChildOf(Package(), "b"), "en"), nullptr);
+    SECTIONPTR C = FindFirstChildOf(Package(), "c");
+    EXPECT_EQ(GetFirstChild(C, "en"), nullptr);
+    EXPECT_STREQ(GetFirstCDATAChild(C, "en"), "Block");
+    EXPECT_STREQ(GetFirstCDATA(C), "Block");
+    EXPECT_STREQ(GetFirstToken(A), "Text");
+    EXPECT_EQ(GetFirstToken(nullptr), nullptr);
+    EXPECT_EQ(GetFirstCDATA(A), nullptr);
+}
+
+// The walk follows its steps below the installed distribution and reports what is missing;
+// switching to a file that fails is silent in the walk, a first parse that fails is not.
+TEST_F(XmlNavigation, WalkFollowsStepsAndReportsWhatIsMissing)
+{
+    std::string Path = Write("c.xml", "<zel_package>\n<platform_specific>\n<LINUX>\n"
+                                      "<Red_Hat_Linux_7.3 v=\"1\"/>\n");
+    std::string Empty = Write("empty.xml", "");
+    const XMLSTEP Steps[] = {{"zel_package", nullptr}, {"platform_specific", "platform_specific"},
+                             {"LINUX", "LINUX"}, {XML_INSTALLED_OS, nullptr}};
+    const XMLSTEP Wrong[] = {{"zel_package", nullptr}, {"linux", "linux"}};
+    int Failure = -1;
+    EXPECT_EQ(Captured([&] {
+                  EXPECT_EQ(WalkToSection(Path.c_str(), Steps, 4, &Failure), nullptr);
+                  EXPECT_EQ(Failure, XML_WALK_MISSING);
+                  SetInstalledOS("Red_Hat_Linux_7.3");
+                  EXPECT_STREQ(GetAttribute(WalkToSection(Path.c_str(), Steps, 4, &Failure), "v"),
+                               "1");
+                  EXPECT_EQ(Failure, XML_WALK_OK);
+                  EXPECT_EQ(WalkToSection(Path.c_str(), Wrong, 2, &Failure), nullptr);
+              }),
+              Missing("linux"));
+    EXPECT_EQ(Captured([&] {
+                  EXPECT_EQ(WalkToSection(Empty.c_str(), Steps, 4, &Failure), nullptr);
+                  EXPECT_EQ(Failure, XML_WALK_SWITCH_FAILED);
+                  EXPECT_EQ(WalkToSection(Empty.c_str(), Steps, 4, &Failure), nullptr);
+                  EXPECT_EQ(Failure, XML_WALK_MISSING);
+              }),
+              "XML File is missing for " + Empty + "\nXML File is missing for " + Empty +
+                  "\nThe XML file is corrupt.  The root node is null.\n");
+}
+
+TEST_F(XmlNavigation, LanguageSelectionTakesTheFirstExactMatchWithContent)
+{
+    Parse("<zel_package>\n<name>\n<name_xlate lang=\"en_US\">US</name_xlate>\n"
+          "<name_xlate lang=\"en\"></name_xlate>\n<name_xlate>None</name_xlate>\n"
+          "<name_xlate lang=\"en\">English</name_xlate>\n</name>\n<description>\n"
+          "<description_xlate lang=\"de\">\n<![CDATA[Deutsch]]>\n</description_xlate>\n"
+          "</description>\n</zel_package>\n");
+    SECTIONPTR Name = FindFirstChildOf(Package(), "name");
+    SECTIONPTR Description = FindFirstChildOf(Package(), "description");
+    EXPECT_STREQ(SelectLanguage(Name, "name_xlate", "en", 0), "English");
+    EXPECT_STREQ(SelectLanguage(Description, "description_xlate", "de", 1), "Deutsch");
+    EXPECT_EQ(Captured([&] {
+                  EXPECT_EQ(SelectLanguage(Name, "name_xlate", "fr", 0), nullptr);
+                  EXPECT_EQ(SelectLanguage(Description, "description_xlate", "de", 0), nullptr);
+              }),
+              Missing("name_xlate") + Missing("description_xlate"));
 }
 
 } // namespace
