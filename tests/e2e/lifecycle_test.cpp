@@ -21,7 +21,6 @@
 #include <vector>
 
 #include "bundle_fixture.h"
-#include "session_fixture.h"
 
 namespace {
 
