@@ -205,6 +205,15 @@ static void WriteText(const std::string &Path, const std::string &Text)
     std::ofstream(Path, std::ios::binary | std::ios::trunc) << Text;
 }
 
+void WriteOtherBundle(const std::string &Path, const std::string &Name, const std::string &System)
+{
+    WriteText(Path, "<zel_bundle>\n<version value=\"1\"/>\n<name>\n<name_xlate lang=\"en\">" + Name +
+                        "</name_xlate>\n</name>\n<operating_systems>\n<operating_system>\n"
+                        "<operating_system_xlate>" + System + "</operating_system_xlate>\n"
+                        "</operating_system>\n</operating_systems>\n<contents>\n"
+                        "<package install=\"yes\">a-1.0.rpm</package>\n</contents>\n</zel_bundle>\n");
+}
+
 void WriteBundle(const std::vector<TComponent> &Components)
 {
     mkdir(TEST_BUNDLE_DIR, 0755);
@@ -344,6 +353,16 @@ bool StartParser(ZmSession *S, const std::vector<std::string> &Args, ZmConfig Co
     int Result = ZmStart(S, Config, &Error);
     EXPECT_EQ(Result, 0) << Error;
     return Result == 0;
+}
+
+bool BlockMidParse(ZmSession *S)
+{
+    auto IsLog = [](const ZmPacket &P, const void *) {
+        return P.Direction == ZM_FROM_PARSER && P.Header.opCode == RZP_LOG_DATA;
+    };
+    size_t From = 0;
+    return ZmSendPacket(S, HeaderTo(S, RZP_PARSER_PARSE_INPUT_FILE, 1, RZP_NO_RESULT_YET), {}) == 0 &&
+           ZmWaitForPacket(S, IsLog, nullptr, &From, nullptr) == 0;
 }
 
 std::vector<Bytes> FetchRecords(ZmSession *S, int32_t *Count)

@@ -66,6 +66,11 @@ RZP_HEADER_PACKET HeaderTo(ZmSession *S, uint32_t OpCode, int Sequence, int Retu
 bool PrepareMachine(const std::vector<TComponent> &Components);
 // Starts the sub-service in TEST_BUNDLE_DIR with Args; fails the test when it cannot start.
 bool StartParser(ZmSession *S, const std::vector<std::string> &Args, ZmConfig Config = ZmConfig());
+// Sends a parse request and waits for the sub-service's first log request: a manager that
+// does not answer requests (ZmConfig::AnswerRequests false) holds the parse worker there.
+bool BlockMidParse(ZmSession *S);
+// Writes a bundle file named Name for operating system System, of one component a-1.0.rpm.
+void WriteOtherBundle(const std::string &Path, const std::string &Name, const std::string &System);
 // One request and its answer; a missing answer fails the test.
 ZmPacket Ask(ZmSession *S, uint32_t OpCode, const Bytes &Payload = Bytes());
 
