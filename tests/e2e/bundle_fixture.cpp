@@ -1,5 +1,7 @@
 // bundle_fixture.cpp - writes test bundles and encodes by hand the records and messages that
-// the sub-service must produce for them.
+// the sub-service must produce for them. Under the sanitizer builds it also fails the test
+// program when a sub-service it ran printed a sanitizer report, even where a test looked only
+// at the packets.
 #include "bundle_fixture.h"
 
 #include <sys/stat.h>
@@ -76,111 +78,113 @@ TComponent PlainComponent(const std::string &FileName)
 
 // ---- XML ---------------------------------------------------------------------------------------
 
-static std::string Cdata(const std::string &Element, const std::string &Text, const std::string &Lang)
+// <E>Body</E> on lines of their own; Attrs goes inside the opening tag.
+static std::string El(const std::string &E, const std::string &Body, const std::string &Attrs = "")
 {
-    std::string Open = Lang.empty() ? "<" + Element + ">" : "<" + Element + " lang=\"" + Lang + "\">";
-    return Open + "\n<![CDATA[" + Text + "]]>\n</" + Element + ">\n";
+    return "<" + E + Attrs + ">\n" + Body + "</" + E + ">\n";
 }
-
-static std::string Attribute(const std::string &Element, const std::string &Name,
-                             const std::string &Value)
+static std::string Empty(const std::string &E, const std::string &Attrs)
 {
-    return Value.empty() ? "" : "<" + Element + " " + Name + "=\"" + Value + "\"/>\n";
+    return "<" + E + Attrs + "/>\n";
+}
+static std::string At(const std::string &Name, const std::string &Value)
+{
+    return " " + Name + "=\"" + Value + "\"";
+}
+static std::string Cdata(const std::string &E, const std::string &Text, const std::string &Lang)
+{
+    return El(E, "<![CDATA[" + Text + "]]>\n", Lang.empty() ? "" : At("lang", Lang));
+}
+static std::string Flag(const std::string &E, bool Value)
+{
+    return Empty(E, At("value", Value ? "yes" : "no"));
 }
 
 static std::string VariableXml(const std::string &Kind, const TVariable &V)
 {
     char Hex[16];
     snprintf(Hex, sizeof(Hex), "%x", V.Attributes);
-    std::string X = "<" + Kind + "_data_and>\n<requirements required=\"" +
-                    (V.Required ? "yes" : "no") + "\" minimumlength=\"" +
-                    std::to_string(V.Minimum) + "\"";
-    if (V.WriteMaximum)
-        X += " maximumlength=\"" + std::to_string(V.Maximum) + "\"";
-    X += "/>\n<prompt>\n" + Cdata("prompt_xlate", "Eingabe:", "de") +
-         Cdata("prompt_xlate", V.Prompt, "en") + "</prompt>\n";
+    std::string X = Empty("requirements", At("required", V.Required ? "yes" : "no") +
+                                              At("minimumlength", std::to_string(V.Minimum)) +
+                                              (V.WriteMaximum ? At("maximumlength", std::to_string(V.Maximum)) : ""));
+    X += El("prompt", Cdata("prompt_xlate", "Eingabe:", "de") + Cdata("prompt_xlate", V.Prompt, "en"));
     if (!V.Acceptable.empty())
         X += Cdata("acceptable_characters", V.Acceptable, "");
     if (!V.Format.empty())
         X += Cdata("required_format", V.Format, "");
     if (!V.OutputName.empty())
-        X += "<outputname type=\"" + std::to_string(V.OutputType) + "\" name=\"" + V.OutputName +
-             "\"/>\n";
-    X += Attribute("default_value", "value", V.Default) + Attribute("actual_value", "value", V.Actual) +
-         Attribute("output_filename", "value", V.OutputFile);
+        X += Empty("outputname", At("type", std::to_string(V.OutputType)) + At("name", V.OutputName));
+    const std::string Values[3][2] = {
+        {"default_value", V.Default}, {"actual_value", V.Actual}, {"output_filename", V.OutputFile}};
+    for (const auto &Each : Values)
+        if (!Each[1].empty())
+            X += Empty(Each[0], At("value", Each[1]));
     if (V.Attributes != 0)
-        X += std::string("<attributes value=\"") + Hex + "\"/>\n";
-    return X + "</" + Kind + "_data_and>\n";
-}
-
-static std::string Flag(const std::string &Element, bool Value)
-{
-    return "<" + Element + " value=\"" + (Value ? "yes" : "no") + "\"/>\n";
+        X += Empty("attributes", At("value", Hex));
+    return El(Kind + "_data_and", X);
 }
 
 static std::string RequisitesXml(const std::string &Kind, const std::vector<TRequisite> &List)
 {
-    std::string X = "<" + Kind + "s>\n";
+    std::string X;
     for (const TRequisite &R : List)
-        X += "<" + Kind + "_data SubType=\"" + std::to_string(R.SubType) + "\" value=\"" + R.Value +
-             "\"/>\n";
-    return X + "</" + Kind + "s>\n";
+        X += Empty(Kind + "_data", At("SubType", std::to_string(R.SubType)) + At("value", R.Value));
+    return El(Kind + "s", X);
 }
 
 static std::string DevicesXml(const std::vector<TDevice> &Devices)
 {
-    std::string X = "<prerequisites>\n<supported_devices>\n";
+    std::string X;
     for (const TDevice &D : Devices) {
-        X += "<supported_devices_and>\n<supported_device>\n";
+        std::string Device;
         const std::string Parts[4][2] = {
             {"ven", D.Ven}, {"dev", D.Dev}, {"subven", D.SubVen}, {"subdev", D.SubDev}};
         for (const auto &P : Parts)
             if (!P[1].empty())
-                X += "<supported_device_data name=\"" + P[0] + "\">" + P[1] +
-                     "</supported_device_data>\n";
-        X += "</supported_device>\n</supported_devices_and>\n";
+                Device += "<supported_device_data name=\"" + P[0] + "\">" + P[1] +
+                          "</supported_device_data>\n";
+        X += El("supported_devices_and", El("supported_device", Device));
     }
-    return X + "</supported_devices>\n</prerequisites>\n";
+    return El("prerequisites", El("supported_devices", X));
 }
 
 static std::string ConfigurationXml(const std::string &Kind, const std::vector<TVariable> &List)
 {
-    std::string X = "<" + Kind + ">\n";
+    std::string X;
     for (const TVariable &V : List)
         X += VariableXml(Kind, V);
-    return X + "</" + Kind + ">\n";
+    return El(Kind, X);
 }
 
 static std::string PlatformXml(const TComponent &C)
 {
-    std::string X = "<platform_specific>\n<LINUX>\n<Red_Hat_Linux_7.3>\n" +
-                    Flag("has_prerequisites", !C.Prerequisites.empty()) +
-                    Flag("has_postrequisites", !C.Postrequisites.empty()) +
-                    Flag("requires_preconfiguration", !C.PreConfiguration.empty()) +
-                    Flag("requires_postconfiguration", !C.PostConfiguration.empty()) +
-                    Flag("requires_precompilation", C.PreCompilation) +
-                    Flag("requires_postcompilation", C.PostCompilation) +
-                    RequisitesXml("prerequisite", C.Prerequisites) +
-                    RequisitesXml("postrequisite", C.Postrequisites) +
-                    ConfigurationXml("preconfiguration", C.PreConfiguration) +
-                    ConfigurationXml("postconfiguration", C.PostConfiguration);
+    std::string Ours = Flag("has_prerequisites", !C.Prerequisites.empty()) +
+                       Flag("has_postrequisites", !C.Postrequisites.empty()) +
+                       Flag("requires_preconfiguration", !C.PreConfiguration.empty()) +
+                       Flag("requires_postconfiguration", !C.PostConfiguration.empty()) +
+                       Flag("requires_precompilation", C.PreCompilation) +
+                       Flag("requires_postcompilation", C.PostCompilation) +
+                       RequisitesXml("prerequisite", C.Prerequisites) +
+                       RequisitesXml("postrequisite", C.Postrequisites) +
+                       ConfigurationXml("preconfiguration", C.PreConfiguration) +
+                       ConfigurationXml("postconfiguration", C.PostConfiguration);
     // Another distribution's section, which must never be read on this machine.
-    return X + "</Red_Hat_Linux_7.3>\n<Red_Hat_Enterprise_Linux_3>\n" +
-           Flag("has_prerequisites", true) + Flag("has_postrequisites", true) +
-           RequisitesXml("prerequisite", {{3, "/wrong/distribution"}}) +
-           "</Red_Hat_Enterprise_Linux_3>\n</LINUX>\n</platform_specific>\n";
+    std::string Other = Flag("has_prerequisites", true) + Flag("has_postrequisites", true) +
+                        RequisitesXml("prerequisite", {{3, "/wrong/distribution"}});
+    return El("platform_specific", El("LINUX", El("Red_Hat_Linux_7.3", Ours) +
+                                                   El("Red_Hat_Enterprise_Linux_3", Other)));
 }
 
 std::string ComponentXml(const TComponent &C)
 {
-    std::string X = "<?xml version=\"1.0\"?>\n<zel_package>\n<version value=\"" + C.Version +
-                    "\"/>\n<name>\n<name_xlate lang=\"fr\">Nom</name_xlate>\n<name_xlate lang=\"en\">" +
-                    C.Name + "</name_xlate>\n</name>\n<description>\n" +
-                    Cdata("description_xlate", C.Description, "en") + "</description>\n";
+    std::string X = Empty("version", At("value", C.Version)) +
+                    El("name", "<name_xlate lang=\"fr\">Nom</name_xlate>\n<name_xlate lang=\"en\">" +
+                                   C.Name + "</name_xlate>\n") +
+                    El("description", Cdata("description_xlate", C.Description, "en"));
     if (!C.BreakXml)
-        X += "<installation>\n<install>\n" + Flag("reboot_required", C.Reboot) + "<command>" +
-             C.Command + "</command>\n</install>\n</installation>\n";
-    return X + DevicesXml(C.Devices) + PlatformXml(C) + "</zel_package>\n";
+        X += El("installation", El("install", Flag("reboot_required", C.Reboot) + "<command>" +
+                                                  C.Command + "</command>\n"));
+    return "<?xml version=\"1.0\"?>\n" + El("zel_package", X + DevicesXml(C.Devices) + PlatformXml(C));
 }
 
 std::string BundleXml(const std::vector<TComponent> &Components)
@@ -199,6 +203,15 @@ std::string BundleXml(const std::vector<TComponent> &Components)
 static void WriteText(const std::string &Path, const std::string &Text)
 {
     std::ofstream(Path, std::ios::binary | std::ios::trunc) << Text;
+}
+
+void WriteOtherBundle(const std::string &Path, const std::string &Name, const std::string &System)
+{
+    WriteText(Path, "<zel_bundle>\n<version value=\"1\"/>\n<name>\n<name_xlate lang=\"en\">" + Name +
+                        "</name_xlate>\n</name>\n<operating_systems>\n<operating_system>\n"
+                        "<operating_system_xlate>" + System + "</operating_system_xlate>\n"
+                        "</operating_system>\n</operating_systems>\n<contents>\n"
+                        "<package install=\"yes\">a-1.0.rpm</package>\n</contents>\n</zel_bundle>\n");
 }
 
 void WriteBundle(const std::vector<TComponent> &Components)
@@ -342,6 +355,31 @@ bool StartParser(ZmSession *S, const std::vector<std::string> &Args, ZmConfig Co
     return Result == 0;
 }
 
+bool BlockMidParse(ZmSession *S)
+{
+    auto IsLog = [](const ZmPacket &P, const void *) {
+        return P.Direction == ZM_FROM_PARSER && P.Header.opCode == RZP_LOG_DATA;
+    };
+    size_t From = 0;
+    return ZmSendPacket(S, HeaderTo(S, RZP_PARSER_PARSE_INPUT_FILE, 1, RZP_NO_RESULT_YET), {}) == 0 &&
+           ZmWaitForPacket(S, IsLog, nullptr, &From, nullptr) == 0;
+}
+
+std::vector<Bytes> FetchRecords(ZmSession *S, int32_t *Count)
+{
+    std::vector<Bytes> Raw;
+    std::string Error;
+    EXPECT_EQ(ZmFetchAllRecords(S, &Raw, nullptr, Count, &Error), 0) << Error;
+    return Raw;
+}
+
+void ExpectRecords(const std::vector<Bytes> &Raw, const std::vector<TComponent> &Built, uint32_t First)
+{
+    ASSERT_EQ(Raw.size(), Built.size());
+    for (size_t i = 0; i < Raw.size(); i++)
+        EXPECT_EQ(Raw[i], ExpectedRecord(Built[i], First + (uint32_t)i)) << "record " << i;
+}
+
 ZmPacket Ask(ZmSession *S, uint32_t OpCode, const Bytes &Payload)
 {
     ZmPacket Answer;
@@ -397,3 +435,10 @@ void ExpectComponent(TMessages *M, const std::string &F, int Outcome, bool Colou
              "\tInstallation of this component will not be attempted.\n");
     }
 }
+
+namespace {
+struct SanitizerCheck : testing::Environment {
+    void TearDown() override { EXPECT_EQ(ZmSanitizerReports(), 0) << "a sub-service printed a sanitizer report"; }
+};
+const testing::Environment *const Registered = testing::AddGlobalTestEnvironment(new SanitizerCheck);
+} // namespace

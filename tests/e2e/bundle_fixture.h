@@ -1,6 +1,7 @@
-// bundle_fixture.h - test bundles for the end-to-end tests: component descriptions that are
-// written out as bundle and component XML files, and the install records and messages the
-// sub-service must produce for them, encoded here by hand from the record layout.
+// bundle_fixture.h - what the end-to-end tests share: test bundles (component descriptions
+// written out as bundle and component XML files), the install records and messages the
+// sub-service must produce for them, encoded here by hand from the record layout, and the
+// fixtures that hold one manager session with the real zelparser in the sandbox.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "sandbox.h"
 #include "zelrzpmanager.h"
 
 typedef std::vector<unsigned char> Bytes;
@@ -64,6 +66,11 @@ RZP_HEADER_PACKET HeaderTo(ZmSession *S, uint32_t OpCode, int Sequence, int Retu
 bool PrepareMachine(const std::vector<TComponent> &Components);
 // Starts the sub-service in TEST_BUNDLE_DIR with Args; fails the test when it cannot start.
 bool StartParser(ZmSession *S, const std::vector<std::string> &Args, ZmConfig Config = ZmConfig());
+// Sends a parse request and waits for the sub-service's first log request: a manager that
+// does not answer requests (ZmConfig::AnswerRequests false) holds the parse worker there.
+bool BlockMidParse(ZmSession *S);
+// Writes a bundle file named Name for operating system System, of one component a-1.0.rpm.
+void WriteOtherBundle(const std::string &Path, const std::string &Name, const std::string &System);
 // One request and its answer; a missing answer fails the test.
 ZmPacket Ask(ZmSession *S, uint32_t OpCode, const Bytes &Payload = Bytes());
 
@@ -75,9 +82,43 @@ void ExpectBundleOpening(TMessages *M);
 enum { OUTCOME_BUILT, OUTCOME_NO_PACKAGE, OUTCOME_NO_XML, OUTCOME_ERRATA };
 void ExpectComponent(TMessages *M, const std::string &FileName, int Outcome, bool Coloured);
 
+// The records of the last parse, fetched whole; the number of items answered in *Count.
+std::vector<Bytes> FetchRecords(ZmSession *S, int32_t *Count);
+// Raw holds Built's records, byte for byte, numbered on from First.
+void ExpectRecords(const std::vector<Bytes> &Raw, const std::vector<TComponent> &Built,
+                   uint32_t First = 0);
+
 // A test with one session S, closed at the end of the test however the test ended.
 class BundleTest : public testing::Test {
 protected:
     ZmSession S;
     void TearDown() override { ZmClose(&S); }
+};
+
+// A session with the real zelparser in the sandbox in /tmp, started on demand with Config.
+class SessionTest : public testing::Test {
+protected:
+    ZmSession Session;
+    ZmConfig Config;
+    void SetUp() override
+    {
+        ASSERT_EQ(SandboxEnter(), 0);
+        Config.ParserPath = ZEL_PARSER_PATH;
+        Config.BundleDir = "/tmp";
+        Config.TimeoutMs = 15000;
+    }
+    void Start()
+    {
+        std::string Error;
+        ASSERT_EQ(ZmStart(&Session, Config, &Error), 0) << Error << ZmConsoleSnapshot(&Session);
+    }
+    void TearDown() override { ZmClose(&Session); }
+    // The sub-service still serves requests: the number of items is answered.
+    void ExpectStillServing()
+    {
+        ZmPacket Answer;
+        ASSERT_EQ(ZmRequest(&Session, RZP_PARSER_RETURN_NUMBER_OF_ITEMS, {}, &Answer), 0)
+            << ZmConsoleSnapshot(&Session);
+        EXPECT_EQ(Answer.Header.ReturnCode, 0);
+    }
 };

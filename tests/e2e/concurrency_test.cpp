@@ -23,14 +23,7 @@ std::vector<ZmPacket> AskAtOnce(ZmSession *S, const std::vector<TRequest> &Reque
     std::vector<int32_t> Numbers;
     size_t From = ZmPacketsSnapshot(S).size();
     for (const TRequest &R : Requests) {
-        RZP_HEADER_PACKET H{};
-        H.SrcHandle = S->ReceiveHandle;
-        H.DestHandle = S->SendHandle;
-        H.LocalSequenceNumber = S->NextSequence++;
-        H.RemoteSequenceNumber = -1;
-        H.opCode = R.OpCode;
-        H.ReturnCode = RZP_NO_RESULT_YET;
-        H.DataLength = (int32_t)R.Payload.size();
+        RZP_HEADER_PACKET H = HeaderTo(S, R.OpCode, S->NextSequence++, RZP_NO_RESULT_YET);
         EXPECT_EQ(ZmSendPacket(S, H, R.Payload), 0);
         Numbers.push_back(H.LocalSequenceNumber);
     }
@@ -64,28 +57,14 @@ void ExpectEachAnsweredOnce(ZmSession *S)
     EXPECT_EQ(Answered.size(), Asked.size());
 }
 
-// The records of one parse, fetched in order: one per component, each whole and in order.
-void ExpectWholeRecords(ZmSession *S, const std::vector<TComponent> &C)
-{
-    std::vector<Bytes> Raw;
-    int32_t Count = -1;
-    std::string Error;
-    ASSERT_EQ(ZmFetchAllRecords(S, &Raw, nullptr, &Count, &Error), 0) << Error;
-    ASSERT_EQ(Raw.size(), C.size());
-    EXPECT_EQ(Count, (int32_t)C.size());
-    ZmRecord First;
-    ASSERT_EQ(ZmDecodeRecord(Raw[0].data(), Raw[0].size(), &First, &Error), 0) << Error;
-    for (size_t i = 0; i < Raw.size(); i++)
-        EXPECT_EQ(Raw[i], ExpectedRecord(C[i], First.Number + (uint32_t)i)) << "record " << i;
-}
+using Concurrency = BundleTest;
 
-TEST(Concurrency, RequestsWrittenBackToBackAreEachAnsweredOnceAndKeepTheRecordsWhole)
+TEST_F(Concurrency, RequestsWrittenBackToBackAreEachAnsweredOnceAndKeepTheRecordsWhole)
 {
     std::vector<TComponent> C = {AgentComponent(), DriverComponent()};
     for (const char *Name : {"a-1.0.rpm", "b-1.0.rpm", "c-1.0.rpm", "d-1.0.rpm", "e-1.0.rpm"})
         C.push_back(PlainComponent(Name));
     ASSERT_TRUE(PrepareMachine(C));
-    ZmSession S;
     ASSERT_TRUE(StartParser(&S, {}));
     const Bytes Name = ZmStringItem(TEST_BUNDLE_NAME, sizeof(TEST_BUNDLE_NAME) - 1);
     const Bytes File = ZmStringItem(TEST_BUNDLE_FILE);
@@ -110,11 +89,17 @@ TEST(Concurrency, RequestsWrittenBackToBackAreEachAnsweredOnceAndKeepTheRecordsW
                    {RZP_PARSER_RETURN_LAST_ITEM, {}},
                    {RZP_PARSER_CLOSE_INPUT_FILE, {}},
                    Parse});
-    ExpectWholeRecords(&S, C);
+    // The records of the last parse: one per component, each whole and in order.
+    int32_t Count = -1;
+    std::vector<Bytes> Raw = FetchRecords(&S, &Count);
+    EXPECT_EQ(Count, (int32_t)C.size());
+    ZmRecord First;
+    ASSERT_FALSE(Raw.empty());
+    ASSERT_EQ(ZmDecodeRecord(Raw[0].data(), Raw[0].size(), &First, nullptr), 0);
+    ExpectRecords(Raw, C, First.Number);
     EXPECT_EQ(ZmStop(&S), 0);
     EXPECT_EQ(S.ExitStatus, 0);
     ExpectEachAnsweredOnce(&S);
-    ZmClose(&S);
 }
 
 } // namespace

@@ -19,21 +19,6 @@ void ExpectMessages(ZmSession *S, const TMessages &M)
     S->LogTexts.clear();
 }
 
-std::vector<Bytes> FetchRecords(ZmSession *S, int32_t *Count)
-{
-    std::vector<Bytes> Raw;
-    std::string Error;
-    EXPECT_EQ(ZmFetchAllRecords(S, &Raw, nullptr, Count, &Error), 0) << Error;
-    return Raw;
-}
-
-void ExpectRecords(const std::vector<Bytes> &Raw, const std::vector<TComponent> &Built)
-{
-    ASSERT_EQ(Raw.size(), Built.size());
-    for (size_t i = 0; i < Raw.size(); i++)
-        EXPECT_EQ(Raw[i], ExpectedRecord(Built[i], (uint32_t)i)) << "record " << i;
-}
-
 void SendUpdate(ZmSession *S, const Bytes &Payload)
 {
     RZP_HEADER_PACKET H =
@@ -44,11 +29,8 @@ void SendUpdate(ZmSession *S, const Bytes &Payload)
 Bytes UpdateFlags(unsigned char Reboot, unsigned char Force, unsigned char NoUserInterface)
 {
     Bytes B;
-    for (unsigned char Flag : {Reboot, Force, NoUserInterface}) {
-        ZmPutU32(&B, RZP_TYPE_BOOL);
-        ZmPutU32(&B, 1);
-        ZmPutByte(&B, Flag);
-    }
+    for (unsigned char Flag : {Reboot, Force, NoUserInterface})
+        ZmPutU32(&B, RZP_TYPE_BOOL), ZmPutU32(&B, 1), ZmPutByte(&B, Flag);
     return B;
 }
 

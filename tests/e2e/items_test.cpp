@@ -2,8 +2,6 @@
 // close) through the real sub-service, with every "no more items" answer.
 #include <unistd.h>
 
-#include <fstream>
-
 #include <gtest/gtest.h>
 
 #include "bundle_fixture.h"
@@ -15,17 +13,6 @@ void ExpectAnswer(const ZmPacket &P, int ReturnCode, const Bytes &Payload)
     EXPECT_EQ(P.Header.ReturnCode, ReturnCode) << "opcode " << P.Header.opCode;
     EXPECT_EQ(P.Payload, Payload) << "opcode " << P.Header.opCode;
     EXPECT_EQ(P.Header.DataLength, (int32_t)Payload.size());
-}
-
-void WriteSecondBundle(const char *Path, const char *System)
-{
-    std::ofstream(Path) << "<zel_bundle>\n<version value=\"1\"/>\n<name>\n"
-                           "<name_xlate lang=\"en\">Other pack</name_xlate>\n</name>\n"
-                           "<operating_systems>\n<operating_system>\n<operating_system_xlate>"
-                        << System
-                        << "</operating_system_xlate>\n</operating_system>\n</operating_systems>\n"
-                           "<contents>\n<package install=\"yes\">a-1.0.rpm</package>\n</contents>\n"
-                           "</zel_bundle>\n";
 }
 
 using Items = BundleTest;
@@ -90,13 +77,13 @@ TEST_F(Items, BundleThatInstallsNothingHasNoItems)
 TEST_F(Items, OpenKeepsTheOneSupportedBundleAndRefusesTwo)
 {
     ASSERT_TRUE(PrepareMachine({PlainComponent("a-1.0.rpm")}));
-    WriteSecondBundle(TEST_BUNDLE_DIR "/BP000002.XML", "SUSE Linux Enterprise Server 8");
+    WriteOtherBundle(TEST_BUNDLE_DIR "/BP000002.XML", "Other pack", "SUSE Linux Enterprise Server 8");
     ASSERT_TRUE(StartParser(&S, {}));
     const Bytes Name = ZmStringItem(TEST_BUNDLE_NAME, sizeof(TEST_BUNDLE_NAME) - 1);
     ExpectAnswer(Ask(&S, RZP_PARSER_OPEN_INPUT_FILE), 0, Name);
     // A second open looks at the directory afresh rather than adding to the first answer.
     ExpectAnswer(Ask(&S, RZP_PARSER_OPEN_INPUT_FILE), 0, Name);
-    WriteSecondBundle(TEST_BUNDLE_DIR "/bp000003.xml", "Red Hat Linux 7.3");
+    WriteOtherBundle(TEST_BUNDLE_DIR "/bp000003.xml", "Other pack", "Red Hat Linux 7.3");
     const Bytes Request = ZmStringItem("open");
     ExpectAnswer(Ask(&S, RZP_PARSER_OPEN_INPUT_FILE, Request), RZP_PARSER_NOT_ONE_BUNDLE, Request);
     EXPECT_EQ(ZmWaitForConsole(&S, "More than one supported Bundle XML file found.\n"), 0);
@@ -107,7 +94,7 @@ TEST_F(Items, OpenWithoutASupportedBundleEndsTheSubService)
 {
     ASSERT_TRUE(PrepareMachine({PlainComponent("a-1.0.rpm")}));
     unlink(TEST_BUNDLE_DIR "/bp000001.xml");
-    WriteSecondBundle(TEST_BUNDLE_DIR "/bp000002.xml", "SUSE Linux Enterprise Server 8");
+    WriteOtherBundle(TEST_BUNDLE_DIR "/bp000002.xml", "Other pack", "SUSE Linux Enterprise Server 8");
     ASSERT_TRUE(StartParser(&S, {}));
     ExpectAnswer(Ask(&S, RZP_PARSER_OPEN_INPUT_FILE), RZP_PARSER_NO_BUNDLE, {});
     EXPECT_EQ(ZmWaitForConsole(&S, "No supported Bundle XML files were found.\n"), 0);

@@ -1,5 +1,6 @@
 // The manager protocol end to end: the real zelparser in the sandbox, driven by the reference
-// manager: registration, the not-supported answer, debug on and off, shut-down, and
+// manager: registration, the not-supported answer, debug on and off, shut-down (the last
+// packet the listener takes), and
 // malformed packets that must leave the sub-service serving the next request.
 #include <gtest/gtest.h>
 
@@ -8,7 +9,6 @@
 #include <vector>
 
 #include "bundle_fixture.h"
-#include "session_fixture.h"
 
 namespace {
 
@@ -96,11 +96,18 @@ TEST_F(ManagerProtocol, DebugLinesFollowTheFlagAtArrival)
     EXPECT_EQ(Console.find("RZP_PARSER_RETURN_NUMBER_OF_ITEMS"), std::string::npos); // off again
 }
 
-TEST_F(ManagerProtocol, ShutDownDeregistersAndExitsZero)
+TEST_F(ManagerProtocol, ShutDownIsTheLastPacketTakenDeregistersAndExitsZero)
 {
     Config.Args = {"-V"};
     Start();
-    EXPECT_EQ(ZmStop(&Session), 0);
+    // Opcode 2 and an unknown opcode right behind it, in one burst: the listener leaves its
+    // loop after the first and never answers the second.
+    ASSERT_EQ(ZmSendPacket(&Session, HeaderTo(&Session, RZP_SHUTDOWN, 1, RZP_NO_RESULT_YET), {}), 0);
+    ASSERT_EQ(ZmSendPacket(&Session, HeaderTo(&Session, 77, 2, RZP_NO_RESULT_YET), {}), 0);
+    EXPECT_EQ(ZmWaitExit(&Session), 0);
+    for (const ZmPacket &P : ZmPacketsSnapshot(&Session))
+        EXPECT_FALSE(P.Direction == ZM_FROM_PARSER && P.Header.opCode == 77);
+    EXPECT_EQ(ZmConsoleSnapshot(&Session).find("opCode 77"), std::string::npos);
     std::vector<ZmPacket> Packets = ZmPacketsSnapshot(&Session);
     const ZmPacket &Last = Packets.back();
     EXPECT_EQ(Last.Direction, ZM_FROM_PARSER);
@@ -119,16 +126,7 @@ TEST_F(ManagerProtocol, DeregistrationWaitsForABusyWorker)
     Config.AnswerRequests = false;
     Config.Args = {"-C", "pkg.rpm"};
     Start();
-    ASSERT_EQ(ZmSendPacket(&Session, HeaderTo(&Session, RZP_PARSER_PARSE_INPUT_FILE, 1,
-                                              RZP_NO_RESULT_YET), {}),
-              0);
-    size_t From = 0;
-    ZmPacket Log;
-    auto IsLog = [](const ZmPacket &P, const void *) {
-        return P.Direction == ZM_FROM_PARSER && P.Header.opCode == RZP_LOG_DATA;
-    };
-    ASSERT_EQ(ZmWaitForPacket(&Session, IsLog, nullptr, &From, &Log), 0)
-        << ZmConsoleSnapshot(&Session);
+    ASSERT_TRUE(BlockMidParse(&Session)) << ZmConsoleSnapshot(&Session);
     EXPECT_EQ(ZmStop(&Session), 0);
     // Everything the worker sent after the exit flag precedes the deregistration.
     std::vector<ZmPacket> Packets = ZmPacketsSnapshot(&Session);

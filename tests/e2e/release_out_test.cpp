@@ -64,12 +64,7 @@ bool PrepareSles8(void)
     if (!PrepareMachine(C) || SandboxClearReleaseFiles() != 0 ||
         SandboxSetFile("/etc/SuSE-release", "SuSE SLES-8 (i386)\nVERSION = 8.1\n") != 0)
         return false;
-    std::ofstream(TEST_BUNDLE_DIR "/bp000002.xml")
-        << "<zel_bundle>\n<version value=\"8\"/>\n<name>\n<name_xlate lang=\"en\">" SLES_BUNDLE_NAME
-           "</name_xlate>\n</name>\n<operating_systems>\n<operating_system>\n"
-           "<operating_system_xlate>SUSE Linux Enterprise Server 8</operating_system_xlate>\n"
-           "</operating_system>\n</operating_systems>\n<contents>\n"
-           "<package install=\"yes\">a-1.0.rpm</package>\n</contents>\n</zel_bundle>\n";
+    WriteOtherBundle(TEST_BUNDLE_DIR "/bp000002.xml", SLES_BUNDLE_NAME, "SUSE Linux Enterprise Server 8");
     std::ofstream(VICTIM) << VICTIM_TEXT;
     return true;
 }

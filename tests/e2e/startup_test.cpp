@@ -20,37 +20,35 @@ protected:
     void SetUp() override { ASSERT_EQ(SandboxEnter(), 0); }
 };
 
-TEST_F(Startup, ANonRootUserGetsOnlyTheRootMessage)
+// Refusals before start-up: the whole output and status 255, and no connection is made.
+TEST_F(Startup, RootOptionAndContextChecksRefuseBeforeAnyConnection)
 {
-    RunResult R = RunProgram(ZEL_PARSER_PATH, {"-MG", "--VIEW"}, 65534, "/tmp");
-    EXPECT_EQ(R.Out, "Root access required to use the Parser utility.\n");
-    EXPECT_EQ(R.Status, 255);
-}
-
-TEST_F(Startup, WithoutMGItRefusesAndTouchesNoConnectionFile)
-{
+    // A connection file of an earlier run stays: without -MG nothing is removed.
     int Fd = open("/dev/zelparser_read", O_CREAT | O_WRONLY, 0600);
     ASSERT_GE(Fd, 0);
     close(Fd);
-    RunResult R = RunProgram(ZEL_PARSER_PATH, {"--silent", "-V"}, -1, "/tmp");
-    EXPECT_EQ(R.Out, "This program can only be executed within the context of the Dovrel.\n");
-    EXPECT_EQ(R.Status, 255);
+    const std::string Context = "This program can only be executed within the context of the Dovrel.\n";
+    struct {
+        std::vector<std::string> Args;
+        int User;
+        std::string Out;
+    } Cases[] = {
+        {{"-MG", "--VIEW"}, 65534, "Root access required to use the Parser utility.\n"},
+        {{"--silent", "-V"}, -1, Context},
+        // Option errors come before the context message.
+        {{"--VIEW"}, -1, "\nInvalid view parameter...No package name provided.\n" + Context},
+        {{"-MG", "-V", "--VIEW", "a", "--VIEW", "b"}, -1,
+         "\nInvalid view parameter...Multiple view options, only one allowed.\n"
+         "Parser sub-service is unloading\n"},
+    };
+    for (const auto &C : Cases) {
+        RunResult R = RunProgram(ZEL_PARSER_PATH, C.Args, C.User, "/tmp");
+        EXPECT_EQ(R.Out, C.Out) << C.Args[0];
+        EXPECT_EQ(R.Status, 255) << C.Args[0];
+    }
     EXPECT_TRUE(Exists("/dev/zelparser_read"));
     EXPECT_FALSE(Exists("/dev/zelparser_write"));
     EXPECT_FALSE(Exists("/dev/zelrzp_np1"));
-}
-
-TEST_F(Startup, OptionErrorsComeBeforeTheContextMessage)
-{
-    RunResult R = RunProgram(ZEL_PARSER_PATH, {"--VIEW"}, -1, "/tmp");
-    EXPECT_EQ(R.Out, "\nInvalid view parameter...No package name provided.\n"
-                        "This program can only be executed within the context of the Dovrel.\n");
-    EXPECT_EQ(R.Status, 255);
-    R = RunProgram(ZEL_PARSER_PATH, {"-MG", "-V", "--VIEW", "a", "--VIEW", "b"}, -1, "/tmp");
-    EXPECT_EQ(R.Out, "\nInvalid view parameter...Multiple view options, only one allowed.\n"
-                        "Parser sub-service is unloading\n");
-    EXPECT_EQ(R.Status, 255);
-    EXPECT_FALSE(Exists("/dev/zelparser_write")); // start-up was skipped
 }
 
 TEST_F(Startup, AConnectionThatCannotBeOpenedEndsTheProcessWithItsHandle)

@@ -101,7 +101,7 @@ void SetU32(Bytes *B, size_t At, uint32_t Value)
 
 } // namespace
 
-TEST(ManagerRecords, DecodesEveryFieldOfARecordMadeByTheTransportEncoder)
+TEST(ManagerRecords, DecodesEveryFieldAndSubRecordsInAnyOrder)
 {
     ZmRecord R;
     std::string Error;
@@ -128,24 +128,22 @@ TEST(ManagerRecords, DecodesEveryFieldOfARecordMadeByTheTransportEncoder)
     EXPECT_EQ(V.MaximumLength, 16384u);
     EXPECT_EQ(V.Attributes, 0x1fu);
     EXPECT_EQ(R.Configuration[1].Structure, 304u);
-}
 
-TEST(ManagerRecords, AcceptsSubRecordsInAnyOrderAndAMinimalRecord)
-{
-    Bytes R;
-    PutU32s(&R, {204, 4, 0});
-    PutBody(&R, "x.rpm", false, false, false, false);
-    PutU32s(&R, {999, 0});
+    // Sub-records in any order, and a minimal record, are accepted.
+    Bytes B;
+    PutU32s(&B, {204, 4, 0});
+    PutBody(&B, "x.rpm", false, false, false, false);
+    PutU32s(&B, {999, 0});
     ZmRecord Out;
-    ASSERT_EQ(Decode(R, &Out, nullptr), 0);
+    ASSERT_EQ(Decode(B, &Out, nullptr), 0);
     EXPECT_TRUE(Out.Requisites.empty() && Out.Configuration.empty());
 
-    R.resize(R.size() - 8);
-    PutConfiguration(&R, 304, "B");
-    PutRequisite(&R, 302, 1, "libc.so.6");
-    PutRequisite(&R, 301, 2, "true");
-    PutU32s(&R, {999, 0});
-    ASSERT_EQ(Decode(R, &Out, nullptr), 0);
+    B.resize(B.size() - 8);
+    PutConfiguration(&B, 304, "B");
+    PutRequisite(&B, 302, 1, "libc.so.6");
+    PutRequisite(&B, 301, 2, "true");
+    PutU32s(&B, {999, 0});
+    ASSERT_EQ(Decode(B, &Out, nullptr), 0);
     ASSERT_EQ(Out.Requisites.size(), 2u);
     EXPECT_EQ(Out.Requisites[0].Structure, 302u);
     EXPECT_EQ(Out.Configuration.size(), 1u);

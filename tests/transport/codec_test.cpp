@@ -60,18 +60,15 @@ TEST(Codec, JoinedOutputsDecodeInOrderItemByItem)
     EXPECT_EQ(Offset, Length);
 }
 
-TEST(Codec, CharactersOutsideLetterPairsAreIgnoredAndNullDestinationsSkip)
+TEST(Codec, CharactersOutsideLetterPairsAreIgnoredNullDestinationsSkipUnknownLettersRefused)
 {
     unsigned char Buffer[32];
     ASSERT_EQ(Tokenize(Buffer, "value=%U, name=%S.%", 7u, "ab"), 7);
     char Name[4];
     EXPECT_EQ(DeTokenize(Buffer, "[%U] %S", static_cast<void *>(nullptr), Name), 7);
     EXPECT_STREQ(Name, "ab");
-}
 
-TEST(Codec, UnknownLetterIsRefusedBeforeAnythingIsWritten)
-{
-    unsigned char Buffer[16];
+    // An unknown letter is refused before anything is written.
     memset(Buffer, 0xEE, sizeof Buffer);
     EXPECT_EQ(Tokenize(Buffer, "%U%Q", 1u, 2u), -1);
     EXPECT_EQ(Tokenize(Buffer, "%u", 1u), -1) << "letters are upper case";
