@@ -2,11 +2,11 @@
 // supported distributions against the installed one, reading version, name and contents.
 // Writes ComponentList (through AppendComponent) and, in the tree, upper-cased install values.
 #include <dirent.h>
+#include <limits.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "packages.h"
 #include "runflags.h"
@@ -16,20 +16,36 @@
 // A bundle file's name, upper-cased, contains both ".XML" and "BP0".
 static bool IsBundleFileName(const char *Name)
 {
-    std::string Upper = Name;
-    strupr(&Upper[0]);
-    return Upper.find(".XML") != std::string::npos && Upper.find("BP0") != std::string::npos;
+    char Upper[sizeof(dirent::d_name)];
+    CopyBounded(Upper, sizeof Upper, Name);
+    strupr(Upper);
+    return strstr(Upper, ".XML") != nullptr && strstr(Upper, "BP0") != nullptr;
 }
 
-// A bundle whose path would not fit the 256-byte FileName is skipped (it does not count as
-// a position), since a cut path would name another file.
-static bool BundlePathFits(const std::string &Path)
+// Path = Directory "/" Name. A bundle whose path would not fit the 256-byte FileName is skipped
+// (it does not count as a position), since a cut path would name another file.
+static bool BundlePathFits(char (&Path)[BUNDLE_FIELD_SIZE], const char *Directory, const char *Name)
 {
-    if (Path.size() < BUNDLE_FIELD_SIZE)
+    int Length = snprintf(Path, sizeof Path, "%s/%s", Directory, Name);
+    if (Length >= 0 && Length < BUNDLE_FIELD_SIZE)
         return true;
-    printf("The bundle XML file name %s is longer than %d characters; it is skipped.\n",
-           Path.c_str(), BUNDLE_FIELD_SIZE - 1);
+    printf("The bundle XML file name %s/%s is longer than %d characters; it is skipped.\n",
+           Directory, Name, BUNDLE_FIELD_SIZE - 1);
     return false;
+}
+
+// Opens DirectoryName as a directory; a name without its closing '/' gets one.
+static DIR *OpenBundleDirectory(const char *DirectoryName)
+{
+    char Directory[PATH_MAX + 2];
+    size_t Length = strnlen(DirectoryName, sizeof Directory);
+    if (Length + 2 > sizeof Directory)
+        return nullptr;
+    memcpy(Directory, DirectoryName, Length);
+    if (Length == 0 || Directory[Length - 1] != '/')
+        Directory[Length++] = '/';
+    Directory[Length] = '\0';
+    return opendir(Directory);
 }
 
 long FindBundleXmlFile(const char *DirectoryName, int Index, BUNDLEINFOPTR Bundle)
@@ -37,20 +53,17 @@ long FindBundleXmlFile(const char *DirectoryName, int Index, BUNDLEINFOPTR Bundl
     if (Bundle == nullptr || Bundle->FileName == nullptr || DirectoryName == nullptr)
         return XML_OPEN_FAILED;
     Bundle->FileName[0] = '\0';
-    std::string Directory = DirectoryName;
-    if (Directory.empty() || Directory.back() != '/')
-        Directory += '/';
-    DIR *Dir = opendir(Directory.c_str());
+    DIR *Dir = OpenBundleDirectory(DirectoryName);
     if (Dir == nullptr)
         return XML_OPEN_FAILED;
     int Position = 0;
+    char Path[BUNDLE_FIELD_SIZE];
     for (struct dirent *Entry = readdir(Dir); Entry != nullptr; Entry = readdir(Dir)) {
         if (!IsBundleFileName(Entry->d_name))
             continue;
-        std::string Path = std::string(DirectoryName) + "/" + Entry->d_name;
-        if (!BundlePathFits(Path) || Position++ != Index)
+        if (!BundlePathFits(Path, DirectoryName, Entry->d_name) || Position++ != Index)
             continue;
-        CopyBounded(Bundle->FileName, BUNDLE_FIELD_SIZE, Path.c_str());
+        CopyBounded(Bundle->FileName, BUNDLE_FIELD_SIZE, Path);
         Bundle->Status = BUNDLE_FOUND;
         Bundle->Next = nullptr;
         break;

@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 #include "protocol.h"
 #include "runflags.h"
@@ -22,8 +21,9 @@ void BuildRequestHeader(PRZP_HEADER_PACKET Header, uint32_t OpCode, int DataLeng
     FillRequestHeader(Header, OpCode, ParserQueue->WriteConnectionHandle, DataLength);
 }
 
-// Sends one request and waits for its answer, expected from before the send; Header holds the answer's header afterwards
-// (zeroed when the wait ended because the service is ending), Answer its payload.
+// Sends one request and waits for its answer, expected from before the send; Header holds the
+// answer's header afterwards (zeroed when the wait ended because the service is ending), Answer
+// (payload-sized) its payload.
 void RoundTrip(PRZP_HEADER_PACKET Header, unsigned char *Payload, unsigned char *Answer)
 {
     PENDINGWAIT Wait;
@@ -32,71 +32,96 @@ void RoundTrip(PRZP_HEADER_PACKET Header, unsigned char *Payload, unsigned char 
     WaitForExpectedAnswer(&Wait, Header, Answer);
 }
 
-// A request whose payload the caller encoded: returns the answer's ReturnCode.
-int SendTextRequest(uint32_t OpCode, unsigned char *Payload, int PayloadLength)
+// A payload-sized buffer for a request or its answer, or nullptr (after a console line) when
+// memory has run out; the request is then not sent.
+unsigned char *PayloadBuffer(void)
 {
+    unsigned char *Buffer = static_cast<unsigned char *>(calloc(1, RZP_MAX_PAYLOAD));
+    if (Buffer == nullptr)
+        printf("Unable to allocate memory for a request to the manager.\n");
+    return Buffer;
+}
+
+// A request whose payload the caller encoded: returns the answer's ReturnCode
+// (RZP_OUT_OF_MEMORY when no buffer for the answer can be had: nothing is sent).
+int SendRequest(uint32_t OpCode, unsigned char *Payload, int PayloadLength)
+{
+    unsigned char *Answer = PayloadBuffer();
+    if (Answer == nullptr)
+        return RZP_OUT_OF_MEMORY;
     RZP_HEADER_PACKET Header;
-    std::vector<unsigned char> Answer(RZP_MAX_PAYLOAD);
     BuildRequestHeader(&Header, OpCode, PayloadLength);
-    RoundTrip(&Header, Payload, Answer.data());
+    RoundTrip(&Header, Payload, Answer);
+    free(Answer);
     return Header.ReturnCode;
 }
 
-// One STRING item holding Text (declared length with its NUL). Text that does not fit a
-// payload is cut: it is display text.
+// One STRING item holding Text (declared length with its NUL) in a payload-sized buffer. Text
+// that does not fit a payload is cut: it is display text.
 int EncodeMessage(unsigned char *Payload, const char *Text)
 {
-    char Cut[RZP_MAX_PAYLOAD - 8];
-    CopyBounded(Cut, sizeof Cut, Text);
-    return Tokenize(Payload, "%U%U%S", RZP_TYPE_STRING, static_cast<uint32_t>(strlen(Cut) + 1), Cut);
+    const size_t Room = RZP_MAX_PAYLOAD - 9; // the item's type, its length and the NUL
+    size_t Length = Text == nullptr ? 0 : strnlen(Text, Room);
+    int Offset = Tokenize(Payload, "%U%U", RZP_TYPE_STRING, static_cast<uint32_t>(Length + 1));
+    if (Length > 0)
+        memcpy(Payload + Offset, Text, Length);
+    Payload[Offset + Length] = '\0';
+    return Offset + static_cast<int>(Length) + 1;
+}
+
+// Sends Text as the one STRING item of a request of OpCode.
+void SendText(uint32_t OpCode, const char *Text)
+{
+    unsigned char *Payload = PayloadBuffer();
+    if (Payload == nullptr)
+        return;
+    SendRequest(OpCode, Payload, EncodeMessage(Payload, Text));
+    free(Payload);
 }
 
 } // namespace
 
 int SendLogDataPacket(unsigned char *Payload, int PayloadLength)
 {
-    return SendTextRequest(RZP_LOG_DATA, Payload, PayloadLength);
+    return SendRequest(RZP_LOG_DATA, Payload, PayloadLength);
 }
 
 int SendOutputDataPacket(unsigned char *Payload, int PayloadLength)
 {
-    return SendTextRequest(RZP_OUTPUT_DATA, Payload, PayloadLength);
+    return SendRequest(RZP_OUTPUT_DATA, Payload, PayloadLength);
 }
 
 void SendScreenAndLog(const char *Coloured, const char *Plain)
 {
-    std::vector<unsigned char> Payload(RZP_MAX_PAYLOAD);
-    const char *Screen = (NO_USER_INTERFACE == 1 && Coloured != nullptr) ? Coloured : Plain;
-    int Length = EncodeMessage(Payload.data(), Screen);
-    SendOutputDataPacket(Payload.data(), Length);
-    Length = EncodeMessage(Payload.data(), Plain);
-    SendLogDataPacket(Payload.data(), Length);
+    SendText(RZP_OUTPUT_DATA, (NO_USER_INTERFACE == 1 && Coloured != nullptr) ? Coloured : Plain);
+    SendText(RZP_LOG_DATA, Plain);
 }
 
 void SendLogOnly(const char *Plain)
 {
-    std::vector<unsigned char> Payload(RZP_MAX_PAYLOAD);
-    int Length = EncodeMessage(Payload.data(), Plain);
-    SendLogDataPacket(Payload.data(), Length);
+    SendText(RZP_LOG_DATA, Plain);
 }
 
 int QueryOpcodeSupport(uint32_t OpCode, const char *DebugName)
 {
     RZP_HEADER_PACKET Header;
     unsigned char Query[16];
-    std::vector<unsigned char> Answer(RZP_MAX_PAYLOAD);
+    unsigned char *Answer = PayloadBuffer();
+    if (Answer == nullptr)
+        return RZP_OUT_OF_MEMORY;
     int Result = RZP_OPCODE_NOT_SUPPORTED;
     int Count = 0;
     while (Parser_Exiting != 1 && Result == RZP_OPCODE_NOT_SUPPORTED && Count < SupportQueryLimit) {
         int Length = Tokenize(Query, "%U%U%U", RZP_TYPE_ULONG, 4u, OpCode);
         BuildRequestHeader(&Header, RZP_IS_OPCODE_SUPPORTED, Length);
-        RoundTrip(&Header, Query, Answer.data());
+        RoundTrip(&Header, Query, Answer);
         Count++;
         Result = Header.ReturnCode;
         if (Debugging() && DebugName != nullptr)
             printf("%s %s supported.\n", DebugName,
                    Result == RZP_OPCODE_SUPPORTED ? "is" : "is not");
     }
+    free(Answer);
     if (Count >= SupportQueryLimit) {
         Parser_Exiting = 1;
         return RZP_OPCODE_NOT_SUPPORTED;
@@ -104,27 +129,44 @@ int QueryOpcodeSupport(uint32_t OpCode, const char *DebugName)
     return 0;
 }
 
+namespace {
+
+// The log file name request and its answer's one STRING item, read through Answer and Text
+// (payload-sized buffers) into Name.
+int FetchLogFileName(unsigned char *Answer, char *Text, char *Name, size_t NameSize,
+                     uint32_t *NameLength)
+{
+    RZP_HEADER_PACKET Header;
+    BuildRequestHeader(&Header, RZP_GET_LOG_FILE_NAME, 0);
+    RoundTrip(&Header, nullptr, Answer);
+    if (Header.ReturnCode != 0)
+        return Header.ReturnCode;
+    // A payload that does not hold a whole item leaves the caller's areas untouched.
+    PAYLOADREADER Reader = {Answer, Header.DataLength, 0, 0};
+    ReadPayloadU32(&Reader);
+    uint32_t Length = ReadPayloadU32(&Reader);
+    ReadPayloadString(&Reader, Text, RZP_MAX_PAYLOAD);
+    if (Reader.Failed)
+        return Header.ReturnCode;
+    *NameLength = Length;
+    CopyBounded(Name, NameSize, Text);
+    return Header.ReturnCode;
+}
+
+} // namespace
+
 int SendGetLogFileNamePacket(char *Name, size_t NameSize, uint32_t *NameLength)
 {
     if (QueryOpcodeSupport(RZP_GET_LOG_FILE_NAME, nullptr) != 0)
         return RZP_OPCODE_NOT_SUPPORTED;
-    RZP_HEADER_PACKET Header;
-    std::vector<unsigned char> Answer(RZP_MAX_PAYLOAD);
-    BuildRequestHeader(&Header, RZP_GET_LOG_FILE_NAME, 0);
-    RoundTrip(&Header, nullptr, Answer.data());
-    if (Header.ReturnCode != 0)
-        return Header.ReturnCode;
-    // A payload that does not hold a whole item leaves the caller's areas untouched.
-    PAYLOADREADER Reader = {Answer.data(), Header.DataLength, 0, 0};
-    ReadPayloadU32(&Reader);
-    uint32_t Length = ReadPayloadU32(&Reader);
-    std::vector<char> Text(RZP_MAX_PAYLOAD);
-    ReadPayloadString(&Reader, Text.data(), Text.size());
-    if (Reader.Failed)
-        return Header.ReturnCode;
-    *NameLength = Length;
-    CopyBounded(Name, NameSize, Text.data());
-    return Header.ReturnCode;
+    unsigned char *Answer = PayloadBuffer();
+    char *Text = reinterpret_cast<char *>(PayloadBuffer());
+    int Result = RZP_OUT_OF_MEMORY;
+    if (Answer != nullptr && Text != nullptr)
+        Result = FetchLogFileName(Answer, Text, Name, NameSize, NameLength);
+    free(Answer);
+    free(Text);
+    return Result;
 }
 
 int SendIsComponentSupportedByThisErrataPacket(unsigned char *Buffer, int BufferLength)
@@ -132,11 +174,7 @@ int SendIsComponentSupportedByThisErrataPacket(unsigned char *Buffer, int Buffer
     if (QueryOpcodeSupport(RZP_IS_COMPONENT_SUPPORTED_ON_THIS_ERRATA,
                            "RZP_IS_COMPONENT_SUPPORTED_ON_THIS_ERRATA") != 0)
         return RZP_OPCODE_NOT_SUPPORTED;
-    RZP_HEADER_PACKET Header;
-    std::vector<unsigned char> Answer(RZP_MAX_PAYLOAD);
-    BuildRequestHeader(&Header, RZP_IS_COMPONENT_SUPPORTED_ON_THIS_ERRATA, BufferLength);
-    RoundTrip(&Header, Buffer, Answer.data());
-    DebugPrint("The return code from the SendIsComponentSupportByThisErrataPacket is %d\n",
-               Header.ReturnCode);
-    return Header.ReturnCode;
+    int Result = SendRequest(RZP_IS_COMPONENT_SUPPORTED_ON_THIS_ERRATA, Buffer, BufferLength);
+    DebugPrint("The return code from the SendIsComponentSupportByThisErrataPacket is %d\n", Result);
+    return Result;
 }

@@ -14,7 +14,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "protocol.h"
 #include "records.h"
@@ -146,19 +145,24 @@ void *LoadTransportLibrary(void)
     void *Library = dlopen(RZP_TRANSPORT_LIBRARY, RTLD_LAZY);
     if (Library != nullptr)
         return Library;
-    std::string Error = dlerror();
+    char Error[512];
+    CopyBounded(Error, sizeof Error, dlerror());
     char Executable[4096];
     ssize_t Length = readlink("/proc/self/exe", Executable, sizeof Executable - 1);
     if (Length > 0) {
         Executable[Length] = '\0';
-        std::string Directory(Executable, strrchr(Executable, '/') - Executable);
-        for (const char *Relative : {"/", "/../lib/"}) {
-            Library = dlopen((Directory + Relative + RZP_TRANSPORT_LIBRARY).c_str(), RTLD_LAZY);
+        int DirectoryLength = static_cast<int>(strrchr(Executable, '/') - Executable);
+        char Candidate[sizeof Executable + sizeof RZP_TRANSPORT_LIBRARY + 8];
+        static const char *const Relatives[] = {"/", "/../lib/"};
+        for (const char *Relative : Relatives) {
+            snprintf(Candidate, sizeof Candidate, "%.*s%s%s", DirectoryLength, Executable, Relative,
+                     RZP_TRANSPORT_LIBRARY);
+            Library = dlopen(Candidate, RTLD_LAZY);
             if (Library != nullptr)
                 return Library;
         }
     }
-    printf("Could not open " RZP_TRANSPORT_LIBRARY "...Error %s\n", Error.c_str());
+    printf("Could not open " RZP_TRANSPORT_LIBRARY "...Error %s\n", Error);
     return nullptr;
 }
 
