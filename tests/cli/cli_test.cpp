@@ -1,10 +1,10 @@
 // The zelrzp-manager program as a user runs it: exit status, the JSON parsed back, the table,
 // the support matrix, an unprivileged run (plan and lint), and every XML example of the docs
-// linted and run through the sub-service. Each bundle is written to a fresh directory under /tmp.
+// linted and run through the sub-service. The bundles are those of the lint corpus
+// (tests/lint/corpus) or written to a fresh directory under /tmp.
 #include <gtest/gtest.h>
 
 #include <pwd.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <map>
@@ -39,49 +39,8 @@ CliResult RunCli(const std::vector<std::string> &Args, int Uid = -1)
     return R;
 }
 
-std::string Bundle(const std::vector<std::string> &Packages,
-                   const std::string &System = "Red Hat Linux 7.3")
-{
-    std::string X = "<?xml version=\"1.0\"?>\n<zel_bundle>\n  <version value=\"1.0\"/>\n"
-                    "  <name>\n    <name_xlate lang=\"en\">Test Pack</name_xlate>\n  </name>\n"
-                    "  <operating_systems>\n    <operating_system>\n"
-                    "      <operating_system_xlate lang=\"en\">" + System +
-                    "</operating_system_xlate>\n    </operating_system>\n  </operating_systems>\n"
-                    "  <contents>\n";
-    for (const std::string &P : Packages)
-        X += "    <package install=\"yes\">" + P + "</package>\n";
-    return X + "  </contents>\n</zel_bundle>\n";
-}
-
-std::string Component(const std::string &Name, bool WithNameSection = true)
-{
-    return "<?xml version=\"1.0\"?>\n<zel_package>\n  <version value=\"2.0\"/>\n" +
-           std::string(WithNameSection ? "  <name>\n    <name_xlate lang=\"en\">" + Name +
-                                             "</name_xlate>\n  </name>\n"
-                                       : "") +
-           "  <description>\n    <description_xlate lang=\"en\">\n"
-           "      <![CDATA[A component.]]>\n    </description_xlate>\n  </description>\n"
-           "  <installation>\n    <install>\n      <reboot_required value=\"no\"/>\n"
-           "      <command>rpm -Uvh " + Name + "</command>\n    </install>\n  </installation>\n"
-           "  <prerequisites>\n    <supported_devices>\n    </supported_devices>\n  </prerequisites>\n"
-           "  <platform_specific>\n    <LINUX>\n      <Red_Hat_Linux_7.3>\n"
-           "        <has_prerequisites value=\"no\"/>\n        <has_postrequisites value=\"no\"/>\n"
-           "        <requires_preconfiguration value=\"no\"/>\n"
-           "        <requires_postconfiguration value=\"no\"/>\n"
-           "      </Red_Hat_Linux_7.3>\n    </LINUX>\n  </platform_specific>\n</zel_package>\n";
-}
-
-// A bundle of the named components, each with its package and XML file.
-void WriteGood(const BundleDir &D, const std::vector<std::string> &Names)
-{
-    std::vector<std::string> Packages;
-    for (const std::string &N : Names) {
-        D.Write(N + ".rpm", "package\n");
-        D.Write(N + ".xml", Component(N));
-        Packages.push_back(N + ".rpm");
-    }
-    D.Write("bp000001.xml", Bundle(Packages));
-}
+// The lint corpus: small bundles of a clean component ("good") beside one mistake ("bad").
+const std::string Corpus = ZEL_DOCS "/../tests/lint/corpus/";
 
 // Runs on the bundle simulating Red Hat Linux 7.3 (or with Options alone), JSON parsed back.
 CliResult RunJson(const std::string &Dir, std::vector<std::string> Options = {"--distro=rh73"})
@@ -104,7 +63,13 @@ int Problems(const Json &R)
 TEST(Cli, GoodBundleIsCleanAndItsJsonSaysSo)
 {
     BundleDir D;
-    WriteGood(D, {"alpha-1.0-1", "caf\xc3\xa9\xc0\xaf\xed\xa0\x80-1.0-1"}); // overlong, surrogate
+    std::string Odd = "caf\xc3\xa9\xc0\xaf\xed\xa0\x80-1.0-1"; // overlong and surrogate bytes
+    std::string Good = ReadAll(Corpus + "pci-id/good-1.0-1.i386.xml"), Bundle = ReadAll(Corpus + "pci-id/bp000001.xml");
+    for (const std::string &Name : {std::string("good-1.0-1.i386"), Odd}) {
+        D.Write(Name + ".xml", Good);
+        D.Write(Name + ".rpm", "package\n");
+    }
+    D.Write("bp000001.xml", Bundle.replace(Bundle.find("bad-1.0-1.i386"), 14, Odd));
     CliResult R = RunJson(D.Path);
     EXPECT_EQ(0, R.Status) << R.Out;
     EXPECT_EQ("clean", R.Parsed["outcome"]);
@@ -114,67 +79,62 @@ TEST(Cli, GoodBundleIsCleanAndItsJsonSaysSo)
     EXPECT_EQ("Red Hat Linux 7.3", R.Parsed["bundle"]["matchedEntry"]);
     EXPECT_EQ("Red_Hat_Linux_7.3", R.Parsed["distribution"]["key"]);
     ASSERT_EQ(2u, R.Parsed["components"].size());
-    EXPECT_EQ("alpha-1.0-1.rpm", R.Parsed["components"][0]["file"]);
-    std::string Odd = R.Parsed["components"][1]["file"];
-    EXPECT_EQ(0u, Odd.find("caf\xc3\xa9\xef\xbf\xbd")) << Odd;
+    EXPECT_EQ("good-1.0-1.i386.rpm", R.Parsed["components"][0]["file"]);
+    std::string File = R.Parsed["components"][1]["file"];
+    EXPECT_EQ(0u, File.find("caf\xc3\xa9\xef\xbf\xbd")) << File;
     EXPECT_TRUE(R.Parsed["refused"].empty());
     EXPECT_EQ(0, Problems(R.Parsed));
     EXPECT_TRUE(R.Parsed["failure"].is_null());
 }
 
+// A missing package or an unreadable component XML file is refused, and the console line
+// that says why (it names no file) is tied to its file and component.
 TEST(Cli, MissingAndCorruptComponentsAreRefusedWithTheirFiles)
 {
-    BundleDir D;
-    WriteGood(D, {"alpha-1.0-1"});
-    D.Write("broken-1.0-1.rpm", "package\n");
-    D.Write("broken-1.0-1.xml", Component("broken-1.0-1", false)); // no name section
-    D.Write("bp000001.xml", Bundle({"alpha-1.0-1.rpm", "gone-1.0-1.rpm", "broken-1.0-1.rpm"}));
-    CliResult R = RunJson(D.Path);
-    EXPECT_EQ(1, R.Status);
-    EXPECT_EQ("findings", R.Parsed["outcome"]);
-    ASSERT_EQ(2u, R.Parsed["refused"].size());
-    EXPECT_EQ("gone-1.0-1.rpm", R.Parsed["refused"][0]["component"]);
-    EXPECT_EQ("The component file to install is missing.", R.Parsed["refused"][0]["reason"]);
-    EXPECT_EQ("broken-1.0-1.rpm", R.Parsed["refused"][1]["component"]);
-    bool Tied = false; // the console line that says why names no file; the run ties it
-    for (const Json &F : R.Parsed["findings"])
-        if (F["text"] == "The XML file is corrupt.  The 'name' section cannot be found.")
-            Tied = F["file"] == "broken-1.0-1.xml" && F["component"] == "broken-1.0-1.rpm" &&
-                   F["sources"][0] == "console" && F["problem"] == true;
-    EXPECT_TRUE(Tied) << R.Parsed["findings"].dump(1);
+    for (const std::vector<std::string> C :
+         {std::vector<std::string>{"package-file-missing", "The component file to install is missing.", ""},
+          {"component-unreadable", "The component XML file is missing.",
+           "The XML file is corrupt.  The 'command' section cannot be found."}}) {
+        SCOPED_TRACE(C[0]);
+        CliResult R = RunJson(Corpus + C[0]);
+        EXPECT_EQ(1, R.Status);
+        EXPECT_EQ("findings", R.Parsed["outcome"]);
+        ASSERT_EQ(1u, R.Parsed["refused"].size());
+        EXPECT_EQ("bad-1.0-1.i386.rpm", R.Parsed["refused"][0]["component"]);
+        EXPECT_EQ(C[1], R.Parsed["refused"][0]["reason"]);
+        bool Tied = C[2].empty();
+        for (const Json &F : R.Parsed["findings"])
+            Tied |= F["text"] == C[2] && F["file"] == "bad-1.0-1.i386.xml" &&
+                    F["component"] == "bad-1.0-1.i386.rpm" && F["sources"][0] == "console" &&
+                    F["problem"] == true;
+        EXPECT_TRUE(Tied) << R.Parsed["findings"].dump(1);
+    }
 }
 
 TEST(Cli, NoPlanCasesExitThreeAndSayWhyOnStdout)
 {
+    BundleDir Corrupt; // a bundle file with a version and nothing else
+    Corrupt.Write("bp000001.xml", "<?xml version=\"1.0\"?>\n<zel_bundle>\n  <version value=\"1\"/>\n</zel_bundle>\n");
     struct Case {
-        const char *What;
-        std::vector<std::string> Files; // name, text pairs
+        std::string Dir;
         std::vector<std::string> Args;
         int Code;
         const char *Says;
-    };
-    std::string Good = Bundle({"alpha-1.0-1.rpm"});
-    std::string Corrupt = "<?xml version=\"1.0\"?>\n<zel_bundle>\n  <version value=\"1\"/>\n"
-                          "</zel_bundle>\n";
-    std::vector<Case> Cases = {
-        {"no bundle file", {}, {}, -703, "holds no bundle XML file"},
-        {"broken bundle", {"bp000001.xml", Corrupt}, {}, -703, "./bp000001.xml corrupt"},
-        {"two supported", {"bp000001.xml", Good, "bp000002.xml", Good}, {}, -505, "more than one"},
-        {"other system", {"bp000001.xml", Bundle({"alpha-1.0-1.rpm"}, "Red Hat Linux 9")}, {}, -703,
-         "./bp000001.xml not supported"},
-        {"view matches nothing", {"bp000001.xml", Good}, {"--VIEW=zzz"}, 0, "contains \"zzz\""},
-        {"-C matches nothing", {}, {"-C", "nothere-1.rpm"}, 0, "the plan is empty"},
+    } Cases[] = {
+        {Corpus + "no-bundle-file", {}, -703, "holds no bundle XML file"},
+        {Corrupt.Path, {}, -703, "./bp000001.xml corrupt"},
+        {Corpus + "bundle-unreadable", {}, -504, "the version or the name of the bundle XML file"},
+        {Corpus + "distribution-claimed-twice", {}, -505, "more than one"},
+        {Corpus + "pci-id", {"--distro=rhel3"}, -703, "./bp000001.xml not supported"},
+        {Corpus + "pci-id", {"--VIEW=zzz"}, 0, "contains \"zzz\""},
+        {Corpus + "pci-id", {"-C", "nothere-1.rpm"}, 0, "the plan is empty"},
     };
     for (const Case &C : Cases) {
-        SCOPED_TRACE(C.What);
-        BundleDir D;
-        WriteGood(D, {"alpha-1.0-1"});
-        unlink((D.Path + "/bp000001.xml").c_str());
-        for (size_t i = 0; i + 1 < C.Files.size(); i += 2)
-            D.Write(C.Files[i], C.Files[i + 1]);
+        SCOPED_TRACE(C.Says);
         std::vector<std::string> Args = C.Args;
-        Args.insert(Args.begin(), "--distro=rh73");
-        CliResult R = RunJson(D.Path, Args);
+        if (Args.empty() || Args[0] != "--distro=rhel3")
+            Args.insert(Args.begin(), "--distro=rh73");
+        CliResult R = RunJson(C.Dir, Args);
         EXPECT_EQ(3, R.Status);
         EXPECT_EQ(3, R.Parsed["exitStatus"]);
         ASSERT_TRUE(R.Parsed["failure"].is_object());
@@ -191,27 +151,26 @@ TEST(Cli, NoPlanCasesExitThreeAndSayWhyOnStdout)
 // the options, the separate-value form works like --opt=value, and a file gets no colour.
 TEST(Cli, CommandLine)
 {
-    BundleDir D;
-    WriteGood(D, {"alpha-1.0-1"});
+    const std::string Dir = Corpus + "dialect-text"; // a clean plan
     struct Case {
         std::vector<std::string> Args;
         int Status;
         std::string Out, Err; // expected in standard output, standard error
     } Cases[] = {
-        {{"--distro=nowhere", D.Path}, 2, "", "  sles8-ul  "}, // lists the known ones
-        {{"--bogus", D.Path}, 2, "", "unknown option --bogus"},
+        {{"--distro=nowhere", Dir}, 2, "", "  sles8-ul  "}, // lists the known ones
+        {{"--bogus", Dir}, 2, "", "unknown option --bogus"},
         {{"--distro"}, 2, "", "--distro needs a value"},
         {{"--distro=rh73"}, 2, "", "no bundle directory"},
-        {{"--all-distros", "--distro=rh73", D.Path}, 2, "", "leave out --distro"},
+        {{"--all-distros", "--distro=rh73", Dir}, 2, "", "leave out --distro"},
         {{"lint"}, 2, "", ""},
         {{"lint", "--explain", "no-such-tag"}, 2, "", ""},
-        {{"lint", "--bogus", D.Path}, 2, "", ""},
+        {{"lint", "--bogus", Dir}, 2, "", ""},
         {{"lint", "/nonexistent/bundle"}, 2, "", ""},
-        {{"lint", D.Path, D.Path}, 2, "", ""},
+        {{"lint", Dir, Dir}, 2, "", ""},
         {{"lint", "--help"}, 0, "", ""},
         {{"--version"}, 0, "zelrzp-manager ", ""},
         {{"--help"}, 0, "Exit status", ""},
-        {{"--distro", "rh73", "--NUI", "--", D.Path}, 0, "Result: clean (exit status 0)", ""},
+        {{"--distro", "rh73", "--NUI", "--", Dir}, 0, "Result: clean (exit status 0)", ""},
     };
     for (const Case &C : Cases) {
         CliResult R = RunCli(C.Args);
@@ -257,23 +216,7 @@ TEST(Cli, MatrixOfTheExampleBundleExplainsEachDistribution)
         << R.Out;
 }
 
-// True when a user other than root may create a user namespace here. The probe runs in a fresh
-// single-threaded program, since unshare refuses a new user namespace to a threaded process
-// (a sanitizer's runtime has threads).
-bool UnprivilegedNamespacesAllowed(int Uid)
-{
-    pid_t Pid = fork();
-    if (Pid == 0) {
-        if (setgroups(0, nullptr) == 0 && setgid(Uid) == 0 && setuid(Uid) == 0)
-            execl("/usr/bin/unshare", "unshare", "--user", "--mount", "true", (char *)nullptr);
-        _exit(1);
-    }
-    int Status = 0;
-    waitpid(Pid, &Status, 0);
-    return WIFEXITED(Status) && WEXITSTATUS(Status) == 0;
-}
-
-// Lint finds the same as nobody as as root; the plan needs root only without a simulation.
+// Lint finds the same as nobody as root; the plan needs root only without a simulation.
 TEST(Cli, AnOrdinaryUserGetsThePlanAndTheLint)
 {
     struct passwd *Nobody = getpwnam("nobody");
@@ -287,7 +230,9 @@ TEST(Cli, AnOrdinaryUserGetsThePlanAndTheLint)
     CliResult R = RunCli({"--json", Example}, Uid); // this system: needs root
     EXPECT_EQ(3, R.Status);
     EXPECT_NE(std::string::npos, R.Parsed["failure"]["what"].get<std::string>().find("needs root"));
-    if (!UnprivilegedNamespacesAllowed(Uid))
+    // The probe is a fresh single-threaded program: unshare refuses a new user namespace to a
+    // threaded process (a sanitizer's runtime has threads).
+    if (RunProgram("/usr/bin/unshare", {"--user", "--mount", "true"}, Uid).Status != 0)
         GTEST_SKIP() << "this kernel forbids user namespaces to unprivileged users (or "
                         "/usr/bin/unshare is missing)";
     R = RunCli({"--distro=rhel3", "--json", Example}, Uid);
