@@ -177,8 +177,11 @@ static void Converse(const CliOptions &O, CliRun *Run)
     Run->Tqr = !O.Packages.empty();
     if (ZmStart(&S, ConfigFor(O), &Error) != 0) {
         CliFailed(Run, "start", 0, "cannot start the sub-service: " + Error);
-    } else if (OpenBundle(Run) == 0 && ParseBundle(Run) == 0) {
-        if (ZmStop(&S) < 0)
+    } else {
+        bool Planned = OpenBundle(Run) == 0 && ParseBundle(Run) == 0;
+        // Asked to end after a failure too: its last console lines (why it failed) are read
+        // before the session closes, not lost with a killed process.
+        if (ZmStop(&S) < 0 && Planned)
             CliFailed(Run, "stop", 0, "the sub-service did not shut down in time and was killed");
     }
     ZmClose(&S);
