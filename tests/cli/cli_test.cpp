@@ -91,7 +91,7 @@ TEST(Cli, GoodBundleIsCleanAndItsJsonSaysSo)
 // that says why (it names no file) is tied to its file and component.
 TEST(Cli, MissingAndCorruptComponentsAreRefusedWithTheirFiles)
 {
-    for (const std::vector<std::string> C :
+    for (const std::vector<std::string> &C :
          {std::vector<std::string>{"package-file-missing", "The component file to install is missing.", ""},
           {"component-unreadable", "The component XML file is missing.",
            "The XML file is corrupt.  The 'command' section cannot be found."}}) {
