@@ -1,19 +1,14 @@
 // The zelrzp-manager program as a user runs it: exit status, the JSON parsed back, the table,
-// the support matrix, an unprivileged run, and every XML example of the docs run through the
-// sub-service. Each bundle is written to a fresh directory under /tmp.
+// the support matrix, an unprivileged run (plan and lint), and every XML example of the docs
+// linted and run through the sub-service. The bundles are those of the lint corpus
+// (tests/lint/corpus) or written to a fresh directory under /tmp.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <grp.h>
-#include <sched.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
+#include <pwd.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <map>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -30,7 +25,7 @@ struct CliResult : RunResult {
     Json Parsed; // Out as JSON, or discarded
 };
 
-// Runs zelrzp-manager with Args; as user Uid (and group Uid) when Uid >= 0.
+// Runs zelrzp-manager with Args; as user (and group) Uid when Uid >= 0.
 CliResult RunCli(const std::vector<std::string> &Args, int Uid = -1)
 {
     CliResult R;
@@ -44,55 +39,16 @@ CliResult RunCli(const std::vector<std::string> &Args, int Uid = -1)
     return R;
 }
 
-std::string Bundle(const std::vector<std::string> &Packages,
-                   const std::string &System = "Red Hat Linux 7.3")
-{
-    std::string X = "<?xml version=\"1.0\"?>\n<zel_bundle>\n  <version value=\"1.0\"/>\n"
-                    "  <name>\n    <name_xlate lang=\"en\">Test Pack</name_xlate>\n  </name>\n"
-                    "  <operating_systems>\n    <operating_system>\n"
-                    "      <operating_system_xlate lang=\"en\">" + System +
-                    "</operating_system_xlate>\n    </operating_system>\n  </operating_systems>\n"
-                    "  <contents>\n";
-    for (const std::string &P : Packages)
-        X += "    <package install=\"yes\">" + P + "</package>\n";
-    return X + "  </contents>\n</zel_bundle>\n";
-}
+// The lint corpus: small bundles of a clean component ("good") beside one mistake ("bad").
+const std::string Corpus = ZEL_DOCS "/../tests/lint/corpus/";
 
-std::string Component(const std::string &Name, bool WithNameSection = true)
+// Runs on the bundle simulating Red Hat Linux 7.3 (or with Options alone), JSON parsed back.
+CliResult RunJson(const std::string &Dir, std::vector<std::string> Options = {"--distro=rh73"})
 {
-    return "<?xml version=\"1.0\"?>\n<zel_package>\n  <version value=\"2.0\"/>\n" +
-           std::string(WithNameSection ? "  <name>\n    <name_xlate lang=\"en\">" + Name +
-                                             "</name_xlate>\n  </name>\n"
-                                       : "") +
-           "  <description>\n    <description_xlate lang=\"en\">\n"
-           "      <![CDATA[A component.]]>\n    </description_xlate>\n  </description>\n"
-           "  <installation>\n    <install>\n      <reboot_required value=\"no\"/>\n"
-           "      <command>rpm -Uvh " + Name + "</command>\n    </install>\n  </installation>\n"
-           "  <prerequisites>\n    <supported_devices>\n    </supported_devices>\n  </prerequisites>\n"
-           "  <platform_specific>\n    <LINUX>\n      <Red_Hat_Linux_7.3>\n"
-           "        <has_prerequisites value=\"no\"/>\n        <has_postrequisites value=\"no\"/>\n"
-           "        <requires_preconfiguration value=\"no\"/>\n"
-           "        <requires_postconfiguration value=\"no\"/>\n"
-           "      </Red_Hat_Linux_7.3>\n    </LINUX>\n  </platform_specific>\n</zel_package>\n";
-}
-
-// A bundle of the named components, each with its package and XML file.
-void WriteGood(const BundleDir &D, const std::vector<std::string> &Names)
-{
-    std::vector<std::string> Packages;
-    for (const std::string &N : Names) {
-        D.Write(N + ".rpm", "package\n");
-        D.Write(N + ".xml", Component(N));
-        Packages.push_back(N + ".rpm");
-    }
-    D.Write("bp000001.xml", Bundle(Packages));
-}
-
-CliResult RunJson(const BundleDir &D, std::vector<std::string> Extra = {})
-{
-    Extra.insert(Extra.begin(), {"--distro=rh73", "--json"});
-    Extra.push_back(D.Path);
-    return RunCli(Extra);
+    Options.insert(Options.end(), {"--json", Dir});
+    CliResult R = RunCli(Options);
+    EXPECT_FALSE(R.Parsed.is_discarded()) << R.Out << R.Err;
+    return R;
 }
 
 int Problems(const Json &R)
@@ -103,12 +59,18 @@ int Problems(const Json &R)
     return N;
 }
 
+// A good bundle is clean; a file name that is not UTF-8 keeps the JSON valid (U+FFFD).
 TEST(Cli, GoodBundleIsCleanAndItsJsonSaysSo)
 {
     BundleDir D;
-    WriteGood(D, {"alpha-1.0-1", "beta-1.0-1"});
-    CliResult R = RunJson(D);
-    ASSERT_FALSE(R.Parsed.is_discarded()) << R.Out << R.Err;
+    std::string Odd = "caf\xc3\xa9\xc0\xaf\xed\xa0\x80-1.0-1"; // overlong and surrogate bytes
+    std::string Good = ReadAll(Corpus + "pci-id/good-1.0-1.i386.xml"), Bundle = ReadAll(Corpus + "pci-id/bp000001.xml");
+    for (const std::string &Name : {std::string("good-1.0-1.i386"), Odd}) {
+        D.Write(Name + ".xml", Good);
+        D.Write(Name + ".rpm", "package\n");
+    }
+    D.Write("bp000001.xml", Bundle.replace(Bundle.find("bad-1.0-1.i386"), 14, Odd));
+    CliResult R = RunJson(D.Path);
     EXPECT_EQ(0, R.Status) << R.Out;
     EXPECT_EQ("clean", R.Parsed["outcome"]);
     EXPECT_EQ(0, R.Parsed["exitStatus"]);
@@ -117,117 +79,124 @@ TEST(Cli, GoodBundleIsCleanAndItsJsonSaysSo)
     EXPECT_EQ("Red Hat Linux 7.3", R.Parsed["bundle"]["matchedEntry"]);
     EXPECT_EQ("Red_Hat_Linux_7.3", R.Parsed["distribution"]["key"]);
     ASSERT_EQ(2u, R.Parsed["components"].size());
-    EXPECT_EQ("alpha-1.0-1.rpm", R.Parsed["components"][0]["file"]);
+    EXPECT_EQ("good-1.0-1.i386.rpm", R.Parsed["components"][0]["file"]);
+    std::string File = R.Parsed["components"][1]["file"];
+    EXPECT_EQ(0u, File.find("caf\xc3\xa9\xef\xbf\xbd")) << File;
     EXPECT_TRUE(R.Parsed["refused"].empty());
     EXPECT_EQ(0, Problems(R.Parsed));
     EXPECT_TRUE(R.Parsed["failure"].is_null());
 }
 
+// A missing package or an unreadable component XML file is refused, and the console line
+// that says why (it names no file) is tied to its file and component.
 TEST(Cli, MissingAndCorruptComponentsAreRefusedWithTheirFiles)
 {
-    BundleDir D;
-    WriteGood(D, {"alpha-1.0-1"});
-    D.Write("broken-1.0-1.rpm", "package\n");
-    D.Write("broken-1.0-1.xml", Component("broken-1.0-1", false)); // no name section
-    D.Write("bp000001.xml", Bundle({"alpha-1.0-1.rpm", "gone-1.0-1.rpm", "broken-1.0-1.rpm"}));
-    CliResult R = RunJson(D);
-    ASSERT_FALSE(R.Parsed.is_discarded()) << R.Out << R.Err;
-    EXPECT_EQ(1, R.Status);
-    EXPECT_EQ("findings", R.Parsed["outcome"]);
-    ASSERT_EQ(2u, R.Parsed["refused"].size());
-    EXPECT_EQ("gone-1.0-1.rpm", R.Parsed["refused"][0]["component"]);
-    EXPECT_EQ("The component file to install is missing.", R.Parsed["refused"][0]["reason"]);
-    EXPECT_EQ("broken-1.0-1.rpm", R.Parsed["refused"][1]["component"]);
-    bool Tied = false; // the console line that says why names no file; the run ties it
-    for (const Json &F : R.Parsed["findings"])
-        if (F["text"] == "The XML file is corrupt.  The 'name' section cannot be found.")
-            Tied = F["file"] == "broken-1.0-1.xml" && F["component"] == "broken-1.0-1.rpm" &&
-                   F["sources"][0] == "console" && F["problem"] == true;
-    EXPECT_TRUE(Tied) << R.Parsed["findings"].dump(1);
+    for (const std::vector<std::string> &C :
+         {std::vector<std::string>{"package-file-missing", "The component file to install is missing.", ""},
+          {"component-unreadable", "The component XML file is missing.",
+           "The XML file is corrupt.  The 'command' section cannot be found."}}) {
+        SCOPED_TRACE(C[0]);
+        CliResult R = RunJson(Corpus + C[0]);
+        EXPECT_EQ(1, R.Status);
+        EXPECT_EQ("findings", R.Parsed["outcome"]);
+        ASSERT_EQ(1u, R.Parsed["refused"].size());
+        EXPECT_EQ("bad-1.0-1.i386.rpm", R.Parsed["refused"][0]["component"]);
+        EXPECT_EQ(C[1], R.Parsed["refused"][0]["reason"]);
+        bool Tied = C[2].empty();
+        for (const Json &F : R.Parsed["findings"])
+            Tied |= F["text"] == C[2] && F["file"] == "bad-1.0-1.i386.xml" &&
+                    F["component"] == "bad-1.0-1.i386.rpm" && F["sources"][0] == "console" &&
+                    F["problem"] == true;
+        EXPECT_TRUE(Tied) << R.Parsed["findings"].dump(1);
+    }
 }
 
 TEST(Cli, NoPlanCasesExitThreeAndSayWhyOnStdout)
 {
+    BundleDir Corrupt; // a bundle file with a version and nothing else
+    Corrupt.Write("bp000001.xml", "<?xml version=\"1.0\"?>\n<zel_bundle>\n  <version value=\"1\"/>\n</zel_bundle>\n");
     struct Case {
-        const char *What;
-        std::vector<std::string> Files; // name, text pairs
+        std::string Dir;
         std::vector<std::string> Args;
         int Code;
         const char *Says;
-    };
-    std::string Good = Bundle({"alpha-1.0-1.rpm"});
-    std::string Corrupt = "<?xml version=\"1.0\"?>\n<zel_bundle>\n  <version value=\"1\"/>\n"
-                          "</zel_bundle>\n";
-    std::vector<Case> Cases = {
-        {"no bundle file", {}, {}, -703, "holds no bundle XML file"},
-        {"broken bundle", {"bp000001.xml", Corrupt}, {}, -703, "./bp000001.xml corrupt"},
-        {"two supported", {"bp000001.xml", Good, "bp000002.xml", Good}, {}, -505, "more than one"},
-        {"other system", {"bp000001.xml", Bundle({"alpha-1.0-1.rpm"}, "Red Hat Linux 9")}, {}, -703,
-         "./bp000001.xml not supported"},
-        {"view matches nothing", {"bp000001.xml", Good}, {"--VIEW=zzz"}, 0, "contains \"zzz\""},
-        {"-C matches nothing", {}, {"-C", "nothere-1.rpm"}, 0, "the plan is empty"},
+    } Cases[] = {
+        {Corpus + "no-bundle-file", {}, -703, "holds no bundle XML file"},
+        {Corrupt.Path, {}, -703, "./bp000001.xml corrupt"},
+        {Corpus + "bundle-unreadable", {}, -504, "the version or the name of the bundle XML file"},
+        {Corpus + "distribution-claimed-twice", {}, -505, "more than one"},
+        {Corpus + "pci-id", {"--distro=rhel3"}, -703, "./bp000001.xml not supported"},
+        {Corpus + "pci-id", {"--VIEW=zzz"}, 0, "contains \"zzz\""},
+        {Corpus + "pci-id", {"-C", "nothere-1.rpm"}, 0, "the plan is empty"},
     };
     for (const Case &C : Cases) {
-        BundleDir D;
-        WriteGood(D, {"alpha-1.0-1"});
-        unlink((D.Path + "/bp000001.xml").c_str());
-        for (size_t i = 0; i + 1 < C.Files.size(); i += 2)
-            D.Write(C.Files[i], C.Files[i + 1]);
-        CliResult R = RunJson(D, C.Args);
-        ASSERT_FALSE(R.Parsed.is_discarded()) << C.What << "\n" << R.Out << R.Err;
-        EXPECT_EQ(3, R.Status) << C.What;
-        EXPECT_EQ(3, R.Parsed["exitStatus"]) << C.What;
-        ASSERT_TRUE(R.Parsed["failure"].is_object()) << C.What;
+        SCOPED_TRACE(C.Says);
+        std::vector<std::string> Args = C.Args;
+        if (Args.empty() || Args[0] != "--distro=rhel3")
+            Args.insert(Args.begin(), "--distro=rh73");
+        CliResult R = RunJson(C.Dir, Args);
+        EXPECT_EQ(3, R.Status);
+        EXPECT_EQ(3, R.Parsed["exitStatus"]);
+        ASSERT_TRUE(R.Parsed["failure"].is_object());
         if (C.Code != 0) {
-            EXPECT_EQ(C.Code, R.Parsed["failure"]["code"]) << C.What;
+            EXPECT_EQ(C.Code, R.Parsed["failure"]["code"]);
         }
         std::string What = R.Parsed["failure"]["what"];
-        EXPECT_NE(std::string::npos, What.find(C.Says)) << C.What << ": " << What;
-        EXPECT_NE(std::string::npos, R.Err.find(What)) << C.What; // one line on stderr too
+        EXPECT_NE(std::string::npos, What.find(C.Says)) << What;
+        EXPECT_NE(std::string::npos, R.Err.find(What)); // one line on stderr too
     }
 }
 
-TEST(Cli, CommandLine)
+// Fault: after a failed open the sub-service was killed without being asked to end, and the
+// console line that says why ("No supported Bundle XML files were found.") was lost in about a
+// third of the runs on an empty directory.
+TEST(Cli, NoPlanKeepsTheSubServicesLastConsoleLine)
 {
-    BundleDir D;
-    WriteGood(D, {"alpha-1.0-1"});
-    CliResult R = RunCli({"--distro=nowhere", D.Path});
-    EXPECT_EQ(2, R.Status);
-    EXPECT_NE(std::string::npos, R.Err.find("rh73")) << R.Err; // lists the known ones
-    EXPECT_NE(std::string::npos, R.Err.find("sles8-ul"));
-    EXPECT_EQ(2, RunCli({"--bogus", D.Path}).Status);
-    EXPECT_EQ(2, RunCli({"--distro"}).Status);
-    EXPECT_EQ(2, RunCli({"--distro=rh73"}).Status);
-    EXPECT_EQ(2, RunCli({"--all-distros", "--distro=rh73", D.Path}).Status);
-    R = RunCli({"--version"});
-    EXPECT_EQ(0, R.Status);
-    EXPECT_EQ(0u, R.Out.find("zelrzp-manager "));
-    R = RunCli({"--help"});
-    EXPECT_EQ(0, R.Status);
-    EXPECT_NE(std::string::npos, R.Out.find("Exit status"));
-    // "--" ends the options; the separate-value form works like --opt=value.
-    R = RunCli({"--distro", "rh73", "--NUI", "--", D.Path});
-    EXPECT_EQ(0, R.Status) << R.Out << R.Err;
-    EXPECT_NE(std::string::npos, R.Out.find("Result: clean (exit status 0)")) << R.Out;
-    EXPECT_EQ(std::string::npos, R.Out.find('\x1b')) << "colour on a file";
+    BundleDir Empty;
+    for (int i = 0; i < 10; i++) {
+        CliResult R = RunJson(Empty.Path);
+        ASSERT_EQ(1u, R.Parsed["findings"].size()) << "run " << i << R.Out;
+        EXPECT_EQ("No supported Bundle XML files were found.", R.Parsed["findings"][0]["text"]);
+    }
 }
 
-TEST(Cli, JsonStaysValidUtf8ForBytesThatAreNot)
+// Wrong command lines exit 2 and say why on stderr; --help and --version exit 0; "--" ends
+// the options, the separate-value form works like --opt=value, and a file gets no colour.
+TEST(Cli, CommandLine)
 {
-    BundleDir D;
-    std::string Name = "caf\xc3\xa9\xc0\xaf\xed\xa0\x80-1.0-1"; // overlong and surrogate bytes
-    WriteGood(D, {Name});
-    CliResult R = RunJson(D);
-    ASSERT_FALSE(R.Parsed.is_discarded()) << R.Out; // the strict parser accepts only UTF-8
-    EXPECT_EQ(0, R.Status);
-    std::string File = R.Parsed["components"][0]["file"];
-    EXPECT_EQ(0u, File.find("caf\xc3\xa9\xef\xbf\xbd")) << File; // bad bytes became U+FFFD
+    const std::string Dir = Corpus + "dialect-text"; // a clean plan
+    struct Case {
+        std::vector<std::string> Args;
+        int Status;
+        std::string Out, Err; // expected in standard output, standard error
+    } Cases[] = {
+        {{"--distro=nowhere", Dir}, 2, "", "  sles8-ul  "}, // lists the known ones
+        {{"--bogus", Dir}, 2, "", "unknown option --bogus"},
+        {{"--distro"}, 2, "", "--distro needs a value"},
+        {{"--distro=rh73"}, 2, "", "no bundle directory"},
+        {{"--all-distros", "--distro=rh73", Dir}, 2, "", "leave out --distro"},
+        {{"lint"}, 2, "", ""},
+        {{"lint", "--explain", "no-such-tag"}, 2, "", ""},
+        {{"lint", "--bogus", Dir}, 2, "", ""},
+        {{"lint", "/nonexistent/bundle"}, 2, "", ""},
+        {{"lint", Dir, Dir}, 2, "", ""},
+        {{"lint", "--help"}, 0, "", ""},
+        {{"--version"}, 0, "zelrzp-manager ", ""},
+        {{"--help"}, 0, "Exit status", ""},
+        {{"--distro", "rh73", "--NUI", "--", Dir}, 0, "Result: clean (exit status 0)", ""},
+    };
+    for (const Case &C : Cases) {
+        CliResult R = RunCli(C.Args);
+        EXPECT_EQ(C.Status, R.Status) << C.Args[0] << R.Out << R.Err;
+        EXPECT_NE(std::string::npos, R.Out.find(C.Out)) << C.Args[0] << R.Out;
+        EXPECT_NE(std::string::npos, R.Err.find(C.Err)) << C.Args[0] << R.Err;
+        EXPECT_EQ(std::string::npos, R.Out.find('\x1b')) << "colour on a file";
+    }
 }
 
 TEST(Cli, MatrixOfTheExampleBundleExplainsEachDistribution)
 {
-    CliResult R = RunCli({"--all-distros", "--json", ZEL_EXAMPLES "/server-bundle"});
-    ASSERT_FALSE(R.Parsed.is_discarded()) << R.Out << R.Err;
+    CliResult R = RunJson(ZEL_EXAMPLES "/server-bundle", {"--all-distros"});
     EXPECT_EQ(1, R.Status);
     std::map<std::string, Json> By;
     for (const Json &Run : R.Parsed["distributions"])
@@ -260,78 +229,65 @@ TEST(Cli, MatrixOfTheExampleBundleExplainsEachDistribution)
         << R.Out;
 }
 
-// 1 when a user other than root may create a user namespace here. The probe runs in a fresh
-// single-threaded program, since unshare refuses a new user namespace to a threaded process
-// (a sanitizer's runtime has threads).
-bool UnprivilegedNamespacesAllowed(int Uid)
+// Lint finds the same as nobody as root; the plan needs root only without a simulation.
+TEST(Cli, AnOrdinaryUserGetsThePlanAndTheLint)
 {
-    pid_t Pid = fork();
-    if (Pid == 0) {
-        if (setgroups(0, nullptr) == 0 && setgid(Uid) == 0 && setuid(Uid) == 0)
-            execl("/usr/bin/unshare", "unshare", "--user", "--mount", "true", (char *)nullptr);
-        _exit(1);
-    }
-    int Status = 0;
-    waitpid(Pid, &Status, 0);
-    return WIFEXITED(Status) && WEXITSTATUS(Status) == 0;
-}
-
-TEST(Cli, AnOrdinaryUserGetsThePlan)
-{
-    const int Nobody = 65534;
-    if (geteuid() != 0)
-        GTEST_SKIP() << "needs root to become another user for the test";
-    if (!UnprivilegedNamespacesAllowed(Nobody))
-        GTEST_SKIP() << "this kernel forbids user namespaces to unprivileged users (or "
-                        "/usr/bin/unshare is missing)";
-    CliResult R = RunCli({"--distro=rhel3", "--json", ZEL_EXAMPLES "/server-bundle"}, Nobody);
-    ASSERT_FALSE(R.Parsed.is_discarded()) << R.Out << R.Err;
-    EXPECT_EQ(1, R.Status) << R.Err;
-    EXPECT_EQ(3u, R.Parsed["components"].size());
-    R = RunCli({"--json", ZEL_EXAMPLES "/server-bundle"}, Nobody); // this system: needs root
+    struct passwd *Nobody = getpwnam("nobody");
+    if (geteuid() != 0 || Nobody == nullptr)
+        GTEST_SKIP() << "needs root to become the user nobody";
+    const int Uid = static_cast<int>(Nobody->pw_uid);
+    const std::string Example = ZEL_EXAMPLES "/server-bundle";
+    CliResult Lint = RunCli({"lint", "--json", Example}, Uid);
+    EXPECT_EQ(1, Lint.Status) << Lint.Err;
+    EXPECT_EQ(RunCli({"lint", "--json", Example}).Out, Lint.Out);
+    CliResult R = RunCli({"--json", Example}, Uid); // this system: needs root
     EXPECT_EQ(3, R.Status);
     EXPECT_NE(std::string::npos, R.Parsed["failure"]["what"].get<std::string>().find("needs root"));
+    // The probe is a fresh single-threaded program: unshare refuses a new user namespace to a
+    // threaded process (a sanitizer's runtime has threads).
+    if (RunProgram("/usr/bin/unshare", {"--user", "--mount", "true"}, Uid).Status != 0)
+        GTEST_SKIP() << "this kernel forbids user namespaces to unprivileged users (or "
+                        "/usr/bin/unshare is missing)";
+    R = RunCli({"--distro=rhel3", "--json", Example}, Uid);
+    EXPECT_EQ(1, R.Status) << R.Err;
+    EXPECT_EQ(3u, R.Parsed["components"].size());
 }
 
-// Every ```xml block of the docs is a whole file, named in its info string (file=NAME).
-std::map<std::string, std::string> XmlExamples(const std::string &Doc)
+// Every ```xml block of the docs is a whole file, named in its info string (file=NAME); lint
+// finds nothing in it (a block with comments is an annotated illustration, not linted), and
+// the files of one page, as a bundle, get a plan without a finding wherever one is claimed.
+TEST(Cli, EveryXmlExampleOfTheDocsLintsAndRunsWithoutAFinding)
 {
-    std::string All = ReadAll(Doc);
-    std::map<std::string, std::string> Files;
-    std::regex Block("```xml([^\\n]*)\\n([\\s\\S]*?)```");
-    for (std::sregex_iterator I(All.begin(), All.end(), Block), End; I != End; ++I) {
-        std::smatch Name;
-        std::string Info = (*I)[1];
-        EXPECT_TRUE(std::regex_search(Info, Name, std::regex("file=(\\S+)")))
-            << Doc << ": an xml block without file=: " << Info;
-        if (!Name.empty())
-            Files[Name[1]] = (*I)[2];
-    }
-    return Files;
-}
-
-TEST(Cli, EveryXmlExampleOfTheDocsRunsWithoutAFinding)
-{
+    std::regex Block("\n```xml([^\\n]*)\\n([\\s\\S]*?)```"), FileName("file=(\\S+)");
     for (const char *Doc : {"bundle-format.md", "xml-dialect.md"}) {
-        std::map<std::string, std::string> Files = XmlExamples(ZEL_DOCS "/" + std::string(Doc));
-        ASSERT_FALSE(Files.empty()) << Doc;
+        SCOPED_TRACE(Doc);
+        std::string All = ReadAll(ZEL_DOCS "/" + std::string(Doc));
         BundleDir D;
-        for (const auto &F : Files) {
-            D.Write(F.first, F.second);
-            if (F.first.find("bp0") == std::string::npos) // a component: its package too
-                D.Write(F.first.substr(0, F.first.rfind('.')) + ".rpm", "package\n");
+        int Count = 0;
+        for (std::sregex_iterator I(All.begin(), All.end(), Block), End; I != End; ++I, ++Count) {
+            std::smatch Name;
+            std::string Info = (*I)[1], Text = (*I)[2];
+            ASSERT_TRUE(std::regex_search(Info, Name, FileName)) << "no file= after ```xml" << Info;
+            D.Write(Name[1], Text);
+            if (Name[1].str().find("bp0") == std::string::npos) // a component: its package too
+                D.Write(Name[1].str().substr(0, Name[1].str().rfind('.')) + ".rpm", "package\n");
+            if (Text.find("<!--") != std::string::npos)
+                continue;
+            CliResult L = RunJson(D.Path + "/" + Name[1].str(), {"lint"});
+            EXPECT_TRUE(L.Parsed["findings"].empty()) << Text << L.Parsed.dump(2);
+            EXPECT_EQ(0, L.Status);
         }
-        CliResult R = RunCli({"--all-distros", "--json", D.Path});
-        ASSERT_FALSE(R.Parsed.is_discarded()) << Doc << R.Out << R.Err;
-        EXPECT_EQ(0, R.Status) << Doc << "\n" << R.Out;
+        ASSERT_GT(Count, 0);
+        CliResult R = RunJson(D.Path, {"--all-distros"});
+        EXPECT_EQ(0, R.Status) << R.Out;
         int Clean = 0;
         for (const Json &Run : R.Parsed["distributions"]) {
             Clean += Run["outcome"] == "clean";
             if (Run["outcome"] != "not claimed") {
-                EXPECT_EQ(0, Problems(Run)) << Doc << " " << Run["findings"].dump(1);
+                EXPECT_EQ(0, Problems(Run)) << Run["findings"].dump(1);
             }
         }
-        EXPECT_GT(Clean, 0) << Doc;
+        EXPECT_GT(Clean, 0);
     }
 }
 

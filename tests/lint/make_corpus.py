@@ -166,57 +166,39 @@ TRAPS = {
 
 def marked(text):
     """The text without its @@ marker and the 1-based line of the marker (0 when none)."""
-    for number, line in enumerate(text.split("\n"), 1):
-        if "@@" in line:
-            return text.replace("@@", ""), number
-    return text, 0
+    lines = [n for n, line in enumerate(text.split("\n"), 1) if "@@" in line]
+    return text.replace("@@", ""), (lines or [0])[0]
 
 
 def both_platforms(text):
-    start = text.index("      <Red_Hat_Linux_7.3>")
-    end = text.index("      </Red_Hat_Linux_7.3>") + len("      </Red_Hat_Linux_7.3>\n")
-    block = text[start:end]
-    return text[:end] + block.replace("Red_Hat_Linux_7.3", "Red_Hat_Enterprise_Linux_3") + text[end:]
+    start, end = text.index("      <Red_Hat_Linux_7.3>"), text.index("      </Red_Hat_Linux_7.3>\n") + 27
+    return text[:end] + text[start:end].replace("Red_Hat_Linux_7.3", "Red_Hat_Enterprise_Linux_3") + text[end:]
+
+
+def changed(text, changes):
+    for old, new in changes:
+        text = swap(text, old, new)
+    return marked(text)
 
 
 def write_case(name, tag, bundle_changes, bad_changes, files, target):
     directory = os.path.join(CORPUS, name)
     os.makedirs(directory)
-    bundle = BUNDLE
-    for old, new in bundle_changes:
-        bundle = swap(bundle, old, new)
-    bad = component("bad")
-    for old, new in bad_changes:
-        bad = swap(bad, old, new)
-    bundle, bundle_line = marked(bundle)
-    bad, bad_line = marked(bad)
-    contents = {
-        "bp000001.xml": bundle,
-        "good-1.0-1.i386.rpm": "placeholder\n",
-        "good-1.0-1.i386.xml": component("good"),
-        "bad-1.0-1.i386.rpm": "placeholder\n",
-        "bad-1.0-1.i386.xml": bad,
-    }
-    for name, text in files.items():
-        if text == "SECOND":
-            text = swap(BUNDLE, '    <package install="yes">bad-1.0-1.i386.rpm</package>\n', "")
-            text, second_line = marked(swap(text, "    <operating_system>\n", "    <operating_system>@@\n"))
-        elif text == "GOOD_BOTH":
-            text = both_platforms(component("good"))
-        contents[name] = text
-    for name, text in contents.items():
+    bundle, bundle_line = changed(BUNDLE, bundle_changes)
+    bad, bad_line = changed(component("bad"), bad_changes)
+    second = changed(swap(BUNDLE, '    <package install="yes">bad-1.0-1.i386.rpm</package>\n', ""),
+                     [("    <operating_system>\n", "    <operating_system>@@\n")])
+    special = {"SECOND": second[0], "GOOD_BOTH": both_platforms(component("good"))}
+    contents = {"bp000001.xml": bundle, "good-1.0-1.i386.rpm": "placeholder\n", "good-1.0-1.i386.xml": component("good"),
+                "bad-1.0-1.i386.rpm": "placeholder\n", "bad-1.0-1.i386.xml": bad}
+    contents.update({n: special.get(t, t) for n, t in files.items()})
+    for file_name, text in contents.items():
         if text is not None:
-            with open(os.path.join(directory, name), "w") as f:
+            with open(os.path.join(directory, file_name), "w") as f:
                 f.write(text)
-    expect = {
-        "bad": ("bad-1.0-1.i386.xml", bad_line),
-        "bad0": ("bad-1.0-1.i386.xml", 0),
-        "bundle": ("bp000001.xml", bundle_line),
-        "bundle-top": ("bp000001.xml", 2),
-        "extra": ("extra-2.0-1.i386.rpm", 0),
-        "second": ("bp000002.xml", locals().get("second_line", 0)),
-        "dir": ("-", 0),
-    }[target]
+    expect = {"bad": ("bad-1.0-1.i386.xml", bad_line), "bad0": ("bad-1.0-1.i386.xml", 0),
+              "bundle": ("bp000001.xml", bundle_line), "bundle-top": ("bp000001.xml", 2),
+              "extra": ("extra-2.0-1.i386.rpm", 0), "second": ("bp000002.xml", second[1]), "dir": ("-", 0)}[target]
     with open(os.path.join(directory, ".expect"), "w") as f:
         f.write("%s %d %s\n" % (expect[0], expect[1], tag))
 

@@ -1,0 +1,92 @@
+// zelcli.h - the parts of the zelrzp-manager program shared by its files: the known
+// distributions, the options of one invocation, the exit statuses, and the functions that
+// run the sub-service once, judge the run and print it (table, JSON, support matrix).
+// Only the program's own files (manager/cli*.cpp) include it.
+#pragma once
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "zelrzpmanager.h"
+
+struct ZfAnalysis;
+
+using Json = nlohmann::ordered_json;
+
+// Exit status: every component of the chosen bundle became an install record, with no fault
+// reported; a plan was made but components were refused or files reported corrupt or missing;
+// the command line was wrong; no plan (no bundle file, none or several supported, an empty
+// plan, a sub-service that failed or could not be run).
+enum { CLI_CLEAN = 0, CLI_FINDINGS = 1, CLI_USAGE = 2, CLI_NO_PLAN = 3 };
+
+struct CliRelease {
+    std::string File;
+    std::string Text;
+};
+
+struct CliDistro {
+    const char *Name;
+    const char *Description;
+    CliRelease Files[2];
+    bool Sp3; // SP3=YES in the environment (UnitedLinux 1.0 service pack 3)
+};
+
+// The distributions --distro and the matrix know, in table order (cli.cpp).
+extern const CliDistro CliDistros[];
+extern const size_t CliDistroCount;
+
+struct CliOptions {
+    std::string BundleDir, ParserPath, View;
+    const CliDistro *Distro = nullptr;
+    std::vector<CliRelease> Releases;  // --release texts
+    std::vector<std::string> Packages; // -C
+    std::set<std::string> ErrataUnsupported;
+    bool Json = false, Debug = false, Verbose = false, NUI = false, AllDistros = false;
+    int TimeoutSeconds = 60;
+};
+
+// True while a table goes to a terminal: the sub-service's colour sequences are kept.
+// Set once by main before anything is printed.
+extern bool CliColour;
+
+// What one run found out; Result becomes the JSON object that every printer reads.
+struct CliRun {
+    Json Result;
+    ZmSession *Session = nullptr;
+    std::string BundleFile, BundleName;
+    bool Tqr = false; // -C given: the sub-service names no bundle
+    int32_t NumberOfItems = 0;
+    bool HaveItems = false;
+    std::vector<ZmRecord> Records;
+    size_t OpenEnd = 0; // the messages up to the answer to open input file
+    Json Failure;       // null, or {stage, code, what}
+};
+
+// cli_run.cpp: resolves the sub-service's path and enters the bundle directory (0, or -1 with
+// Error); one whole run in this process, which must be single-threaded when it simulates;
+// a failure of the run at Stage (Code 0: none) recorded, returning -1.
+int CliEnterBundleDir(CliOptions *O, std::string *Error);
+Json CliRunOne(CliOptions O, const CliDistro *D, bool EnterDir);
+int CliFailed(CliRun *Run, const char *Stage, int Code, const std::string &What);
+
+// cli_outcome.cpp: completes a run's Result (records, bundle, findings of its own) and
+// judges it (failure text, outcome, exit status).
+void CliComplete(CliRun *Run, const CliOptions &O);
+
+// cli_json.cpp: the pieces of a run's JSON object, and the object printed.
+Json CliRecordJson(const ZmRecord &R);
+void CliAnalysisJson(const ZfAnalysis &A, Json *Result);
+Json CliFailureJson(const char *Stage, int Code, const std::string &What);
+Json CliNullIfEmpty(const std::string &Text);
+std::string CliStr(const Json &V); // "" unless a string
+void CliPrintJson(const Json &R);
+
+// cli_table.cpp: one run as a table; the bundle files' verdicts (the matrix shows them too).
+void CliPrintTable(const Json &R);
+void CliTableVerdicts(const Json &R);
+
+// cli_matrix.cpp: every known distribution at once; returns the exit status.
+int CliMatrix(CliOptions &O);
