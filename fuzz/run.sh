@@ -4,14 +4,17 @@
 # fuzz/corpus/<target>. Exits non-zero when a fuzzer finds a crash, a leak or a timeout; the
 # input is left in build-fuzz/artifacts/<target>-*. Keep such an input under
 # tests/data/<target>/crashes so that the suite replays it.
-# ZEL_FUZZ_TARGETS selects targets (default: all five).
+# ZEL_FUZZ_TARGETS selects targets (default: all five). ZEL_FUZZ_BUILD names a build tree that
+# is already configured with clang, ZEL_FUZZ and ZEL_ASAN (the test script's sanitizer build).
 set -eu
 SECONDS_TO_RUN=${1:-60}
 TARGETS=${ZEL_FUZZ_TARGETS:-"xml packet readers frame records"}
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
-BUILD=$ROOT/build-fuzz
-cmake -S "$ROOT" -B "$BUILD" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DZEL_FUZZ=ON -DZEL_ASAN=ON -DZEL_TESTS=OFF >/dev/null
+BUILD=${ZEL_FUZZ_BUILD:-$ROOT/build-fuzz}
+if [ -z "${ZEL_FUZZ_BUILD:-}" ]; then
+  cmake -S "$ROOT" -B "$BUILD" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DZEL_FUZZ=ON -DZEL_ASAN=ON -DZEL_TESTS=OFF >/dev/null
+fi
 set -- $TARGETS
 COUNT=$#
 cmake --build "$BUILD" -j2 --target zelrzptransport $(printf 'fuzz_%s ' $TARGETS)
