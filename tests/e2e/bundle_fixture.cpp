@@ -14,74 +14,41 @@
 
 #include "sandbox.h"
 
-// A component with its five describing strings; the rest as TComponent's defaults.
-static TComponent NamedComponent(const char *FileName, const char *Version, const char *Name,
-                                 const char *Description, const char *Command)
-{
-    TComponent C;
-    C.FileName = FileName;
-    C.Version = Version;
-    C.Name = Name;
-    C.Description = Description;
-    C.Command = Command;
-    return C;
-}
-
 TComponent AgentComponent(void)
 {
-    TComponent C = NamedComponent("agent-5.0-3.i386.rpm", "5.0.2", "Management agent",
-                                  "Publishes the health of the server.\nAsks for its port first.",
-                                  "rpm -Uvh agent-5.0-3.i386.rpm");
-    C.Prerequisites = {{1, "libssl.so.2"}, {9, "HOSTNAME"}};
-    C.Postrequisites = {{11, "snmpd"}};
-    TVariable Port;
-    Port.Required = true;
-    Port.Minimum = 2;
-    Port.Maximum = 5;
-    Port.Prompt = "Port of the HTTPS server:";
-    Port.Acceptable = "0123456789";
-    Port.OutputName = "HTTPPORT";
-    Port.OutputType = 1;
-    Port.Default = "2381";
-    Port.OutputFile = "/etc/agent.conf";
-    Port.Attributes = 0x1f;
-    TVariable Community; // required no, no maximum, several absent strings
-    Community.WriteMaximum = false;
-    Community.Prompt = "SNMP community:";
-    Community.Actual = "public";
-    C.PreConfiguration = {Port};
-    C.PostConfiguration = {Community};
-    C.PostCompilation = true;
-    return C;
+    // The port: required, 2 to 5 characters, every string but the format. The community: not
+    // required, no maximum written, only the actual value of the optional strings.
+    TVariable Port = {true,       2,  5,  true, "Port of the HTTPS server:", "0123456789", "",
+                      "HTTPPORT", "2381", "", "/etc/agent.conf", 1, 0x1f};
+    TVariable Community = {false, 0, 16384, false, "SNMP community:", "", "", "", "", "public"};
+    return {"agent-5.0-3.i386.rpm", "5.0.2", "Management agent",
+            "Publishes the health of the server.\nAsks for its port first.",
+            "rpm -Uvh agent-5.0-3.i386.rpm", false, false, true, {},
+            {{1, "libssl.so.2"}, {9, "HOSTNAME"}}, {{11, "snmpd"}}, {Port}, {Community}};
 }
 
 TComponent DriverComponent(void)
 {
-    TComponent C = NamedComponent("e100-5.2-1.i386.rpm", "5.2.30", "Ethernet driver",
-                                  "Driver for the 10/100 adapters.",
-                                  "rpm -Uvh --force e100-5.2-1.i386.rpm");
-    C.Reboot = true;
-    C.Devices = {{"8086", "1229", "0E11", "B0DD"}, {"8086", "2449", "", ""}};
-    C.Prerequisites = {{6, "2.4.18-3"}};
-    return C;
+    return {"e100-5.2-1.i386.rpm", "5.2.30", "Ethernet driver", "Driver for the 10/100 adapters.",
+            "rpm -Uvh --force e100-5.2-1.i386.rpm", true, false, false,
+            {{"8086", "1229", "0E11", "B0DD"}, {"8086", "2449", "", ""}}, {{6, "2.4.18-3"}}};
 }
 
-TComponent PlainComponent(const std::string &FileName)
+TComponent PlainComponent(const std::string &F)
 {
-    TComponent C;
-    C.FileName = FileName;
-    C.Name = "Component " + FileName;
-    C.Description = "Plain component.";
-    C.Command = "rpm -Uvh " + FileName;
-    return C;
+    return {F, "1.0", "Component " + F, "Plain component.", "rpm -Uvh " + F};
 }
 
 // ---- XML ---------------------------------------------------------------------------------------
 
-// <E>Body</E> on lines of their own; Attrs goes inside the opening tag.
+// <E>Text</E> on one line; El puts Body on lines of its own. Attrs goes inside the opening tag.
+static std::string Line(const std::string &E, const std::string &Text, const std::string &Attrs = "")
+{
+    return "<" + E + Attrs + ">" + Text + "</" + E + ">\n";
+}
 static std::string El(const std::string &E, const std::string &Body, const std::string &Attrs = "")
 {
-    return "<" + E + Attrs + ">\n" + Body + "</" + E + ">\n";
+    return Line(E, "\n" + Body, Attrs);
 }
 static std::string Empty(const std::string &E, const std::string &Attrs)
 {
@@ -141,8 +108,7 @@ static std::string DevicesXml(const std::vector<TDevice> &Devices)
             {"ven", D.Ven}, {"dev", D.Dev}, {"subven", D.SubVen}, {"subdev", D.SubDev}};
         for (const auto &P : Parts)
             if (!P[1].empty())
-                Device += "<supported_device_data name=\"" + P[0] + "\">" + P[1] +
-                          "</supported_device_data>\n";
+                Device += Line("supported_device_data", P[1], At("name", P[0]));
         X += El("supported_devices_and", El("supported_device", Device));
     }
     return El("prerequisites", El("supported_devices", X));
@@ -175,29 +141,25 @@ static std::string PlatformXml(const TComponent &C)
                                                    El("Red_Hat_Enterprise_Linux_3", Other)));
 }
 
-std::string ComponentXml(const TComponent &C)
+static std::string ComponentXml(const TComponent &C)
 {
     std::string X = Empty("version", At("value", C.Version)) +
-                    El("name", "<name_xlate lang=\"fr\">Nom</name_xlate>\n<name_xlate lang=\"en\">" +
-                                   C.Name + "</name_xlate>\n") +
+                    El("name", Line("name_xlate", "Nom", At("lang", "fr")) +
+                                   Line("name_xlate", C.Name, At("lang", "en"))) +
                     El("description", Cdata("description_xlate", C.Description, "en"));
     if (!C.BreakXml)
-        X += El("installation", El("install", Flag("reboot_required", C.Reboot) + "<command>" +
-                                                  C.Command + "</command>\n"));
+        X += El("installation",
+                El("install", Flag("reboot_required", C.Reboot) + Line("command", C.Command)));
     return "<?xml version=\"1.0\"?>\n" + El("zel_package", X + DevicesXml(C.Devices) + PlatformXml(C));
 }
 
-std::string BundleXml(const std::vector<TComponent> &Components)
+// A bundle file: its names (name_xlate lines), the one system it supports, its contents.
+static std::string BundleXml(const std::string &Version, const std::string &Names,
+                             const std::string &System, const std::string &Packages)
 {
-    std::string X = "<zel_bundle>\n<version value=\"" TEST_BUNDLE_VERSION "\"/>\n<name>\n"
-                    "<name_xlate lang=\"de\">Testpaket</name_xlate>\n"
-                    "<name_xlate lang=\"en\">" TEST_BUNDLE_NAME "</name_xlate>\n</name>\n"
-                    "<operating_systems>\n<operating_system>\n"
-                    "<operating_system_xlate lang=\"en\">Red Hat Linux 7.3</operating_system_xlate>\n"
-                    "</operating_system>\n</operating_systems>\n<contents>\n";
-    for (const TComponent &C : Components)
-        X += "<package install=\"yes\">" + C.FileName + "</package>\n";
-    return X + "<package install=\"no\">unselected-1.0.rpm</package>\n</contents>\n</zel_bundle>\n";
+    return El("zel_bundle", Empty("version", At("value", Version)) + El("name", Names) +
+                                El("operating_systems", El("operating_system", System)) +
+                                El("contents", Packages));
 }
 
 static void WriteText(const std::string &Path, const std::string &Text)
@@ -207,17 +169,24 @@ static void WriteText(const std::string &Path, const std::string &Text)
 
 void WriteOtherBundle(const std::string &Path, const std::string &Name, const std::string &System)
 {
-    WriteText(Path, "<zel_bundle>\n<version value=\"1\"/>\n<name>\n<name_xlate lang=\"en\">" + Name +
-                        "</name_xlate>\n</name>\n<operating_systems>\n<operating_system>\n"
-                        "<operating_system_xlate>" + System + "</operating_system_xlate>\n"
-                        "</operating_system>\n</operating_systems>\n<contents>\n"
-                        "<package install=\"yes\">a-1.0.rpm</package>\n</contents>\n</zel_bundle>\n");
+    WriteText(Path, BundleXml("1", Line("name_xlate", Name, At("lang", "en")),
+                              Line("operating_system_xlate", System),
+                              Line("package", "a-1.0.rpm", At("install", "yes"))));
 }
 
-void WriteBundle(const std::vector<TComponent> &Components)
+// Writes TEST_BUNDLE_DIR afresh: the bundle file and each component's files.
+static void WriteBundle(const std::vector<TComponent> &Components)
 {
+    std::string Packages;
+    for (const TComponent &C : Components)
+        Packages += Line("package", C.FileName, At("install", "yes"));
     mkdir(TEST_BUNDLE_DIR, 0755);
-    WriteText(TEST_BUNDLE_DIR "/bp000001.xml", BundleXml(Components));
+    WriteText(TEST_BUNDLE_DIR "/bp000001.xml",
+              BundleXml(TEST_BUNDLE_VERSION,
+                        Line("name_xlate", "Testpaket", At("lang", "de")) +
+                            Line("name_xlate", TEST_BUNDLE_NAME, At("lang", "en")),
+                        Line("operating_system_xlate", "Red Hat Linux 7.3", At("lang", "en")),
+                        Packages + Line("package", "unselected-1.0.rpm", At("install", "no"))));
     for (const TComponent &C : Components) {
         std::string Base = std::string(TEST_BUNDLE_DIR "/") + C.FileName;
         if (C.WritePackage)
@@ -229,53 +198,52 @@ void WriteBundle(const std::vector<TComponent> &Components)
 
 // ---- Records -----------------------------------------------------------------------------------
 
-static void PutTriple(Bytes *B, uint32_t Type, uint32_t Value)
+// An item or a structure: its type, its declared length, its bytes.
+static void Put(Bytes *B, uint32_t Type, uint32_t Length, const Bytes &Value)
 {
     ZmPutU32(B, Type);
-    ZmPutU32(B, 4);
-    ZmPutU32(B, Value);
+    ZmPutU32(B, Length);
+    B->insert(B->end(), Value.begin(), Value.end());
 }
 
-static void PutBool(Bytes *B, bool Value)
+static void PutULong(Bytes *B, uint32_t Value, uint32_t Type = RZP_TYPE_ULONG)
 {
-    ZmPutU32(B, RZP_TYPE_BOOL);
-    ZmPutU32(B, 1);
-    ZmPutByte(B, Value ? 1 : 0);
+    Bytes V;
+    ZmPutU32(&V, Value);
+    Put(B, Type, 4, V);
 }
 
 // An absent string is declared with length 0 and sent as a lone NUL.
 static void PutString(Bytes *B, const std::string &Text, bool Absent = false)
 {
-    ZmPutU32(B, RZP_TYPE_STRING);
-    ZmPutU32(B, Absent ? 0 : (uint32_t)Text.size() + 1);
-    ZmPutString(B, Text);
+    Bytes V;
+    ZmPutString(&V, Text);
+    Put(B, RZP_TYPE_STRING, Absent ? 0 : (uint32_t)V.size(), V);
 }
 
 static void PutRequisite(Bytes *B, uint32_t Structure, uint32_t SubType, const std::string &Value)
 {
-    ZmPutU32(B, Structure);
-    ZmPutU32(B, 4 + 4 + (uint32_t)Value.size() + 1);
-    ZmPutU32(B, SubType);
-    ZmPutU32(B, (uint32_t)Value.size() + 1);
-    ZmPutString(B, Value);
+    Bytes Body;
+    ZmPutU32(&Body, SubType);
+    ZmPutU32(&Body, (uint32_t)Value.size() + 1);
+    ZmPutString(&Body, Value);
+    Put(B, Structure, (uint32_t)Body.size(), Body);
 }
 
 static void PutVariable(Bytes *B, uint32_t Structure, const TVariable &V)
 {
     Bytes Body;
-    PutBool(&Body, V.Required);
-    PutTriple(&Body, RZP_TYPE_ULONG, V.Minimum);
-    PutTriple(&Body, RZP_TYPE_ULONG, V.WriteMaximum ? V.Maximum : 16384);
+    Put(&Body, RZP_TYPE_BOOL, 1, {V.Required});
+    PutULong(&Body, V.Minimum);
+    PutULong(&Body, V.WriteMaximum ? V.Maximum : 16384);
     PutString(&Body, V.Prompt);
     PutString(&Body, V.Acceptable, V.Acceptable.empty());
     PutString(&Body, V.Format, V.Format.empty());
-    PutTriple(&Body, RZP_TYPE_ULONG, V.OutputName.empty() ? 0 : V.OutputType);
+    PutULong(&Body, V.OutputName.empty() ? 0 : V.OutputType);
     for (const std::string *S : {&V.OutputName, &V.Default, &V.Actual, &V.OutputFile})
         PutString(&Body, *S, S->empty());
-    PutTriple(&Body, RZP_TYPE_ULONG, V.Attributes);
-    ZmPutU32(B, Structure);
-    ZmPutU32(B, (uint32_t)Body.size());
-    B->insert(B->end(), Body.begin(), Body.end());
+    PutULong(&Body, V.Attributes);
+    Put(B, Structure, (uint32_t)Body.size(), Body);
 }
 
 static std::string DevicePart(const std::string &Part)
@@ -287,12 +255,12 @@ Bytes ExpectedRecord(const TComponent &C, uint32_t Number)
 {
     Bytes B;
     bool HasPre = !C.Prerequisites.empty() || !C.Devices.empty();
-    PutTriple(&B, RZP_TYPE_ULONG, Number);
+    PutULong(&B, Number);
     for (bool Flag : {HasPre, !C.PreConfiguration.empty(), C.PreCompilation,
                       !C.PostConfiguration.empty(), C.PostCompilation, !C.Postrequisites.empty(),
                       C.Reboot})
-        PutBool(&B, Flag);
-    PutTriple(&B, RZP_TYPE_SLONG, 0);
+        Put(&B, RZP_TYPE_BOOL, 1, {Flag});
+    PutULong(&B, 0, RZP_TYPE_SLONG);
     for (const std::string &S : {std::string("SUCCESS"), C.FileName, C.Name, C.Description,
                                  C.Version, C.Command, std::string("MG"), std::string("MG")})
         PutString(&B, S);
@@ -308,8 +276,7 @@ Bytes ExpectedRecord(const TComponent &C, uint32_t Number)
         PutVariable(&B, RZP_STRUCT_PRECONFIG, V);
     for (const TVariable &V : C.PostConfiguration)
         PutVariable(&B, RZP_STRUCT_POSTCONFIG, V);
-    ZmPutU32(&B, RZP_TERMINATE_LIST);
-    ZmPutU32(&B, 0);
+    Put(&B, RZP_TERMINATE_LIST, 0, {});
     return B;
 }
 
@@ -333,7 +300,6 @@ RZP_HEADER_PACKET HeaderTo(ZmSession *S, uint32_t OpCode, int Sequence, int Retu
     H.ReturnCode = ReturnCode;
     return H;
 }
-
 
 bool PrepareMachine(const std::vector<TComponent> &Components)
 {
@@ -389,50 +355,38 @@ ZmPacket Ask(ZmSession *S, uint32_t OpCode, const Bytes &Payload)
 
 // ---- Messages ----------------------------------------------------------------------------------
 
-static const std::string Banner = std::string(91, '*') + "\n";
-
-void ExpectBundleOpening(TMessages *M)
+TMessages BundleOpening(void)
 {
-    std::string Announce = "This installation of the Strovane Rezapak will use the " TEST_BUNDLE_FILE
-                           " bundle file.\n";
-    std::string Progress = "\nThe " TEST_BUNDLE_NAME " v" TEST_BUNDLE_VERSION
-                           " installation is now in progress.\n";
-    M->Screen.insert(M->Screen.end(), {Announce, Progress});
-    M->Log.insert(M->Log.end(), {Banner, Announce, Progress, Banner});
+    const std::string Banner = std::string(91, '*') + "\n";
+    const std::string Announce = "This installation of the Strovane Rezapak will use the " TEST_BUNDLE_FILE
+                                 " bundle file.\n";
+    const std::string Progress = "\nThe " TEST_BUNDLE_NAME " v" TEST_BUNDLE_VERSION
+                                 " installation is now in progress.\n";
+    return {{Announce, Progress}, {Banner, Announce, Progress, Banner}};
 }
 
-static void Pair(TMessages *M, const std::string &Screen, const std::string &Log)
+// One message to both screen and log; on a coloured screen Word is painted in Colour.
+static void Pair(TMessages *M, const std::string &Before, const std::string &Word, int Colour,
+                 const std::string &After, bool Coloured)
 {
-    M->Screen.push_back(Screen);
-    M->Log.push_back(Log);
+    std::string Painted = "\x1b[1;" + std::to_string(Colour) + "m" + Word + "\x1b[0;39m";
+    M->Screen.push_back(Before + (Coloured ? Painted : Word) + After);
+    M->Log.push_back(Before + Word + After);
 }
 
 void ExpectComponent(TMessages *M, const std::string &F, int Outcome, bool Coloured)
 {
-    const std::string Red = Coloured ? "\x1b[1;31mFAILED\x1b[0;39m" : "FAILED";
-    const std::string Green = Coloured ? "\x1b[1;32mSUCCESSFUL\x1b[0;39m" : "SUCCESSFUL";
-    const std::string Blue = Coloured ? "\x1b[1;34mDOES NOT SUPPORT\x1b[0;39m" : "DOES NOT SUPPORT";
-    const std::string Missing = "Installation of Component " + F + " ";
-    const std::string Parsed = "Parsing of XML file for " + F + " package\n\twas ";
-    const std::string Errata = "However, this component ";
-    const std::string Kernel = " the currently installed errata kernel.";
-    switch (Outcome) {
-    case OUTCOME_BUILT:
-        Pair(M, Parsed + Green + ".\n", Parsed + "SUCCESSFUL.\n");
-        break;
-    case OUTCOME_NO_PACKAGE:
-        Pair(M, Missing + Red + ".  The component file to install is missing.\n",
-             Missing + "FAILED.  The component file to install is missing.\n");
-        break;
-    case OUTCOME_NO_XML:
-        Pair(M, Missing + Red + ".  The component XML file is missing.\n",
-             Missing + "FAILED.  The component XML file is missing.\n");
-        break;
-    default:
-        Pair(M, Parsed + Green + ".", Parsed + "SUCCESSFUL.");
-        Pair(M, Errata + Blue + Kernel, Errata + "DOES NOT SUPPORT" + Kernel);
-        Pair(M, "\tInstallation of this component will not be attempted.\n",
-             "\tInstallation of this component will not be attempted.\n");
+    const std::string Missing = Outcome == OUTCOME_NO_PACKAGE ? "The component file to install"
+                                                              : "The component XML file";
+    if (Outcome == OUTCOME_NO_PACKAGE || Outcome == OUTCOME_NO_XML)
+        return Pair(M, "Installation of Component " + F + " ", "FAILED", 31,
+                    ".  " + Missing + " is missing.\n", Coloured);
+    Pair(M, "Parsing of XML file for " + F + " package\n\twas ", "SUCCESSFUL", 32,
+         Outcome == OUTCOME_BUILT ? ".\n" : ".", Coloured);
+    if (Outcome == OUTCOME_ERRATA) {
+        Pair(M, "However, this component ", "DOES NOT SUPPORT", 34,
+             " the currently installed errata kernel.", Coloured);
+        Pair(M, "\tInstallation of this component will not be attempted.\n", "", 0, "", false);
     }
 }
 

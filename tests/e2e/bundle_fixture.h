@@ -15,29 +15,30 @@
 
 typedef std::vector<unsigned char> Bytes;
 
+// Plain records, written with positional initial values in the order of their fields.
 struct TDevice {
-    std::string Ven, Dev, SubVen, SubDev; // an empty part is left out of the XML
+    std::string Ven{}, Dev{}, SubVen{}, SubDev{}; // an empty part is left out of the XML
 };
 struct TRequisite {
-    uint32_t SubType;
-    std::string Value;
+    uint32_t SubType = 0;
+    std::string Value{};
 };
 struct TVariable {
     bool Required = false;
     uint32_t Minimum = 0;
     uint32_t Maximum = 16384;
     bool WriteMaximum = true;
-    std::string Prompt; // the "en" prompt; a "de" one is written before it
-    std::string Acceptable, Format, OutputName, Default, Actual, OutputFile; // empty: absent
+    std::string Prompt{}; // the "en" prompt; a "de" one is written before it
+    std::string Acceptable{}, Format{}, OutputName{}, Default{}, Actual{}, OutputFile{}; // "": absent
     uint32_t OutputType = 0;
     uint32_t Attributes = 0;
 };
 struct TComponent {
-    std::string FileName, Version = "1.0", Name, Description, Command;
+    std::string FileName{}, Version = "1.0", Name{}, Description{}, Command{};
     bool Reboot = false, PreCompilation = false, PostCompilation = false;
-    std::vector<TDevice> Devices;
-    std::vector<TRequisite> Prerequisites, Postrequisites;
-    std::vector<TVariable> PreConfiguration, PostConfiguration;
+    std::vector<TDevice> Devices{};
+    std::vector<TRequisite> Prerequisites{}, Postrequisites{};
+    std::vector<TVariable> PreConfiguration{}, PostConfiguration{};
     bool WritePackage = true, WriteXml = true;
     bool BreakXml = false; // the XML lacks its installation section: the builder fails
 };
@@ -52,17 +53,13 @@ TComponent AgentComponent(void);
 TComponent DriverComponent(void);
 TComponent PlainComponent(const std::string &FileName);
 
-std::string ComponentXml(const TComponent &C);
-std::string BundleXml(const std::vector<TComponent> &Components);
-// Writes TEST_BUNDLE_DIR afresh: the bundle file and each component's files.
-void WriteBundle(const std::vector<TComponent> &Components);
 Bytes ExpectedRecord(const TComponent &C, uint32_t Number);
 
 // Enters the sandbox as a Red Hat Linux 7.3 machine.
 bool EnterRedHat73(void);
 // A header for a packet of the manager to the sub-service, on the session's connections.
 RZP_HEADER_PACKET HeaderTo(ZmSession *S, uint32_t OpCode, int Sequence, int ReturnCode);
-// Enters the sandbox as a Red Hat Linux 7.3 machine and writes the bundle there.
+// Enters the sandbox as a Red Hat Linux 7.3 machine and writes the bundle in TEST_BUNDLE_DIR.
 bool PrepareMachine(const std::vector<TComponent> &Components);
 // Starts the sub-service in TEST_BUNDLE_DIR with Args; fails the test when it cannot start.
 bool StartParser(ZmSession *S, const std::vector<std::string> &Args, ZmConfig Config = ZmConfig());
@@ -78,7 +75,7 @@ ZmPacket Ask(ZmSession *S, uint32_t OpCode, const Bytes &Payload = Bytes());
 struct TMessages {
     std::vector<std::string> Screen, Log;
 };
-void ExpectBundleOpening(TMessages *M);
+TMessages BundleOpening(void); // the bundle file announced, its name and version
 enum { OUTCOME_BUILT, OUTCOME_NO_PACKAGE, OUTCOME_NO_XML, OUTCOME_ERRATA };
 void ExpectComponent(TMessages *M, const std::string &FileName, int Outcome, bool Coloured);
 
@@ -96,9 +93,8 @@ protected:
 };
 
 // A session with the real zelparser in the sandbox in /tmp, started on demand with Config.
-class SessionTest : public testing::Test {
+class SessionTest : public BundleTest {
 protected:
-    ZmSession Session;
     ZmConfig Config;
     void SetUp() override
     {
@@ -110,15 +106,14 @@ protected:
     void Start()
     {
         std::string Error;
-        ASSERT_EQ(ZmStart(&Session, Config, &Error), 0) << Error << ZmConsoleSnapshot(&Session);
+        ASSERT_EQ(ZmStart(&S, Config, &Error), 0) << Error << ZmConsoleSnapshot(&S);
     }
-    void TearDown() override { ZmClose(&Session); }
     // The sub-service still serves requests: the number of items is answered.
     void ExpectStillServing()
     {
         ZmPacket Answer;
-        ASSERT_EQ(ZmRequest(&Session, RZP_PARSER_RETURN_NUMBER_OF_ITEMS, {}, &Answer), 0)
-            << ZmConsoleSnapshot(&Session);
+        ASSERT_EQ(ZmRequest(&S, RZP_PARSER_RETURN_NUMBER_OF_ITEMS, {}, &Answer), 0)
+            << ZmConsoleSnapshot(&S);
         EXPECT_EQ(Answer.Header.ReturnCode, 0);
     }
 };

@@ -9,21 +9,30 @@
 
 namespace {
 
-// Compares the messages received so far with M, then forgets them.
-void ExpectMessages(ZmSession *S, const TMessages &M)
+struct TOutcome {
+    std::string FileName;
+    int Outcome;
+};
+
+std::vector<TOutcome> AllBuilt(const std::vector<TComponent> &C)
 {
+    std::vector<TOutcome> All;
+    for (const TComponent &Each : C)
+        All.push_back({Each.FileName, OUTCOME_BUILT});
+    return All;
+}
+
+// Compares the messages received so far with M followed by each component's, then forgets them.
+void ExpectMessages(ZmSession *S, TMessages M, const std::vector<TOutcome> &Components,
+                    bool Coloured = false)
+{
+    for (const TOutcome &C : Components)
+        ExpectComponent(&M, C.FileName, C.Outcome, Coloured);
     std::lock_guard<std::mutex> Guard(S->Lock);
     EXPECT_EQ(S->ScreenTexts, M.Screen);
     EXPECT_EQ(S->LogTexts, M.Log);
     S->ScreenTexts.clear();
     S->LogTexts.clear();
-}
-
-void SendUpdate(ZmSession *S, const Bytes &Payload)
-{
-    RZP_HEADER_PACKET H =
-        HeaderTo(S, RZP_UPDATE_COMMAND_LINE_PARMS, S->NextSequence++, RZP_NO_RESULT_YET);
-    EXPECT_EQ(ZmSendPacket(S, H, Payload), 0); // the data length is filled in
 }
 
 Bytes UpdateFlags(unsigned char Reboot, unsigned char Force, unsigned char NoUserInterface)
@@ -34,23 +43,32 @@ Bytes UpdateFlags(unsigned char Reboot, unsigned char Force, unsigned char NoUse
     return B;
 }
 
-using Install = BundleTest;
+class Install : public BundleTest {
+protected:
+    ZmPacket Open, Parse;
+    int32_t Count = -1;
+    // Writes the bundle, starts the sub-service with Args, opens and parses (answers in Open and
+    // Parse); returns the records fetched whole, the number of items in Count.
+    std::vector<Bytes> Run(const std::vector<TComponent> &C, const std::vector<std::string> &Args,
+                           ZmConfig Config = ZmConfig())
+    {
+        if (!PrepareMachine(C) || !StartParser(&S, Args, Config))
+            return {};
+        Open = Ask(&S, RZP_PARSER_OPEN_INPUT_FILE);
+        Parse = Ask(&S, RZP_PARSER_PARSE_INPUT_FILE);
+        EXPECT_EQ(Parse.Header.ReturnCode, 0);
+        return FetchRecords(&S, &Count);
+    }
+};
 
 TEST_F(Install, RecordsAndMessagesOfAWholeBundleMatchTheLayout)
 {
     std::vector<TComponent> C = {DriverComponent(), AgentComponent(),
                                  PlainComponent("tools-2.1-1.i386.rpm")};
-    ASSERT_TRUE(PrepareMachine(C));
-    ASSERT_TRUE(StartParser(&S, {}));
-    ZmPacket Open = Ask(&S, RZP_PARSER_OPEN_INPUT_FILE);
+    std::vector<Bytes> Raw = Run(C, {});
     EXPECT_EQ(Open.Header.ReturnCode, 0);
     EXPECT_EQ(Open.Payload, ZmStringItem(TEST_BUNDLE_NAME, strlen(TEST_BUNDLE_NAME)));
-    ZmPacket Parse = Ask(&S, RZP_PARSER_PARSE_INPUT_FILE);
-    EXPECT_EQ(Parse.Header.ReturnCode, 0);
     EXPECT_EQ(Parse.Payload, ZmStringItem(TEST_BUNDLE_FILE));
-
-    int32_t Count = -1;
-    std::vector<Bytes> Raw = FetchRecords(&S, &Count);
     EXPECT_EQ(Count, 3);
     ExpectRecords(Raw, C);
     std::vector<Bytes> Asked; // the errata question carries the very record stored later
@@ -59,12 +77,7 @@ TEST_F(Install, RecordsAndMessagesOfAWholeBundleMatchTheLayout)
             P.Direction == ZM_FROM_PARSER)
             Asked.push_back(P.Payload);
     EXPECT_EQ(Asked, Raw);
-
-    TMessages M;
-    ExpectBundleOpening(&M);
-    for (const TComponent &Each : C)
-        ExpectComponent(&M, Each.FileName, OUTCOME_BUILT, false);
-    ExpectMessages(&S, M);
+    ExpectMessages(&S, BundleOpening(), AllBuilt(C));
     EXPECT_EQ(ZmStop(&S), 0);
 }
 
@@ -77,24 +90,15 @@ TEST_F(Install, FailedComponentsAreReportedColouredAndDoNotUseUpNumbers)
     C[1].WritePackage = false;
     C[2].WriteXml = false;
     C[3].BreakXml = true;
-    ASSERT_TRUE(PrepareMachine(C));
     ZmConfig Config;
     Config.ErrataUnsupported = {"e-1.0.rpm"};
-    ASSERT_TRUE(StartParser(&S, {"--NUI"}, Config));
-    Ask(&S, RZP_PARSER_OPEN_INPUT_FILE);
-    EXPECT_EQ(Ask(&S, RZP_PARSER_PARSE_INPUT_FILE).Header.ReturnCode, 0);
-
-    int32_t Count = -1;
-    std::vector<Bytes> Raw = FetchRecords(&S, &Count);
+    ExpectRecords(Run(C, {"--NUI"}, Config), {C[0], C[5]});
     EXPECT_EQ(Count, 2);
-    ExpectRecords(Raw, {C[0], C[5]});
-    TMessages M;
-    ExpectBundleOpening(&M);
-    const int Outcomes[] = {OUTCOME_BUILT,  OUTCOME_NO_PACKAGE, OUTCOME_NO_XML,
-                            OUTCOME_NO_XML, OUTCOME_ERRATA,     OUTCOME_BUILT};
-    for (size_t i = 0; i < C.size(); i++)
-        ExpectComponent(&M, C[i].FileName, Outcomes[i], true);
-    ExpectMessages(&S, M);
+    ExpectMessages(&S, BundleOpening(),
+                   {{"a-1.0.rpm", OUTCOME_BUILT}, {"b-1.0.rpm", OUTCOME_NO_PACKAGE},
+                    {"c-1.0.rpm", OUTCOME_NO_XML}, {"d-1.0.rpm", OUTCOME_NO_XML},
+                    {"e-1.0.rpm", OUTCOME_ERRATA}, {"f-1.0.rpm", OUTCOME_BUILT}},
+                   true);
     EXPECT_NE(ZmConsoleSnapshot(&S).find("XML File c-1.0.xml returned error"), std::string::npos);
 }
 
@@ -115,18 +119,15 @@ TEST_F(Install, UpdatePacketSwitchesColoursForTheNextParse)
     } Steps[] = {{UpdateFlags(1, 0, 1), true}, {Short, true}, {UpdateFlags(0, 1, 0), false}};
     uint32_t Number = 0;
     for (const Step &Each : Steps) {
-        SendUpdate(&S, Each.Update);
+        RZP_HEADER_PACKET H =
+            HeaderTo(&S, RZP_UPDATE_COMMAND_LINE_PARMS, S.NextSequence++, RZP_NO_RESULT_YET);
+        EXPECT_EQ(ZmSendPacket(&S, H, Each.Update), 0); // the data length is filled in
         EXPECT_EQ(Ask(&S, RZP_PARSER_PARSE_INPUT_FILE).Header.ReturnCode, 0);
-        TMessages M;
-        ExpectBundleOpening(&M);
-        ExpectComponent(&M, "a-1.0.rpm", OUTCOME_BUILT, Each.Coloured);
-        ExpectComponent(&M, "b-1.0.rpm", OUTCOME_NO_PACKAGE, Each.Coloured);
-        ExpectMessages(&S, M);
-        int32_t Count = -1;
-        std::vector<Bytes> Raw = FetchRecords(&S, &Count);
+        ExpectMessages(&S, BundleOpening(),
+                       {{"a-1.0.rpm", OUTCOME_BUILT}, {"b-1.0.rpm", OUTCOME_NO_PACKAGE}},
+                       Each.Coloured);
+        ExpectRecords(FetchRecords(&S, &Count), {C[0]}, Number++);
         EXPECT_EQ(Count, 1);
-        ASSERT_EQ(Raw.size(), 1u);
-        EXPECT_EQ(Raw[0], ExpectedRecord(C[0], Number++));
     }
 }
 
@@ -137,43 +138,23 @@ TEST_F(Install, ViewFilterCountsTheSelectedComponentsOnly)
                                  PlainComponent("e100-tools-1.0.rpm"), PlainComponent("other-1.0.rpm")};
     C[2].WritePackage = false;
     C[3].WriteXml = false;
-    ASSERT_TRUE(PrepareMachine(C));
-    ASSERT_TRUE(StartParser(&S, {"--VIEW", "e100"}));
-    Ask(&S, RZP_PARSER_OPEN_INPUT_FILE);
-    Ask(&S, RZP_PARSER_PARSE_INPUT_FILE);
-    int32_t Count = -1;
-    std::vector<Bytes> Raw = FetchRecords(&S, &Count);
+    ExpectRecords(Run(C, {"--VIEW", "e100"}), {C[0]});
     EXPECT_EQ(Count, 2); // the failed selected component still counts
-    ExpectRecords(Raw, {C[0]});
-    TMessages M;
-    ExpectBundleOpening(&M);
-    ExpectComponent(&M, C[0].FileName, OUTCOME_BUILT, false);
-    ExpectComponent(&M, C[2].FileName, OUTCOME_NO_PACKAGE, false);
-    ExpectMessages(&S, M);
+    ExpectMessages(&S, BundleOpening(),
+                   {{C[0].FileName, OUTCOME_BUILT}, {C[2].FileName, OUTCOME_NO_PACKAGE}});
 }
 
 TEST_F(Install, TQRInstallBuildsTheNamedPackagesWithoutABundle)
 {
     std::vector<TComponent> C = {AgentComponent(), PlainComponent("tools-2.1-1.i386.rpm")};
-    ASSERT_TRUE(PrepareMachine(C));
-    ASSERT_TRUE(StartParser(&S, {"-C", C[0].FileName, "-C", "tools-2.1-1.i386.RPM"}));
-    ZmPacket Open = Ask(&S, RZP_PARSER_OPEN_INPUT_FILE);
+    ExpectRecords(Run(C, {"-C", C[0].FileName, "-C", "tools-2.1-1.i386.RPM"}), C);
     EXPECT_EQ(Open.Header.ReturnCode, 0);
     EXPECT_EQ(Open.Payload, ZmStringItem("Performing TQR Install.", 23));
-    ZmPacket Parse = Ask(&S, RZP_PARSER_PARSE_INPUT_FILE);
-    EXPECT_EQ(Parse.Header.ReturnCode, 0);
     EXPECT_EQ(Parse.Header.DataLength, 0);
-    int32_t Count = -1;
-    ExpectRecords(FetchRecords(&S, &Count), C);
     EXPECT_EQ(Count, 2);
-    const std::string Banner(91, '*');
+    const std::string Banner = std::string(91, '*') + "\n";
     const std::string Marovex = "Performing an installation of components from Marovex.";
-    TMessages M;
-    M.Screen = {Marovex, ""};
-    M.Log = {Banner + "\n", Marovex, "", Banner + "\n"};
-    for (const TComponent &Each : C)
-        ExpectComponent(&M, Each.FileName, OUTCOME_BUILT, false);
-    ExpectMessages(&S, M);
+    ExpectMessages(&S, {{Marovex, ""}, {Banner, Marovex, "", Banner}}, AllBuilt(C));
 }
 
 } // namespace

@@ -17,15 +17,25 @@ void ExpectAnswer(const ZmPacket &P, int ReturnCode, const Bytes &Payload)
 
 using Items = BundleTest;
 
-TEST_F(Items, WalkHandsOutStoredRecordsAndEndsOnNoMoreItems)
+TEST_F(Items, OpenKeepsTheOneSupportedBundleAndTheWalkEndsOnNoMoreItems)
 {
     std::vector<TComponent> C = {PlainComponent("a-1.0.rpm"), PlainComponent("b-1.0.rpm"),
                                  PlainComponent("c-1.0.rpm")};
     ASSERT_TRUE(PrepareMachine(C));
+    WriteOtherBundle(TEST_BUNDLE_DIR "/BP000002.XML", "Other pack", "SUSE Linux Enterprise Server 8");
     ASSERT_TRUE(StartParser(&S, {}));
-    Ask(&S, RZP_PARSER_OPEN_INPUT_FILE);
-    const Bytes Held = ZmULongItem(0);
+    // A parse before any open is refused and says nothing.
+    const Bytes Request = ZmStringItem("parse");
+    ExpectAnswer(Ask(&S, RZP_PARSER_PARSE_INPUT_FILE, Request), RZP_PARSER_BAD_XML, Request);
+    {
+        std::lock_guard<std::mutex> Guard(S.Lock);
+        EXPECT_TRUE(S.ScreenTexts.empty());
+        EXPECT_TRUE(S.LogTexts.empty());
+    }
+    const Bytes Name = ZmStringItem(TEST_BUNDLE_NAME, sizeof(TEST_BUNDLE_NAME) - 1);
+    ExpectAnswer(Ask(&S, RZP_PARSER_OPEN_INPUT_FILE), 0, Name);
     // Before the parse there is nothing to hand out.
+    const Bytes Held = ZmULongItem(0);
     ExpectAnswer(Ask(&S, RZP_PARSER_RETURN_FIRST_ITEM, Held), RZP_PARSER_NO_MORE_ITEMS, {});
     ExpectAnswer(Ask(&S, RZP_PARSER_RETURN_NEXT_ITEM, Held), RZP_PARSER_NO_MORE_ITEMS, Held);
     ExpectAnswer(Ask(&S, RZP_PARSER_RETURN_LAST_ITEM, Held), RZP_PARSER_NO_MORE_ITEMS, Held);
@@ -48,20 +58,14 @@ TEST_F(Items, WalkHandsOutStoredRecordsAndEndsOnNoMoreItems)
     ExpectAnswer(Ask(&S, RZP_PARSER_CLOSE_INPUT_FILE, Note), 0, Note);
     ExpectAnswer(Ask(&S, RZP_PARSER_RETURN_FIRST_ITEM), 0, ExpectedRecord(C[0], 0));
     ExpectAnswer(Ask(&S, RZP_PARSER_RETURN_NUMBER_OF_ITEMS), 0, ZmULongItem(3));
-    EXPECT_EQ(ZmStop(&S), 0);
-}
 
-TEST_F(Items, ParseBeforeAnyOpenIsRefusedWithoutMessages)
-{
-    ASSERT_TRUE(PrepareMachine({PlainComponent("a-1.0.rpm")}));
-    ASSERT_TRUE(StartParser(&S, {}));
-    const Bytes Request = ZmStringItem("parse");
-    ExpectAnswer(Ask(&S, RZP_PARSER_PARSE_INPUT_FILE, Request), RZP_PARSER_BAD_XML, Request);
-    {
-        std::lock_guard<std::mutex> Guard(S.Lock);
-        EXPECT_TRUE(S.ScreenTexts.empty());
-        EXPECT_TRUE(S.LogTexts.empty());
-    }
+    // A second open looks at the directory afresh rather than adding to the first answer.
+    ExpectAnswer(Ask(&S, RZP_PARSER_OPEN_INPUT_FILE), 0, Name);
+    WriteOtherBundle(TEST_BUNDLE_DIR "/bp000003.xml", "Other pack", "Red Hat Linux 7.3");
+    const Bytes Open = ZmStringItem("open");
+    ExpectAnswer(Ask(&S, RZP_PARSER_OPEN_INPUT_FILE, Open), RZP_PARSER_NOT_ONE_BUNDLE, Open);
+    EXPECT_EQ(ZmWaitForConsole(&S, "More than one supported Bundle XML file found.\n"), 0);
+    EXPECT_EQ(ZmStop(&S), 0);
 }
 
 TEST_F(Items, BundleThatInstallsNothingHasNoItems)
@@ -72,22 +76,6 @@ TEST_F(Items, BundleThatInstallsNothingHasNoItems)
     EXPECT_EQ(Ask(&S, RZP_PARSER_PARSE_INPUT_FILE).Header.ReturnCode, 0);
     ExpectAnswer(Ask(&S, RZP_PARSER_RETURN_NUMBER_OF_ITEMS), 0, ZmULongItem(0));
     ExpectAnswer(Ask(&S, RZP_PARSER_RETURN_FIRST_ITEM), RZP_PARSER_NO_MORE_ITEMS, {});
-}
-
-TEST_F(Items, OpenKeepsTheOneSupportedBundleAndRefusesTwo)
-{
-    ASSERT_TRUE(PrepareMachine({PlainComponent("a-1.0.rpm")}));
-    WriteOtherBundle(TEST_BUNDLE_DIR "/BP000002.XML", "Other pack", "SUSE Linux Enterprise Server 8");
-    ASSERT_TRUE(StartParser(&S, {}));
-    const Bytes Name = ZmStringItem(TEST_BUNDLE_NAME, sizeof(TEST_BUNDLE_NAME) - 1);
-    ExpectAnswer(Ask(&S, RZP_PARSER_OPEN_INPUT_FILE), 0, Name);
-    // A second open looks at the directory afresh rather than adding to the first answer.
-    ExpectAnswer(Ask(&S, RZP_PARSER_OPEN_INPUT_FILE), 0, Name);
-    WriteOtherBundle(TEST_BUNDLE_DIR "/bp000003.xml", "Other pack", "Red Hat Linux 7.3");
-    const Bytes Request = ZmStringItem("open");
-    ExpectAnswer(Ask(&S, RZP_PARSER_OPEN_INPUT_FILE, Request), RZP_PARSER_NOT_ONE_BUNDLE, Request);
-    EXPECT_EQ(ZmWaitForConsole(&S, "More than one supported Bundle XML file found.\n"), 0);
-    EXPECT_EQ(ZmStop(&S), 0);
 }
 
 TEST_F(Items, OpenWithoutASupportedBundleEndsTheSubService)

@@ -1,8 +1,8 @@
 // How long the sub-service lives and what it holds while it does, end to end with the real
-// binary in the sandbox: it clears connection files of an earlier run; a connection that shows data without yielding a packet is not spun on;
-// idle it wakes about 100 times a second and stays; it ends in order when its manager is
-// killed; a flood of answers that nobody asked for does not grow it without bound.
-#include <gtest/gtest.h>
+// binary in the sandbox: it clears connection files of an earlier run; idle it wakes about 100
+// times a second and stays; a connection that shows data without yielding a packet is not spun
+// on; it ends in order when its manager is killed; a flood of answers that nobody asked for
+// does not grow it without bound.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
@@ -11,14 +11,15 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstring>
-#include <dirent.h>
+#include <cstdio>
+#include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
-#include <vector>
 
+#include <gtest/gtest.h>
+
+#include "../common/helpers.h"
 #include "bundle_fixture.h"
 
 namespace {
@@ -37,31 +38,20 @@ long StatusField(const std::string &StatusPath, const std::string &Field)
 // Voluntary context switches of all threads of a process: one per sleep that ended.
 long VoluntarySwitches(pid_t Pid)
 {
-    std::string Tasks = "/proc/" + std::to_string(Pid) + "/task";
     long Sum = 0;
-    DIR *Dir = opendir(Tasks.c_str());
-    if (Dir == nullptr)
-        return -1;
-    while (struct dirent *Entry = readdir(Dir))
-        if (Entry->d_name[0] != '.')
-            Sum += StatusField(Tasks + "/" + Entry->d_name + "/status", "voluntary_ctxt_switches");
-    closedir(Dir);
+    for (const auto &Task : std::filesystem::directory_iterator("/proc/" + std::to_string(Pid) + "/task"))
+        Sum += StatusField(Task.path().string() + "/status", "voluntary_ctxt_switches");
     return Sum;
 }
 
-// User and system CPU time of a process in clock ticks.
+// User and system CPU time of a process in clock ticks (fields 14 and 15 of its stat line).
 long CpuTicks(pid_t Pid)
 {
-    std::ifstream Stat("/proc/" + std::to_string(Pid) + "/stat");
-    std::string Line;
-    std::getline(Stat, Line);
-    std::istringstream Fields(Line.substr(Line.rfind(')') + 2));
-    std::string Skip;
-    for (int Field = 3; Field <= 13; Field++)
-        Fields >> Skip;
-    long User = 0, System = 0;
-    Fields >> User >> System;
-    return User + System;
+    std::string Line = ReadAll("/proc/" + std::to_string(Pid) + "/stat");
+    unsigned long User = 0, System = 0;
+    sscanf(Line.c_str() + Line.rfind(')') + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu",
+           &User, &System);
+    return long(User + System);
 }
 
 // Watches a process for Ms milliseconds: its sleeps that ended per second, its share of a CPU.
@@ -79,7 +69,12 @@ void Watch(pid_t Pid, int Ms, double *PerSecond, double *CpuShare)
 
 class Lifecycle : public SessionTest {};
 
-TEST_F(Lifecycle, AnIdleSubServiceWakesAboutAHundredTimesASecondAndStays)
+bool IsAnswer4242(const ZmPacket &P, const void *)
+{
+    return P.Header.LocalSequenceNumber == 4242 && P.Header.ReturnCode != RZP_NO_RESULT_YET;
+}
+
+TEST_F(Lifecycle, AnIdleSubServiceWakesAboutAHundredTimesASecondStaysAndDoesNotSpin)
 {
     // Connection files of an earlier run, plain files where the FIFOs belong, would be refused
     // by the transport if they stayed: the sub-service removes them at start.
@@ -88,7 +83,7 @@ TEST_F(Lifecycle, AnIdleSubServiceWakesAboutAHundredTimesASecondAndStays)
     Start();
     ExpectStillServing(); // the worker of this request has ended before the idle time starts
     double PerSecond, CpuShare;
-    Watch(Session.Pid, 2500, &PerSecond, &CpuShare);
+    Watch(S.Pid, 2500, &PerSecond, &CpuShare);
     // The listener looks at the exit flag every 10 ms, the shut-down thread once a second.
     // Generous bounds: a loaded machine delays wake-ups, a spinning thread would not sleep.
     EXPECT_GT(PerSecond, 40);
@@ -96,27 +91,15 @@ TEST_F(Lifecycle, AnIdleSubServiceWakesAboutAHundredTimesASecondAndStays)
     EXPECT_LT(CpuShare, 0.10);
     // Idle for longer than the shut-down thread's look at its manager: still there.
     ExpectStillServing();
-    EXPECT_EQ(ZmStop(&Session), 0);
-}
 
-bool IsAnswer4242(const ZmPacket &P, const void *)
-{
-    return P.Header.LocalSequenceNumber == 4242 && P.Header.ReturnCode != RZP_NO_RESULT_YET;
-}
-
-TEST_F(Lifecycle, AConnectionThatShowsDataButYieldsNoPacketIsNotSpunOn)
-{
-    Start();
     // Another reader holds the read connection's reader lock: the request below is there to
     // see, but every receive of the sub-service takes nothing until the lock is released.
     int Lock = open("/dev/zelparser_read.lock", O_RDWR);
     ASSERT_GE(Lock, 0);
     ASSERT_EQ(flock(Lock, LOCK_EX), 0);
-    ASSERT_EQ(ZmSendPacket(&Session, HeaderTo(&Session, RZP_PARSER_RETURN_NUMBER_OF_ITEMS, 4242,
-                                              RZP_NO_RESULT_YET), {}),
-              0);
-    double PerSecond, CpuShare;
-    Watch(Session.Pid, 1500, &PerSecond, &CpuShare);
+    RZP_HEADER_PACKET H = HeaderTo(&S, RZP_PARSER_RETURN_NUMBER_OF_ITEMS, 4242, RZP_NO_RESULT_YET);
+    ASSERT_EQ(ZmSendPacket(&S, H, {}), 0);
+    Watch(S.Pid, 1500, &PerSecond, &CpuShare);
     flock(Lock, LOCK_UN);
     close(Lock);
     // A listener that polled again at once would never sleep: no voluntary switches, and all
@@ -124,8 +107,8 @@ TEST_F(Lifecycle, AConnectionThatShowsDataButYieldsNoPacketIsNotSpunOn)
     EXPECT_GT(PerSecond, 20);
     EXPECT_LT(CpuShare, 0.25);
     size_t From = 0;
-    EXPECT_EQ(ZmWaitForPacket(&Session, IsAnswer4242, nullptr, &From, nullptr), 0);
-    EXPECT_EQ(ZmStop(&Session), 0);
+    EXPECT_EQ(ZmWaitForPacket(&S, IsAnswer4242, nullptr, &From, nullptr), 0);
+    EXPECT_EQ(ZmStop(&S), 0);
 }
 
 // The manager runs in a child process that starts the sub-service, has it block mid-parse on a
@@ -177,18 +160,18 @@ TEST_F(Lifecycle, ASubServiceWhoseManagerWasKilledMidParseEndsInOrder)
 TEST_F(Lifecycle, AFloodOfUnrequestedAnswersKeepsMemoryBoundedAndTheServiceServing)
 {
     Start();
-    std::string StatusPath = "/proc/" + std::to_string(Session.Pid) + "/status";
+    std::string StatusPath = "/proc/" + std::to_string(S.Pid) + "/status";
     long Before = StatusField(StatusPath, "VmRSS");
     Bytes Payload = ZmStringItem(std::string(91, 'x')); // 100 bytes
     for (int i = 0; i < 20000; i++)
-        ASSERT_EQ(ZmSendPacket(&Session, HeaderTo(&Session, RZP_OUTPUT_DATA, 500000 + i, 0), Payload),
+        ASSERT_EQ(ZmSendPacket(&S, HeaderTo(&S, RZP_OUTPUT_DATA, 500000 + i, 0), Payload),
                   0);
     ExpectStillServing(); // answered after every packet of the flood was taken
     long After = StatusField(StatusPath, "VmHWM");
     // Parked whole, 20000 packets in 16 KiB buffers would take over 300 MiB.
     EXPECT_LT(After - Before, 48 * 1024) << "KiB before " << Before << ", peak " << After;
-    EXPECT_EQ(ZmWaitForConsole(&Session, "Parser dropped an unrequested packet for opCode 2001"), 0);
-    EXPECT_EQ(ZmStop(&Session), 0);
+    EXPECT_EQ(ZmWaitForConsole(&S, "Parser dropped an unrequested packet for opCode 2001"), 0);
+    EXPECT_EQ(ZmStop(&S), 0);
 }
 
 } // namespace
