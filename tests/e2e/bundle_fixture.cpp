@@ -7,12 +7,8 @@
 #include <sys/stat.h>
 
 #include <cstdio>
-#include <cstring>
 #include <fstream>
-
-#include <gtest/gtest.h>
-
-#include "sandbox.h"
+#include <mutex>
 
 TComponent AgentComponent(void)
 {
@@ -67,28 +63,32 @@ static std::string Flag(const std::string &E, bool Value)
     return Empty(E, At("value", Value ? "yes" : "no"));
 }
 
-static std::string VariableXml(const std::string &Kind, const TVariable &V)
+static std::string ConfigurationXml(const std::string &Kind, const std::vector<TVariable> &List)
 {
-    char Hex[16];
-    snprintf(Hex, sizeof(Hex), "%x", V.Attributes);
-    std::string X = Empty("requirements", At("required", V.Required ? "yes" : "no") +
-                                              At("minimumlength", std::to_string(V.Minimum)) +
-                                              (V.WriteMaximum ? At("maximumlength", std::to_string(V.Maximum)) : ""));
-    X += El("prompt", Cdata("prompt_xlate", "Eingabe:", "de") + Cdata("prompt_xlate", V.Prompt, "en"));
-    if (!V.Acceptable.empty())
-        X += Cdata("acceptable_characters", V.Acceptable, "");
-    if (!V.Format.empty())
-        X += Cdata("required_format", V.Format, "");
-    if (!V.OutputName.empty())
-        X += Empty("outputname", At("type", std::to_string(V.OutputType)) + At("name", V.OutputName));
-    const std::string Values[3][2] = {
-        {"default_value", V.Default}, {"actual_value", V.Actual}, {"output_filename", V.OutputFile}};
-    for (const auto &Each : Values)
-        if (!Each[1].empty())
-            X += Empty(Each[0], At("value", Each[1]));
-    if (V.Attributes != 0)
-        X += Empty("attributes", At("value", Hex));
-    return El(Kind + "_data_and", X);
+    std::string All;
+    for (const TVariable &V : List) {
+        char Hex[16];
+        snprintf(Hex, sizeof(Hex), "%x", V.Attributes);
+        std::string X = Empty("requirements", At("required", V.Required ? "yes" : "no") +
+                                                  At("minimumlength", std::to_string(V.Minimum)) +
+                                                  (V.WriteMaximum ? At("maximumlength", std::to_string(V.Maximum)) : ""));
+        X += El("prompt", Cdata("prompt_xlate", "Eingabe:", "de") + Cdata("prompt_xlate", V.Prompt, "en"));
+        if (!V.Acceptable.empty())
+            X += Cdata("acceptable_characters", V.Acceptable, "");
+        if (!V.Format.empty())
+            X += Cdata("required_format", V.Format, "");
+        if (!V.OutputName.empty())
+            X += Empty("outputname", At("type", std::to_string(V.OutputType)) + At("name", V.OutputName));
+        const std::string Values[3][2] = {
+            {"default_value", V.Default}, {"actual_value", V.Actual}, {"output_filename", V.OutputFile}};
+        for (const auto &Each : Values)
+            if (!Each[1].empty())
+                X += Empty(Each[0], At("value", Each[1]));
+        if (V.Attributes != 0)
+            X += Empty("attributes", At("value", Hex));
+        All += El(Kind + "_data_and", X);
+    }
+    return El(Kind, All);
 }
 
 static std::string RequisitesXml(const std::string &Kind, const std::vector<TRequisite> &List)
@@ -112,14 +112,6 @@ static std::string DevicesXml(const std::vector<TDevice> &Devices)
         X += El("supported_devices_and", El("supported_device", Device));
     }
     return El("prerequisites", El("supported_devices", X));
-}
-
-static std::string ConfigurationXml(const std::string &Kind, const std::vector<TVariable> &List)
-{
-    std::string X;
-    for (const TVariable &V : List)
-        X += VariableXml(Kind, V);
-    return El(Kind, X);
 }
 
 static std::string PlatformXml(const TComponent &C)
@@ -246,11 +238,6 @@ static void PutVariable(Bytes *B, uint32_t Structure, const TVariable &V)
     Put(B, Structure, (uint32_t)Body.size(), Body);
 }
 
-static std::string DevicePart(const std::string &Part)
-{
-    return Part.empty() ? "0000" : Part;
-}
-
 Bytes ExpectedRecord(const TComponent &C, uint32_t Number)
 {
     Bytes B;
@@ -264,10 +251,12 @@ Bytes ExpectedRecord(const TComponent &C, uint32_t Number)
     for (const std::string &S : {std::string("SUCCESS"), C.FileName, C.Name, C.Description,
                                  C.Version, C.Command, std::string("MG"), std::string("MG")})
         PutString(&B, S);
-    for (const TDevice &D : C.Devices)
-        PutRequisite(&B, RZP_STRUCT_PREREQ, SUBTYPE_PCI_DEVICE_PRESENT,
-                     DevicePart(D.Ven) + "." + DevicePart(D.Dev) + "." + DevicePart(D.SubVen) +
-                         "." + DevicePart(D.SubDev));
+    for (const TDevice &D : C.Devices) {
+        std::string Id; // absent parts read as 0000
+        for (const std::string *Part : {&D.Ven, &D.Dev, &D.SubVen, &D.SubDev})
+            Id += (Id.empty() ? "" : ".") + (Part->empty() ? "0000" : *Part);
+        PutRequisite(&B, RZP_STRUCT_PREREQ, SUBTYPE_PCI_DEVICE_PRESENT, Id);
+    }
     for (const TRequisite &R : C.Prerequisites)
         PutRequisite(&B, RZP_STRUCT_PREREQ, R.SubType, R.Value);
     for (const TRequisite &R : C.Postrequisites)
@@ -290,8 +279,7 @@ bool EnterRedHat73(void)
 
 RZP_HEADER_PACKET HeaderTo(ZmSession *S, uint32_t OpCode, int Sequence, int ReturnCode)
 {
-    RZP_HEADER_PACKET H;
-    memset(&H, 0, sizeof H);
+    RZP_HEADER_PACKET H{};
     H.SrcHandle = S->ReceiveHandle;
     H.DestHandle = S->SendHandle;
     H.LocalSequenceNumber = Sequence;
@@ -301,17 +289,14 @@ RZP_HEADER_PACKET HeaderTo(ZmSession *S, uint32_t OpCode, int Sequence, int Retu
     return H;
 }
 
-bool PrepareMachine(const std::vector<TComponent> &Components)
+bool StartParser(ZmSession *S, const std::vector<TComponent> &Components,
+                 const std::vector<std::string> &Args, ZmConfig Config)
 {
-    bool Ready = EnterRedHat73();
-    EXPECT_TRUE(Ready) << "the sandbox cannot be entered";
-    if (Ready)
-        WriteBundle(Components);
-    return Ready;
-}
-
-bool StartParser(ZmSession *S, const std::vector<std::string> &Args, ZmConfig Config)
-{
+    if (!EnterRedHat73()) {
+        ADD_FAILURE() << "the sandbox cannot be entered";
+        return false;
+    }
+    WriteBundle(Components);
     Config.ParserPath = ZEL_PARSER_PATH;
     Config.BundleDir = TEST_BUNDLE_DIR;
     Config.Args = Args;
@@ -374,7 +359,7 @@ static void Pair(TMessages *M, const std::string &Before, const std::string &Wor
     M->Log.push_back(Before + Word + After);
 }
 
-void ExpectComponent(TMessages *M, const std::string &F, int Outcome, bool Coloured)
+static void ExpectComponent(TMessages *M, const std::string &F, int Outcome, bool Coloured)
 {
     const std::string Missing = Outcome == OUTCOME_NO_PACKAGE ? "The component file to install"
                                                               : "The component XML file";
@@ -388,6 +373,19 @@ void ExpectComponent(TMessages *M, const std::string &F, int Outcome, bool Colou
              " the currently installed errata kernel.", Coloured);
         Pair(M, "\tInstallation of this component will not be attempted.\n", "", 0, "", false);
     }
+}
+
+void ExpectMessages(ZmSession *S, TMessages M, const std::vector<TComponent> &C,
+                    const std::vector<int> &Outcomes, bool Coloured)
+{
+    for (size_t i = 0; i < C.size(); i++)
+        if (Outcomes.empty() || Outcomes[i] != OUTCOME_UNSELECTED)
+            ExpectComponent(&M, C[i].FileName, Outcomes.empty() ? OUTCOME_BUILT : Outcomes[i], Coloured);
+    std::lock_guard<std::mutex> Guard(S->Lock);
+    EXPECT_EQ(S->ScreenTexts, M.Screen);
+    EXPECT_EQ(S->LogTexts, M.Log);
+    S->ScreenTexts.clear();
+    S->LogTexts.clear();
 }
 
 namespace {

@@ -59,10 +59,10 @@ Bytes ExpectedRecord(const TComponent &C, uint32_t Number);
 bool EnterRedHat73(void);
 // A header for a packet of the manager to the sub-service, on the session's connections.
 RZP_HEADER_PACKET HeaderTo(ZmSession *S, uint32_t OpCode, int Sequence, int ReturnCode);
-// Enters the sandbox as a Red Hat Linux 7.3 machine and writes the bundle in TEST_BUNDLE_DIR.
-bool PrepareMachine(const std::vector<TComponent> &Components);
-// Starts the sub-service in TEST_BUNDLE_DIR with Args; fails the test when it cannot start.
-bool StartParser(ZmSession *S, const std::vector<std::string> &Args, ZmConfig Config = ZmConfig());
+// Enters the sandbox as a Red Hat Linux 7.3 machine, writes the bundle of Components in
+// TEST_BUNDLE_DIR and starts the sub-service there with Args; fails the test when it cannot.
+bool StartParser(ZmSession *S, const std::vector<TComponent> &Components,
+                 const std::vector<std::string> &Args = {}, ZmConfig Config = ZmConfig());
 // Sends a parse request and waits for the sub-service's first log request: a manager that
 // does not answer requests (ZmConfig::AnswerRequests false) holds the parse worker there.
 bool BlockMidParse(ZmSession *S);
@@ -76,8 +76,12 @@ struct TMessages {
     std::vector<std::string> Screen, Log;
 };
 TMessages BundleOpening(void); // the bundle file announced, its name and version
-enum { OUTCOME_BUILT, OUTCOME_NO_PACKAGE, OUTCOME_NO_XML, OUTCOME_ERRATA };
-void ExpectComponent(TMessages *M, const std::string &FileName, int Outcome, bool Coloured);
+// What a parse made of a component; one the view filter left out says nothing.
+enum { OUTCOME_BUILT, OUTCOME_NO_PACKAGE, OUTCOME_NO_XML, OUTCOME_ERRATA, OUTCOME_UNSELECTED };
+// The messages received so far are Opening and then each component's by its outcome (every one
+// built when Outcomes is empty), on a coloured screen or not; they are then forgotten.
+void ExpectMessages(ZmSession *S, TMessages Opening, const std::vector<TComponent> &C,
+                    const std::vector<int> &Outcomes = {}, bool Coloured = false);
 
 // The records of the last parse, fetched whole; the number of items answered in *Count.
 std::vector<Bytes> FetchRecords(ZmSession *S, int32_t *Count);
@@ -111,9 +115,7 @@ protected:
     // The sub-service still serves requests: the number of items is answered.
     void ExpectStillServing()
     {
-        ZmPacket Answer;
-        ASSERT_EQ(ZmRequest(&S, RZP_PARSER_RETURN_NUMBER_OF_ITEMS, {}, &Answer), 0)
+        EXPECT_EQ(Ask(&S, RZP_PARSER_RETURN_NUMBER_OF_ITEMS).Header.ReturnCode, 0)
             << ZmConsoleSnapshot(&S);
-        EXPECT_EQ(Answer.Header.ReturnCode, 0);
     }
 };

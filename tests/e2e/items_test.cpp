@@ -21,9 +21,8 @@ TEST_F(Items, OpenKeepsTheOneSupportedBundleAndTheWalkEndsOnNoMoreItems)
 {
     std::vector<TComponent> C = {PlainComponent("a-1.0.rpm"), PlainComponent("b-1.0.rpm"),
                                  PlainComponent("c-1.0.rpm")};
-    ASSERT_TRUE(PrepareMachine(C));
+    ASSERT_TRUE(StartParser(&S, C));
     WriteOtherBundle(TEST_BUNDLE_DIR "/BP000002.XML", "Other pack", "SUSE Linux Enterprise Server 8");
-    ASSERT_TRUE(StartParser(&S, {}));
     // A parse before any open is refused and says nothing.
     const Bytes Request = ZmStringItem("parse");
     ExpectAnswer(Ask(&S, RZP_PARSER_PARSE_INPUT_FILE, Request), RZP_PARSER_BAD_XML, Request);
@@ -70,7 +69,6 @@ TEST_F(Items, OpenKeepsTheOneSupportedBundleAndTheWalkEndsOnNoMoreItems)
 
 TEST_F(Items, BundleThatInstallsNothingHasNoItems)
 {
-    ASSERT_TRUE(PrepareMachine({}));
     ASSERT_TRUE(StartParser(&S, {}));
     Ask(&S, RZP_PARSER_OPEN_INPUT_FILE);
     EXPECT_EQ(Ask(&S, RZP_PARSER_PARSE_INPUT_FILE).Header.ReturnCode, 0);
@@ -80,10 +78,9 @@ TEST_F(Items, BundleThatInstallsNothingHasNoItems)
 
 TEST_F(Items, OpenWithoutASupportedBundleEndsTheSubService)
 {
-    ASSERT_TRUE(PrepareMachine({PlainComponent("a-1.0.rpm")}));
+    ASSERT_TRUE(StartParser(&S, {PlainComponent("a-1.0.rpm")}));
     unlink(TEST_BUNDLE_DIR "/bp000001.xml");
     WriteOtherBundle(TEST_BUNDLE_DIR "/bp000002.xml", "Other pack", "SUSE Linux Enterprise Server 8");
-    ASSERT_TRUE(StartParser(&S, {}));
     ExpectAnswer(Ask(&S, RZP_PARSER_OPEN_INPUT_FILE), RZP_PARSER_NO_BUNDLE, {});
     EXPECT_EQ(ZmWaitForConsole(&S, "No supported Bundle XML files were found.\n"), 0);
     EXPECT_GE(ZmWaitExit(&S), 0);

@@ -39,7 +39,8 @@ long StatusField(const std::string &StatusPath, const std::string &Field)
 long VoluntarySwitches(pid_t Pid)
 {
     long Sum = 0;
-    for (const auto &Task : std::filesystem::directory_iterator("/proc/" + std::to_string(Pid) + "/task"))
+    std::string Tasks = "/proc/" + std::to_string(Pid) + "/task";
+    for (const auto &Task : std::filesystem::directory_iterator(Tasks))
         Sum += StatusField(Task.path().string() + "/status", "voluntary_ctxt_switches");
     return Sum;
 }
@@ -127,9 +128,8 @@ TEST_F(Lifecycle, ASubServiceWhoseManagerWasKilledMidParseEndsInOrder)
         Config.Args = {"-C", "pkg.rpm"};
         ZmSession Child;
         pid_t Pid = ZmStart(&Child, Config) == 0 && BlockMidParse(&Child) ? Child.Pid : -1;
-        ssize_t Written = write(Pipe[1], &Pid, sizeof Pid);
-        (void)Written;
-        pause(); // killed here
+        if (write(Pipe[1], &Pid, sizeof Pid) == sizeof Pid)
+            pause(); // killed here
         _exit(1);
     }
     close(Pipe[1]);
@@ -142,15 +142,10 @@ TEST_F(Lifecycle, ASubServiceWhoseManagerWasKilledMidParseEndsInOrder)
     ASSERT_GT(Parser, 0) << "the child manager could not bring the sub-service mid-parse";
     // It ends within about a second; 10 s only catches a sub-service that stays.
     pid_t Ended = 0;
-    for (int i = 0; i < 1000 && Ended == 0; i++) {
-        Ended = waitpid(Parser, &Status, WNOHANG);
-        if (Ended == 0)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    if (Ended == 0) {
-        kill(Parser, SIGKILL);
-        waitpid(Parser, &Status, 0);
-    }
+    for (int i = 0; i < 1000 && (Ended = waitpid(Parser, &Status, WNOHANG)) == 0; i++)
+        usleep(10000);
+    if (Ended == 0)
+        kill(Parser, SIGKILL), waitpid(Parser, &Status, 0);
     prctl(PR_SET_CHILD_SUBREAPER, 0);
     ASSERT_EQ(Ended, Parser) << "the sub-service outlived its manager";
     ASSERT_TRUE(WIFEXITED(Status)) << "ended by signal " << WTERMSIG(Status);
@@ -164,8 +159,7 @@ TEST_F(Lifecycle, AFloodOfUnrequestedAnswersKeepsMemoryBoundedAndTheServiceServi
     long Before = StatusField(StatusPath, "VmRSS");
     Bytes Payload = ZmStringItem(std::string(91, 'x')); // 100 bytes
     for (int i = 0; i < 20000; i++)
-        ASSERT_EQ(ZmSendPacket(&S, HeaderTo(&S, RZP_OUTPUT_DATA, 500000 + i, 0), Payload),
-                  0);
+        ASSERT_EQ(ZmSendPacket(&S, HeaderTo(&S, RZP_OUTPUT_DATA, 500000 + i, 0), Payload), 0);
     ExpectStillServing(); // answered after every packet of the flood was taken
     long After = StatusField(StatusPath, "VmHWM");
     // Parked whole, 20000 packets in 16 KiB buffers would take over 300 MiB.

@@ -8,34 +8,30 @@
 
 namespace {
 
-ZmConfig ExampleConfig()
-{
+class ManagerSession : public BundleTest {
+protected:
     ZmConfig C;
-    C.ParserPath = ZEL_PARSER_PATH;
-    C.BundleDir = ZEL_EXAMPLES "/server-bundle";
-    return C;
-}
+    void SetUp() override
+    {
+        ASSERT_TRUE(EnterRedHat73());
+        C.ParserPath = ZEL_PARSER_PATH;
+        C.BundleDir = ZEL_EXAMPLES "/server-bundle";
+    }
+};
 
 bool IsDeregistration(const ZmPacket &P, const void *)
 {
     return P.Connection == "/dev/zelrzp_np1" && P.Header.opCode == RZP_SHUTDOWN;
 }
 
-} // namespace
-
-TEST(ManagerSession, AnswersSupportQueriesAndErrataQuestionsAsConfigured)
+TEST_F(ManagerSession, AnswersSupportQueriesAndErrataQuestionsAsConfigured)
 {
-    ASSERT_TRUE(EnterRedHat73());
-    ZmConfig C = ExampleConfig();
     C.NotSupportedAnswers[RZP_IS_COMPONENT_SUPPORTED_ON_THIS_ERRATA] = 2;
     C.ErrataUnsupported.insert("raidutil-1.7-2.i386.rpm");
-    ZmSession S;
     std::string Error;
     ASSERT_EQ(ZmStart(&S, C, &Error), 0) << Error;
-    ZmPacket A;
-    ASSERT_EQ(ZmRequest(&S, RZP_PARSER_OPEN_INPUT_FILE, {}, &A), 0);
-    ASSERT_EQ(A.Header.ReturnCode, 0);
-    ASSERT_EQ(ZmRequest(&S, RZP_PARSER_PARSE_INPUT_FILE, {}, &A), 0);
+    ASSERT_EQ(Ask(&S, RZP_PARSER_OPEN_INPUT_FILE).Header.ReturnCode, 0);
+    Ask(&S, RZP_PARSER_PARSE_INPUT_FILE);
     std::vector<ZmRecord> Records;
     int32_t Items = -1;
     ASSERT_EQ(ZmFetchAllRecords(&S, nullptr, &Records, &Items, &Error), 0) << Error;
@@ -55,21 +51,18 @@ TEST(ManagerSession, AnswersSupportQueriesAndErrataQuestionsAsConfigured)
     EXPECT_EQ(ZmStop(&S), 0);
     size_t From = 0;
     EXPECT_EQ(ZmWaitForPacket(&S, IsDeregistration, nullptr, &From, nullptr, 0), 0);
-    ZmClose(&S);
 }
 
-TEST(ManagerSession, StartReportsASubServiceThatEndsBeforeRegistering)
+TEST_F(ManagerSession, StartReportsASubServiceThatEndsBeforeRegistering)
 {
-    ASSERT_TRUE(EnterRedHat73());
-    ZmConfig C = ExampleConfig();
     C.PassMG = false;
-    ZmSession S;
     std::string Error;
     EXPECT_EQ(ZmStart(&S, C, &Error), -1);
     EXPECT_NE(Error.find("status 255"), std::string::npos) << Error;
     EXPECT_NE(ZmConsoleSnapshot(&S).find("can only be executed"), std::string::npos);
     ZmPacket A;
     EXPECT_EQ(ZmRequest(&S, RZP_PARSER_OPEN_INPUT_FILE, {}, &A, 100), -1);
-    ZmClose(&S);
-    ZmClose(&S);
+    ZmClose(&S); // closing twice (once more in TearDown) is harmless
 }
+
+} // namespace

@@ -12,7 +12,6 @@
 
 #include <cerrno>
 #include <fstream>
-#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -55,37 +54,32 @@ void StopPlanter(pid_t Pid)
     waitpid(Pid, nullptr, 0);
 }
 
-// A SLES 8 machine whose bundle directory holds the Red Hat Linux 7.3 bundle of three
-// components and a SLES bundle of one of them.
-bool PrepareSles8(void)
-{
-    std::vector<TComponent> C = {PlainComponent("a-1.0.rpm"), PlainComponent("b-1.0.rpm"),
-                                 PlainComponent("c-1.0.rpm")};
-    if (!PrepareMachine(C) || SandboxClearReleaseFiles() != 0 ||
-        SandboxSetFile("/etc/SuSE-release", "SuSE SLES-8 (i386)\nVERSION = 8.1\n") != 0)
-        return false;
-    WriteOtherBundle(TEST_BUNDLE_DIR "/bp000002.xml", SLES_BUNDLE_NAME, "SUSE Linux Enterprise Server 8");
-    std::ofstream(VICTIM) << VICTIM_TEXT;
-    return true;
-}
-
-class ReleaseOut : public testing::TestWithParam<Plant> {};
+class ReleaseOut : public testing::TestWithParam<Plant> {
+protected:
+    ZmSession S;
+    void TearDown() override { ZmClose(&S); }
+};
 
 TEST_P(ReleaseOut, AnotherUsersPlantIsNeverWrittenThroughNorHangsTheDetection)
 {
     if (geteuid() != 0 || getuid() != 0)
         GTEST_SKIP() << "planting as another user needs real root";
-    ASSERT_TRUE(PrepareSles8());
+    // A SLES 8 machine whose bundle directory holds the Red Hat Linux 7.3 bundle of three
+    // components and a SLES bundle of one of them; the distribution is detected at the open.
+    ASSERT_TRUE(StartParser(&S, {PlainComponent("a-1.0.rpm"), PlainComponent("b-1.0.rpm"),
+                                 PlainComponent("c-1.0.rpm")}));
+    ASSERT_EQ(SandboxClearReleaseFiles(), 0);
+    ASSERT_EQ(SandboxSetFile("/etc/SuSE-release", "SuSE SLES-8 (i386)\nVERSION = 8.1\n"), 0);
+    WriteOtherBundle(TEST_BUNDLE_DIR "/bp000002.xml", SLES_BUNDLE_NAME, "SUSE Linux Enterprise Server 8");
+    std::ofstream(VICTIM) << VICTIM_TEXT;
     struct stat Tmp;
     ASSERT_EQ(stat("/tmp", &Tmp), 0);
     ASSERT_EQ(Tmp.st_mode & 07777, 01777u) << "the sandbox's /tmp must be sticky";
     pid_t Planter = StartPlanter(GetParam());
     ASSERT_GT(Planter, 0);
     usleep(100000);
-    ZmSession S;
     ZmPacket Open;
-    bool Started = StartParser(&S, {});
-    int Asked = Started ? ZmRequest(&S, RZP_PARSER_OPEN_INPUT_FILE, {}, &Open, 20000) : -1;
+    int Asked = ZmRequest(&S, RZP_PARSER_OPEN_INPUT_FILE, {}, &Open, 20000);
     EXPECT_EQ(Asked, 0) << "open input file was not answered";
     if (Asked == 0 && GetParam() == PLANT_DIRECTORY) {
         // A directory the sub-service may not remove: the detection fails and says why.
@@ -95,10 +89,7 @@ TEST_P(ReleaseOut, AnotherUsersPlantIsNeverWrittenThroughNorHangsTheDetection)
         EXPECT_EQ(Open.Header.ReturnCode, 0);
         EXPECT_EQ(Open.Payload, ZmStringItem(SLES_BUNDLE_NAME, sizeof(SLES_BUNDLE_NAME) - 1));
         EXPECT_EQ(Ask(&S, RZP_PARSER_PARSE_INPUT_FILE).Header.ReturnCode, 0);
-        std::vector<Bytes> Raw;
-        std::string Error;
-        EXPECT_EQ(ZmFetchAllRecords(&S, &Raw, nullptr, nullptr, &Error), 0) << Error;
-        EXPECT_EQ(Raw.size(), 1u) << "records of the SLES bundle";
+        EXPECT_EQ(FetchRecords(&S, nullptr).size(), 1u) << "records of the SLES bundle";
     }
     StopPlanter(Planter);
     ZmClose(&S);
