@@ -279,14 +279,8 @@ bool EnterRedHat73(void)
 
 RZP_HEADER_PACKET HeaderTo(ZmSession *S, uint32_t OpCode, int Sequence, int ReturnCode)
 {
-    RZP_HEADER_PACKET H{};
-    H.SrcHandle = S->ReceiveHandle;
-    H.DestHandle = S->SendHandle;
-    H.LocalSequenceNumber = Sequence;
-    H.RemoteSequenceNumber = -1;
-    H.opCode = OpCode;
-    H.ReturnCode = ReturnCode;
-    return H;
+    // From our receiving handle to its; no remote number; the data length is filled in on send.
+    return {S->ReceiveHandle, S->SendHandle, Sequence, -1, OpCode, ReturnCode, 0, 0};
 }
 
 bool StartParser(ZmSession *S, const std::vector<TComponent> &Components,
@@ -359,28 +353,26 @@ static void Pair(TMessages *M, const std::string &Before, const std::string &Wor
     M->Log.push_back(Before + Word + After);
 }
 
-static void ExpectComponent(TMessages *M, const std::string &F, int Outcome, bool Coloured)
-{
-    const std::string Missing = Outcome == OUTCOME_NO_PACKAGE ? "The component file to install"
-                                                              : "The component XML file";
-    if (Outcome == OUTCOME_NO_PACKAGE || Outcome == OUTCOME_NO_XML)
-        return Pair(M, "Installation of Component " + F + " ", "FAILED", 31,
-                    ".  " + Missing + " is missing.\n", Coloured);
-    Pair(M, "Parsing of XML file for " + F + " package\n\twas ", "SUCCESSFUL", 32,
-         Outcome == OUTCOME_BUILT ? ".\n" : ".", Coloured);
-    if (Outcome == OUTCOME_ERRATA) {
-        Pair(M, "However, this component ", "DOES NOT SUPPORT", 34,
-             " the currently installed errata kernel.", Coloured);
-        Pair(M, "\tInstallation of this component will not be attempted.\n", "", 0, "", false);
-    }
-}
-
 void ExpectMessages(ZmSession *S, TMessages M, const std::vector<TComponent> &C,
                     const std::vector<int> &Outcomes, bool Coloured)
 {
-    for (size_t i = 0; i < C.size(); i++)
-        if (Outcomes.empty() || Outcomes[i] != OUTCOME_UNSELECTED)
-            ExpectComponent(&M, C[i].FileName, Outcomes.empty() ? OUTCOME_BUILT : Outcomes[i], Coloured);
+    for (size_t i = 0; i < C.size(); i++) {
+        const std::string &F = C[i].FileName;
+        int Outcome = Outcomes.empty() ? OUTCOME_BUILT : Outcomes[i];
+        if (Outcome == OUTCOME_NO_PACKAGE || Outcome == OUTCOME_NO_XML)
+            Pair(&M, "Installation of Component " + F + " ", "FAILED", 31,
+                 Outcome == OUTCOME_NO_XML ? ".  The component XML file is missing.\n"
+                                           : ".  The component file to install is missing.\n",
+                 Coloured);
+        else if (Outcome != OUTCOME_UNSELECTED)
+            Pair(&M, "Parsing of XML file for " + F + " package\n\twas ", "SUCCESSFUL", 32,
+                 Outcome == OUTCOME_BUILT ? ".\n" : ".", Coloured);
+        if (Outcome == OUTCOME_ERRATA) {
+            Pair(&M, "However, this component ", "DOES NOT SUPPORT", 34,
+                 " the currently installed errata kernel.", Coloured);
+            Pair(&M, "\tInstallation of this component will not be attempted.\n", "", 0, "", false);
+        }
+    }
     std::lock_guard<std::mutex> Guard(S->Lock);
     EXPECT_EQ(S->ScreenTexts, M.Screen);
     EXPECT_EQ(S->LogTexts, M.Log);

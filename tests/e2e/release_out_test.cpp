@@ -48,12 +48,6 @@ pid_t StartPlanter(Plant Kind)
     }
 }
 
-void StopPlanter(pid_t Pid)
-{
-    kill(Pid, SIGKILL);
-    waitpid(Pid, nullptr, 0);
-}
-
 class ReleaseOut : public testing::TestWithParam<Plant> {
 protected:
     ZmSession S;
@@ -91,7 +85,8 @@ TEST_P(ReleaseOut, AnotherUsersPlantIsNeverWrittenThroughNorHangsTheDetection)
         EXPECT_EQ(Ask(&S, RZP_PARSER_PARSE_INPUT_FILE).Header.ReturnCode, 0);
         EXPECT_EQ(FetchRecords(&S, nullptr).size(), 1u) << "records of the SLES bundle";
     }
-    StopPlanter(Planter);
+    kill(Planter, SIGKILL);
+    waitpid(Planter, nullptr, 0);
     ZmClose(&S);
     EXPECT_EQ(ReadAll(VICTIM), VICTIM_TEXT);
 }

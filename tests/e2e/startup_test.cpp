@@ -1,14 +1,14 @@
 // The binary as a user meets it, before any manager talks to it: the root check, the context
 // check, the connection failures and a missing transport library. Each case runs zelparser
 // in the sandbox and looks at its whole console output and its exit status.
-#include <gtest/gtest.h>
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "../common/helpers.h"
 #include "sandbox.h"
@@ -24,9 +24,7 @@ protected:
 TEST_F(Startup, RootOptionAndContextChecksRefuseBeforeAnyConnection)
 {
     // A connection file of an earlier run stays: without -MG nothing is removed.
-    int Fd = open("/dev/zelparser_read", O_CREAT | O_WRONLY, 0600);
-    ASSERT_GE(Fd, 0);
-    close(Fd);
+    ASSERT_TRUE(std::ofstream("/dev/zelparser_read"));
     const std::string Context = "This program can only be executed within the context of the Dovrel.\n";
     struct {
         std::vector<std::string> Args;
@@ -54,17 +52,16 @@ TEST_F(Startup, RootOptionAndContextChecksRefuseBeforeAnyConnection)
 TEST_F(Startup, AConnectionThatCannotBeOpenedEndsTheProcessWithItsHandle)
 {
     // A directory survives the removal of the old connection files and is no FIFO.
-    ASSERT_EQ(mkdir("/dev/zelparser_read", 0700), 0);
-    RunResult R = RunProgram(ZEL_PARSER_PATH, {"-MG"}, -1, "/tmp");
-    EXPECT_EQ(R.Out, "\nOpening of parser read connection failed.\n");
-    EXPECT_GT(R.Status, 128); // a negative handle, modulo 256
-    EXPECT_FALSE(Exists("/dev/zelparser_write"));
-    ASSERT_EQ(rmdir("/dev/zelparser_read"), 0);
-
-    ASSERT_EQ(mkdir("/dev/zelrzp_np1", 0700), 0);
-    R = RunProgram(ZEL_PARSER_PATH, {"-MG"}, -1, "/tmp");
-    EXPECT_EQ(R.Out, "\nOpening of registration connection failed.\n");
-    EXPECT_GT(R.Status, 128);
+    const char *const Cases[2][2] = {{"/dev/zelparser_read", "parser read"},
+                                     {"/dev/zelrzp_np1", "registration"}};
+    for (const auto &C : Cases) {
+        ASSERT_EQ(mkdir(C[0], 0700), 0);
+        RunResult R = RunProgram(ZEL_PARSER_PATH, {"-MG"}, -1, "/tmp");
+        EXPECT_EQ(R.Out, std::string("\nOpening of ") + C[1] + " connection failed.\n");
+        EXPECT_GT(R.Status, 128); // a negative handle, modulo 256
+        EXPECT_TRUE(&C == &Cases[1] || !Exists("/dev/zelparser_write")); // made after read
+        ASSERT_EQ(rmdir(C[0]), 0);
+    }
 }
 
 TEST_F(Startup, AMissingTransportLibraryIsReportedNotCalled)
