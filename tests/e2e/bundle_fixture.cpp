@@ -294,6 +294,7 @@ bool StartParser(ZmSession *S, const std::vector<TComponent> &Components,
     Config.ParserPath = ZEL_PARSER_PATH;
     Config.BundleDir = TEST_BUNDLE_DIR;
     Config.Args = Args;
+    Config.TimeoutMs = 15000;
     std::string Error;
     int Result = ZmStart(S, Config, &Error);
     EXPECT_EQ(Result, 0) << Error;

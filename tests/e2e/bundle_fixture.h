@@ -1,7 +1,7 @@
 // bundle_fixture.h - what the end-to-end tests share: test bundles (component descriptions
 // written out as bundle and component XML files), the install records and messages the
 // sub-service must produce for them, encoded here by hand from the record layout, and the
-// fixtures that hold one manager session with the real zelparser in the sandbox.
+// fixture that holds one manager session with the real zelparser in the sandbox.
 #pragma once
 
 #include <cstdint>
@@ -61,6 +61,7 @@ bool EnterRedHat73(void);
 RZP_HEADER_PACKET HeaderTo(ZmSession *S, uint32_t OpCode, int Sequence, int ReturnCode);
 // Enters the sandbox as a Red Hat Linux 7.3 machine, writes the bundle of Components in
 // TEST_BUNDLE_DIR and starts the sub-service there with Args; fails the test when it cannot.
+// Its waits are 15 s long, for a loaded machine or a sanitizer build.
 bool StartParser(ZmSession *S, const std::vector<TComponent> &Components,
                  const std::vector<std::string> &Args = {}, ZmConfig Config = ZmConfig());
 // Sends a parse request and waits for the sub-service's first log request: a manager that
@@ -94,24 +95,6 @@ class BundleTest : public testing::Test {
 protected:
     ZmSession S;
     void TearDown() override { ZmClose(&S); }
-};
-
-// A session with the real zelparser in the sandbox in /tmp, started on demand with Config.
-class SessionTest : public BundleTest {
-protected:
-    ZmConfig Config;
-    void SetUp() override
-    {
-        ASSERT_EQ(SandboxEnter(), 0);
-        Config.ParserPath = ZEL_PARSER_PATH;
-        Config.BundleDir = "/tmp";
-        Config.TimeoutMs = 15000;
-    }
-    void Start()
-    {
-        std::string Error;
-        ASSERT_EQ(ZmStart(&S, Config, &Error), 0) << Error << ZmConsoleSnapshot(&S);
-    }
     // The sub-service still serves requests: the number of items is answered.
     void ExpectStillServing()
     {

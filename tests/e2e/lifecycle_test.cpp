@@ -68,7 +68,7 @@ void Watch(pid_t Pid, int Ms, double *PerSecond, double *CpuShare)
     *CpuShare = double(CpuTicks(Pid) - Ticks) / sysconf(_SC_CLK_TCK) / Seconds;
 }
 
-class Lifecycle : public SessionTest {};
+using Lifecycle = BundleTest;
 
 bool IsAnswer4242(const ZmPacket &P, const void *)
 {
@@ -79,9 +79,13 @@ TEST_F(Lifecycle, AnIdleSubServiceWakesAboutAHundredTimesASecondStaysAndDoesNotS
 {
     // Connection files of an earlier run, plain files where the FIFOs belong, would be refused
     // by the transport if they stayed: the sub-service removes them at start.
+    ASSERT_TRUE(EnterRedHat73());
     for (const char *Path : {"/dev/zelparser_read", "/dev/zelparser_write"})
         ASSERT_TRUE(std::ofstream(Path) << "stale\n");
-    Start();
+    ZmConfig Config;
+    Config.ParserPath = ZEL_PARSER_PATH;
+    Config.BundleDir = "/tmp";
+    ASSERT_EQ(ZmStart(&S, Config), 0) << ZmConsoleSnapshot(&S);
     ExpectStillServing(); // the worker of this request has ended before the idle time starts
     double PerSecond, CpuShare;
     Watch(S.Pid, 2500, &PerSecond, &CpuShare);
@@ -124,10 +128,11 @@ TEST_F(Lifecycle, ASubServiceWhoseManagerWasKilledMidParseEndsInOrder)
     ASSERT_GE(Manager, 0);
     if (Manager == 0) {
         close(Pipe[0]);
+        ZmConfig Config;
         Config.AnswerRequests = false; // the sub-service blocks on its first log request
-        Config.Args = {"-C", "pkg.rpm"};
         ZmSession Child;
-        pid_t Pid = ZmStart(&Child, Config) == 0 && BlockMidParse(&Child) ? Child.Pid : -1;
+        bool Started = StartParser(&Child, {}, {"-C", "pkg.rpm"}, Config);
+        pid_t Pid = Started && BlockMidParse(&Child) ? Child.Pid : -1;
         if (write(Pipe[1], &Pid, sizeof Pid) == sizeof Pid)
             pause(); // killed here
         _exit(1);
@@ -154,7 +159,7 @@ TEST_F(Lifecycle, ASubServiceWhoseManagerWasKilledMidParseEndsInOrder)
 
 TEST_F(Lifecycle, AFloodOfUnrequestedAnswersKeepsMemoryBoundedAndTheServiceServing)
 {
-    Start();
+    ASSERT_TRUE(StartParser(&S, {}));
     std::string StatusPath = "/proc/" + std::to_string(S.Pid) + "/status";
     long Before = StatusField(StatusPath, "VmRSS");
     Bytes Payload = ZmStringItem(std::string(91, 'x')); // 100 bytes

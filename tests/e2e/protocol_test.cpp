@@ -12,7 +12,7 @@
 
 namespace {
 
-class ManagerProtocol : public SessionTest {
+class ManagerProtocol : public BundleTest {
 protected:
     std::vector<ZmPacket> FromParser(uint32_t OpCode)
     {
@@ -38,8 +38,7 @@ Bytes RegistrationRecord(uint32_t OpCode)
 
 TEST_F(ManagerProtocol, SevenRegistrationsInOrderWithConsecutiveNumbers)
 {
-    Config.Args = {"--DEBUG"};
-    Start();
+    ASSERT_TRUE(StartParser(&S, {}, {"--DEBUG"}));
     std::vector<ZmPacket> Registrations = FromParser(RZP_REGISTER);
     const uint32_t Expected[] = {4001, 4002, 4003, 4101, 4102, 4103, 4104};
     ASSERT_EQ(Registrations.size(), 7u);
@@ -66,9 +65,9 @@ TEST_F(ManagerProtocol, ShutDownWaitsForABusyWorkerIsTheLastPacketTakenAndExitsZ
 {
     // The parse worker (of a TQR install, which needs no bundle) blocks on its first log
     // request, which this manager never answers.
+    ZmConfig Config;
     Config.AnswerRequests = false;
-    Config.Args = {"-V", "-C", "pkg.rpm"};
-    Start();
+    ASSERT_TRUE(StartParser(&S, {}, {"-V", "-C", "pkg.rpm"}, Config));
     ASSERT_TRUE(BlockMidParse(&S)) << ZmConsoleSnapshot(&S);
     // Opcode 2 and an unknown opcode right behind it, in one burst: the listener leaves its
     // loop after the first and never answers the second.
@@ -90,7 +89,7 @@ TEST_F(ManagerProtocol, ShutDownWaitsForABusyWorkerIsTheLastPacketTakenAndExitsZ
 
 TEST_F(ManagerProtocol, UnknownDebugAndMalformedPacketsLeaveTheSubServiceServing)
 {
-    Start();
+    ASSERT_TRUE(StartParser(&S, {}));
     // An unknown opcode is answered not supported, with its payload back.
     Bytes Payload(20);
     for (size_t i = 0; i < Payload.size(); i++)
