@@ -14,7 +14,7 @@ TComponent AgentComponent(void)
 {
     // The port: required, 2 to 5 characters, every string but the format. The community: not
     // required, no maximum written, only the actual value of the optional strings.
-    TVariable Port = {true,       2,  5,  true, "Port of the HTTPS server:", "0123456789", "",
+    TVariable Port = {true, 2, 5, true, "Port of the HTTPS server:", "0123456789", "",
                       "HTTPPORT", "2381", "", "/etc/agent.conf", 1, 0x1f};
     TVariable Community = {false, 0, 16384, false, "SNMP community:", "", "", "", "", "public"};
     return {"agent-5.0-3.i386.rpm", "5.0.2", "Management agent",
@@ -38,7 +38,8 @@ TComponent PlainComponent(const std::string &F)
 // ---- XML ---------------------------------------------------------------------------------------
 
 // <E>Text</E> on one line; El puts Body on lines of its own. Attrs goes inside the opening tag.
-static std::string Line(const std::string &E, const std::string &Text, const std::string &Attrs = "")
+static std::string Line(const std::string &E, const std::string &Text,
+                        const std::string &Attrs = "")
 {
     return "<" + E + Attrs + ">" + Text + "</" + E + ">\n";
 }
@@ -69,23 +70,26 @@ static std::string ConfigurationXml(const std::string &Kind, const std::vector<T
     for (const TVariable &V : List) {
         char Hex[16];
         snprintf(Hex, sizeof(Hex), "%x", V.Attributes);
-        std::string X = Empty("requirements", At("required", V.Required ? "yes" : "no") +
-                                                  At("minimumlength", std::to_string(V.Minimum)) +
-                                                  (V.WriteMaximum ? At("maximumlength", std::to_string(V.Maximum)) : ""));
-        X += El("prompt", Cdata("prompt_xlate", "Eingabe:", "de") + Cdata("prompt_xlate", V.Prompt, "en"));
+        std::string Limits = At("minimumlength", std::to_string(V.Minimum));
+        if (V.WriteMaximum)
+            Limits += At("maximumlength", std::to_string(V.Maximum));
+        std::string X = Empty("requirements", At("required", V.Required ? "yes" : "no") + Limits) +
+                        El("prompt", Cdata("prompt_xlate", "Eingabe:", "de") +
+                                         Cdata("prompt_xlate", V.Prompt, "en"));
         if (!V.Acceptable.empty())
             X += Cdata("acceptable_characters", V.Acceptable, "");
         if (!V.Format.empty())
             X += Cdata("required_format", V.Format, "");
         if (!V.OutputName.empty())
-            X += Empty("outputname", At("type", std::to_string(V.OutputType)) + At("name", V.OutputName));
-        const std::string Values[3][2] = {
-            {"default_value", V.Default}, {"actual_value", V.Actual}, {"output_filename", V.OutputFile}};
+            X += Empty("outputname",
+                       At("type", std::to_string(V.OutputType)) + At("name", V.OutputName));
+        const std::string Values[4][2] = {{"default_value", V.Default},
+                                          {"actual_value", V.Actual},
+                                          {"output_filename", V.OutputFile},
+                                          {"attributes", V.Attributes != 0 ? Hex : ""}};
         for (const auto &Each : Values)
             if (!Each[1].empty())
                 X += Empty(Each[0], At("value", Each[1]));
-        if (V.Attributes != 0)
-            X += Empty("attributes", At("value", Hex));
         All += El(Kind + "_data_and", X);
     }
     return El(Kind, All);
@@ -241,11 +245,10 @@ static void PutVariable(Bytes *B, uint32_t Structure, const TVariable &V)
 Bytes ExpectedRecord(const TComponent &C, uint32_t Number)
 {
     Bytes B;
-    bool HasPre = !C.Prerequisites.empty() || !C.Devices.empty();
     PutULong(&B, Number);
-    for (bool Flag : {HasPre, !C.PreConfiguration.empty(), C.PreCompilation,
-                      !C.PostConfiguration.empty(), C.PostCompilation, !C.Postrequisites.empty(),
-                      C.Reboot})
+    for (bool Flag : {!C.Prerequisites.empty() || !C.Devices.empty(), !C.PreConfiguration.empty(),
+                      C.PreCompilation, !C.PostConfiguration.empty(), C.PostCompilation,
+                      !C.Postrequisites.empty(), C.Reboot})
         Put(&B, RZP_TYPE_BOOL, 1, {Flag});
     PutULong(&B, 0, RZP_TYPE_SLONG);
     for (const std::string &S : {std::string("SUCCESS"), C.FileName, C.Name, C.Description,
@@ -338,8 +341,8 @@ ZmPacket Ask(ZmSession *S, uint32_t OpCode, const Bytes &Payload)
 TMessages BundleOpening(void)
 {
     const std::string Banner = std::string(91, '*') + "\n";
-    const std::string Announce = "This installation of the Strovane Rezapak will use the " TEST_BUNDLE_FILE
-                                 " bundle file.\n";
+    const std::string Announce = "This installation of the Strovane Rezapak will use the "
+                                 TEST_BUNDLE_FILE " bundle file.\n";
     const std::string Progress = "\nThe " TEST_BUNDLE_NAME " v" TEST_BUNDLE_VERSION
                                  " installation is now in progress.\n";
     return {{Announce, Progress}, {Banner, Announce, Progress, Banner}};

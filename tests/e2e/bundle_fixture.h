@@ -25,13 +25,12 @@ struct TRequisite {
 };
 struct TVariable {
     bool Required = false;
-    uint32_t Minimum = 0;
-    uint32_t Maximum = 16384;
+    uint32_t Minimum = 0, Maximum = 16384;
     bool WriteMaximum = true;
     std::string Prompt{}; // the "en" prompt; a "de" one is written before it
-    std::string Acceptable{}, Format{}, OutputName{}, Default{}, Actual{}, OutputFile{}; // "": absent
-    uint32_t OutputType = 0;
-    uint32_t Attributes = 0;
+    // The optional strings: an empty one is absent.
+    std::string Acceptable{}, Format{}, OutputName{}, Default{}, Actual{}, OutputFile{};
+    uint32_t OutputType = 0, Attributes = 0;
 };
 struct TComponent {
     std::string FileName{}, Version = "1.0", Name{}, Description{}, Command{};

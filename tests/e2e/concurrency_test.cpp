@@ -4,8 +4,6 @@
 // build too, where a race on the lists or the tree fails the suite.
 #include <map>
 
-#include <gtest/gtest.h>
-
 #include "bundle_fixture.h"
 
 namespace {
@@ -70,7 +68,8 @@ TEST_F(Concurrency, RequestsWrittenBackToBackAreEachAnsweredOnceAndKeepTheRecord
             EXPECT_EQ(P.Payload, P.Header.opCode == RZP_PARSER_OPEN_INPUT_FILE ? Name : File);
         }
     // Item requests beside a parse are answered from one whole parse or the next.
-    AskAtOnce(&S, {Parse, {RZP_PARSER_RETURN_NUMBER_OF_ITEMS, {}}, {RZP_PARSER_RETURN_FIRST_ITEM, {}},
+    AskAtOnce(&S, {Parse, {RZP_PARSER_RETURN_NUMBER_OF_ITEMS, {}},
+                   {RZP_PARSER_RETURN_FIRST_ITEM, {}},
                    {RZP_PARSER_RETURN_NEXT_ITEM, ZmULongItem(0)}, {RZP_PARSER_RETURN_LAST_ITEM, {}},
                    {RZP_PARSER_CLOSE_INPUT_FILE, {}}, Parse});
     // The records of the last parse: one per component, each whole and in order.

@@ -2,8 +2,6 @@
 // close) through the real sub-service, with every "no more items" answer.
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
 #include "bundle_fixture.h"
 
 namespace {

@@ -14,10 +14,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <string>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 #include "../common/helpers.h"
 #include "bundle_fixture.h"
@@ -50,8 +47,8 @@ long CpuTicks(pid_t Pid)
 {
     std::string Line = ReadAll("/proc/" + std::to_string(Pid) + "/stat");
     unsigned long User = 0, System = 0;
-    sscanf(Line.c_str() + Line.rfind(')') + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu",
-           &User, &System);
+    sscanf(Line.c_str() + Line.rfind(')') + 2,
+           "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &User, &System);
     return long(User + System);
 }
 
@@ -69,11 +66,6 @@ void Watch(pid_t Pid, int Ms, double *PerSecond, double *CpuShare)
 }
 
 using Lifecycle = BundleTest;
-
-bool IsAnswer4242(const ZmPacket &P, const void *)
-{
-    return P.Header.LocalSequenceNumber == 4242 && P.Header.ReturnCode != RZP_NO_RESULT_YET;
-}
 
 TEST_F(Lifecycle, AnIdleSubServiceWakesAboutAHundredTimesASecondStaysAndDoesNotSpin)
 {
@@ -111,8 +103,11 @@ TEST_F(Lifecycle, AnIdleSubServiceWakesAboutAHundredTimesASecondStaysAndDoesNotS
     // the CPU the machine gives it.
     EXPECT_GT(PerSecond, 20);
     EXPECT_LT(CpuShare, 0.25);
+    auto IsAnswer = [](const ZmPacket &P, const void *) {
+        return P.Header.LocalSequenceNumber == 4242 && P.Header.ReturnCode != RZP_NO_RESULT_YET;
+    };
     size_t From = 0;
-    EXPECT_EQ(ZmWaitForPacket(&S, IsAnswer4242, nullptr, &From, nullptr), 0);
+    EXPECT_EQ(ZmWaitForPacket(&S, IsAnswer, nullptr, &From, nullptr), 0);
     EXPECT_EQ(ZmStop(&S), 0);
 }
 

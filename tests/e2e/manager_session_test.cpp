@@ -1,7 +1,5 @@
 // The reference manager's session against the real sub-service in the sandbox: configured
 // answers to support queries and errata questions, and a sub-service that ends at once.
-#include <gtest/gtest.h>
-
 #include <mutex>
 
 #include "bundle_fixture.h"

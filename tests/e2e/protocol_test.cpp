@@ -2,27 +2,20 @@
 // manager: registration, shut-down (the last packet the listener takes, after a busy worker),
 // and the not-supported answer, debug on and off and malformed packets, which must leave the
 // sub-service serving the next request.
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <string>
-#include <vector>
-
 #include "bundle_fixture.h"
 
 namespace {
 
-class ManagerProtocol : public BundleTest {
-protected:
-    std::vector<ZmPacket> FromParser(uint32_t OpCode)
-    {
-        std::vector<ZmPacket> Found;
-        for (const ZmPacket &P : ZmPacketsSnapshot(&S))
-            if (P.Direction == ZM_FROM_PARSER && P.Header.opCode == OpCode)
-                Found.push_back(P);
-        return Found;
-    }
-};
+using ManagerProtocol = BundleTest;
+
+std::vector<ZmPacket> FromParser(ZmSession *S, uint32_t OpCode)
+{
+    std::vector<ZmPacket> Found;
+    for (const ZmPacket &P : ZmPacketsSnapshot(S))
+        if (P.Direction == ZM_FROM_PARSER && P.Header.opCode == OpCode)
+            Found.push_back(P);
+    return Found;
+}
 
 Bytes RegistrationRecord(uint32_t OpCode)
 {
@@ -39,7 +32,7 @@ Bytes RegistrationRecord(uint32_t OpCode)
 TEST_F(ManagerProtocol, SevenRegistrationsInOrderWithConsecutiveNumbers)
 {
     ASSERT_TRUE(StartParser(&S, {}, {"--DEBUG"}));
-    std::vector<ZmPacket> Registrations = FromParser(RZP_REGISTER);
+    std::vector<ZmPacket> Registrations = FromParser(&S, RZP_REGISTER);
     const uint32_t Expected[] = {4001, 4002, 4003, 4101, 4102, 4103, 4104};
     ASSERT_EQ(Registrations.size(), 7u);
     for (size_t i = 0; i < 7; i++) {
@@ -74,7 +67,7 @@ TEST_F(ManagerProtocol, ShutDownWaitsForABusyWorkerIsTheLastPacketTakenAndExitsZ
     ASSERT_EQ(ZmSendPacket(&S, HeaderTo(&S, RZP_SHUTDOWN, 2, RZP_NO_RESULT_YET), {}), 0);
     ASSERT_EQ(ZmSendPacket(&S, HeaderTo(&S, 77, 3, RZP_NO_RESULT_YET), {}), 0);
     EXPECT_EQ(ZmWaitExit(&S), 0);
-    EXPECT_TRUE(FromParser(77).empty());
+    EXPECT_TRUE(FromParser(&S, 77).empty());
     std::string Console = ZmConsoleSnapshot(&S);
     EXPECT_EQ(Console.find("opCode 77"), std::string::npos);
     EXPECT_EQ(Console.substr(Console.size() - 32), "Parser sub-service is unloading\n");
@@ -101,8 +94,9 @@ TEST_F(ManagerProtocol, UnknownDebugAndMalformedPacketsLeaveTheSubServiceServing
     EXPECT_EQ(Answer.Header.DestHandle, S.ReceiveHandle); // our SrcHandle, back to us
     EXPECT_EQ(Answer.Payload, Payload);
     // The sub-service's own read handle stands in SrcHandle, as in its registrations.
-    EXPECT_EQ(Answer.Header.SrcHandle, FromParser(RZP_REGISTER)[0].Header.SrcHandle);
-    EXPECT_EQ(ZmWaitForConsole(&S, "Parser found opCode 77 is not supported by this sub-service.\n"), 0);
+    EXPECT_EQ(Answer.Header.SrcHandle, FromParser(&S, RZP_REGISTER)[0].Header.SrcHandle);
+    const char *Refusal = "Parser found opCode 77 is not supported by this sub-service.\n";
+    EXPECT_EQ(ZmWaitForConsole(&S, Refusal), 0);
 
     // Debug lines follow the flag at the packet's arrival: on after enable, off after disable.
     RZP_HEADER_PACKET H = HeaderTo(&S, RZP_ENABLE_DEBUG, 0, RZP_NO_RESULT_YET);

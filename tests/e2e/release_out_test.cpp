@@ -13,11 +13,8 @@
 #include <cerrno>
 #include <fstream>
 
-#include <gtest/gtest.h>
-
-#include "bundle_fixture.h"
 #include "../common/helpers.h"
-#include "sandbox.h"
+#include "bundle_fixture.h"
 
 namespace {
 

@@ -49,7 +49,8 @@ TEST_F(Startup, RootOptionAndContextChecksRefuseBeforeAnyConnection)
     EXPECT_FALSE(Exists("/dev/zelrzp_np1"));
 }
 
-TEST_F(Startup, AConnectionThatCannotBeOpenedEndsTheProcessWithItsHandle)
+// Failures after the checks: each ends the process with its own status.
+TEST_F(Startup, AConnectionThatCannotBeOpenedOrAMissingTransportLibraryEndsTheProcess)
 {
     // A directory survives the removal of the old connection files and is no FIFO.
     const char *const Cases[2][2] = {{"/dev/zelparser_read", "parser read"},
@@ -62,11 +63,7 @@ TEST_F(Startup, AConnectionThatCannotBeOpenedEndsTheProcessWithItsHandle)
         EXPECT_TRUE(&C == &Cases[1] || !Exists("/dev/zelparser_write")); // made after read
         ASSERT_EQ(rmdir(C[0]), 0);
     }
-}
-
-TEST_F(Startup, AMissingTransportLibraryIsReportedNotCalled)
-{
-    // A copy of the binary where the library cannot be found.
+    // A copy of the binary where the library cannot be found: reported, not called.
     ASSERT_EQ(system("cp " ZEL_PARSER_PATH " /tmp/zelparser-alone"), 0);
     RunResult R = RunProgram("/tmp/zelparser-alone", {"-MG"}, -1, "/tmp");
     EXPECT_EQ(R.Out.rfind("Could not open libzelrzptransport.so.0...Error ", 0), 0u) << R.Out;
