@@ -149,15 +149,21 @@ TEST(ManagerRecords, DecodesEveryFieldAndSubRecordsInAnyOrder)
     EXPECT_EQ(Out.Configuration.size(), 1u);
 }
 
+// A prefix cut inside a string says that its NUL is missing.
 TEST(ManagerRecords, RefusesEveryTruncationWithoutReadingPastIt)
 {
     Bytes Full = FullRecord();
+    size_t File = Find(Full, {'e', '1', '0', '0', '.'});
+    ASSERT_LT(File, Full.size());
     for (size_t N = 0; N < Full.size(); N++) {
         Bytes Cut(Full.begin(), Full.begin() + N);
         ZmRecord R;
         std::string Error;
         EXPECT_EQ(Decode(Cut, &R, &Error), -1) << "prefix of " << N << " bytes";
         EXPECT_FALSE(Error.empty());
+        if (N == File + 3) {
+            EXPECT_NE(Error.find("NUL"), std::string::npos) << Error;
+        }
     }
 }
 
@@ -165,25 +171,28 @@ TEST(ManagerRecords, RefusesLyingLengthsAndUnknownCodes)
 {
     const Bytes Full = FullRecord();
     size_t DeviceAt = Find(Full, {0x2d, 1, 0, 0}); // 301, little-endian
-    ASSERT_LT(DeviceAt, Full.size());
     size_t ConfigAt = Find(Full, {0x2f, 1, 0, 0}); // 303
-    ASSERT_LT(ConfigAt, Full.size());
+    size_t FileAt = Find(Full, {'e', '1', '0', '0', '.'});
+    ASSERT_LT(std::max({DeviceAt, ConfigAt, FileAt}), Full.size());
     struct Case {
         const char *What;
         size_t At;
         uint32_t Value;
+        const char *Says; // in the error
     } Cases[] = {
-        {"requisite body one byte longer", DeviceAt + 4, 4 + 4 + 20 + 1},
-        {"requisite body one byte shorter", DeviceAt + 4, 4 + 4 + 20 - 1},
-        {"requisite body past the end", DeviceAt + 4, 0xffffffffu},
-        {"requisite value length", DeviceAt + 12, 5},
-        {"configuration body length", ConfigAt + 4, 12},
-        {"record number type", 0, 207},
-        {"record number length", 4, 2},
-        {"boolean length", 16, 4},
-        {"failure reason type", 12 + 7 * 9, 204},
-        {"unknown structure code", DeviceAt, 305},
-        {"end of list value", Full.size() - 4, 1},
+        {"requisite body one byte longer", DeviceAt + 4, 4 + 4 + 20 + 1, ""},
+        {"requisite body one byte shorter", DeviceAt + 4, 4 + 4 + 20 - 1, ""},
+        {"requisite body past the end", DeviceAt + 4, 0xffffffffu, ""},
+        {"requisite value length", DeviceAt + 12, 5, ""},
+        {"configuration body length", ConfigAt + 4, 12, ""},
+        {"record number type", 0, 207, ""},
+        {"record number length", 4, 2, ""},
+        {"boolean length", 16, 4, ""},
+        {"failure reason type", 12 + 7 * 9, 204, ""},
+        {"unknown structure code", DeviceAt, 305, ""},
+        {"end of list value", Full.size() - 4, 1, ""},
+        // "e100.rpm" is 8 characters: a string's length counts its NUL
+        {"string length without its NUL", FileAt - 4, 8, "ComponentFileName"},
     };
     for (const Case &C : Cases) {
         Bytes B = Full;
@@ -192,26 +201,11 @@ TEST(ManagerRecords, RefusesLyingLengthsAndUnknownCodes)
         std::string Error;
         EXPECT_EQ(Decode(B, &R, &Error), -1) << C.What;
         EXPECT_FALSE(Error.empty()) << C.What;
+        EXPECT_NE(Error.find(C.Says), std::string::npos) << C.What << ": " << Error;
     }
     Bytes Trailing = Full;
     Trailing.push_back(0);
     EXPECT_EQ(Decode(Trailing, nullptr, nullptr), -1);
-}
-
-TEST(ManagerRecords, StringLengthsMustMatchTheirText)
-{
-    Bytes B = FullRecord();
-    size_t File = Find(B, {'e', '1', '0', '0', '.'});
-    ASSERT_LT(File, B.size());
-    SetU32(&B, File - 4, 8); // "e100.rpm" is 8 characters: its NUL is not counted
-    std::string Error;
-    EXPECT_EQ(Decode(B, nullptr, &Error), -1);
-    EXPECT_NE(Error.find("ComponentFileName"), std::string::npos) << Error;
-
-    Bytes NoNul = B;
-    NoNul.resize(File + 3); // the record stops inside the file name
-    EXPECT_EQ(Decode(NoNul, nullptr, &Error), -1);
-    EXPECT_NE(Error.find("NUL"), std::string::npos) << Error;
 }
 
 TEST(ManagerRecords, PayloadHelpersMatchTheTransportEncoder)
