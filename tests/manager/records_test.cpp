@@ -20,39 +20,36 @@ void Append(Bytes *Out, const unsigned char *Data, int Length)
     Out->insert(Out->end(), Data, Data + Length);
 }
 
+// A string item's declared length and text, and an absent string, as Tokenize takes them.
+#define TEXT(S) static_cast<unsigned>(strlen(S) + 1), (S)
+#define ABSENT 0u, static_cast<const char *>(nullptr)
+
 // Main body as the sub-service's builder encodes it.
-void PutBody(Bytes *Out, const char *File, bool Prereq, bool PreConfig, bool PostConfig, bool Postreq)
+void PutBody(Bytes *Out, const char *File, bool Prereq, bool PreConfig, bool PostConfig,
+             bool Postreq)
 {
     unsigned char B[RZP_MAX_PAYLOAD];
-    const char *Strings[8] = {"SUCCESS", File, "Driver", "A driver", "1.2", "rpm -i x", "MG", "MG"};
-    int N = Tokenize(B, RZP_INSTALL_BODY_FORMAT, 201, 1, Prereq, 201, 1, PreConfig, 201, 1, 0, 201,
-                     1, PostConfig, 201, 1, 0, 201, 1, Postreq, 201, 1, 1, 207, 4, 0, 208,
-                     (unsigned)strlen(Strings[0]) + 1, Strings[0], 208, (unsigned)strlen(Strings[1]) + 1,
-                     Strings[1], 208, (unsigned)strlen(Strings[2]) + 1, Strings[2], 208,
-                     (unsigned)strlen(Strings[3]) + 1, Strings[3], 208, (unsigned)strlen(Strings[4]) + 1,
-                     Strings[4], 208, (unsigned)strlen(Strings[5]) + 1, Strings[5], 208, 3u, "MG", 208,
-                     3u, "MG");
-    Append(Out, B, N);
+    Append(Out, B,
+           Tokenize(B, RZP_INSTALL_BODY_FORMAT, 201, 1, Prereq, 201, 1, PreConfig, 201, 1, 0, 201,
+                    1, PostConfig, 201, 1, 0, 201, 1, Postreq, 201, 1, 1, 207, 4, 0, 208,
+                    TEXT("SUCCESS"), 208, TEXT(File), 208, TEXT("Driver"), 208, TEXT("A driver"),
+                    208, TEXT("1.2"), 208, TEXT("rpm -i x"), 208, TEXT("MG"), 208, TEXT("MG")));
 }
 
 void PutRequisite(Bytes *Out, unsigned Structure, unsigned SubType, const char *Value)
 {
     unsigned char B[2048];
-    unsigned Length = (unsigned)strlen(Value) + 1;
-    int Body = Tokenize(B, "%U%U%S", SubType, Length, Value);
-    Append(Out, B, Tokenize(B, "%U%U%U%U%S", Structure, (unsigned)Body, SubType, Length, Value));
+    int Body = Tokenize(B, "%U%U%S", SubType, TEXT(Value));
+    Append(Out, B, Tokenize(B, "%U%U%U%U%S", Structure, (unsigned)Body, SubType, TEXT(Value)));
 }
 
 // A configuration variable whose prompt is set and whose other strings are absent (NULL).
 void PutConfiguration(Bytes *Out, unsigned Structure, const char *Name)
 {
     unsigned char B[4096];
-    const char *Prompt = "Password:";
     int Body = Tokenize(B + 8, RZP_CONFIGURATION_FORMAT, 201, 1, 1, 204, 4, 8u, 204, 4, 16384u, 208,
-                        (unsigned)strlen(Prompt) + 1, Prompt, 208, 0u, (const char *)nullptr, 208, 0u,
-                        (const char *)nullptr, 204, 4, 2u, 208, (unsigned)strlen(Name) + 1, Name,
-                        208, 0u, (const char *)nullptr, 208, 0u, (const char *)nullptr, 208, 0u,
-                        (const char *)nullptr, 204, 4, 0x1fu);
+                        TEXT("Password:"), 208, ABSENT, 208, ABSENT, 204, 4, 2u, 208, TEXT(Name),
+                        208, ABSENT, 208, ABSENT, 208, ABSENT, 204, 4, 0x1fu);
     Tokenize(B, "%U%U", Structure, (unsigned)Body);
     Append(Out, B, Body + 8);
 }
