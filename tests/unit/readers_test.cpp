@@ -10,25 +10,6 @@
 
 namespace {
 
-const char OS[] = "Red_Hat_Linux_7.3";
-
-// A component file: Platform goes below the installed OS.
-std::string Component(const std::string &Platform)
-{
-    return "<zel_package>\n<version value=\"1.0\"/>\n<platform_specific>\n<LINUX>\n<" +
-           std::string(OS) + ">\n" + Platform + "</" + OS + ">\n</LINUX>\n</platform_specific>\n"
-           "</zel_package>\n";
-}
-
-// <Outer>, the Inner elements, </Outer>.
-std::string List(const std::string &Outer, const std::vector<std::string> &Inner)
-{
-    std::string Text = "<" + Outer + ">\n";
-    for (const std::string &Element : Inner)
-        Text += Element;
-    return Text + "</" + Outer + ">\n";
-}
-
 // A device list of one supported_device per entry, each of (name, text) data pairs.
 typedef std::vector<std::vector<std::pair<const char *, const char *>>> DeviceList;
 std::string Devices(const DeviceList &Entries)
@@ -56,7 +37,7 @@ protected:
             ASSERT_EQ(0, BindTransportLibrary());
         }
         PackageTest::SetUp();
-        SetInstalledOS(OS);
+        SetInstalledOS("Red_Hat_Linux_7.3");
         unsetenv("RZPELMCONFIGURED");
     }
     void TearDown() override
@@ -129,13 +110,12 @@ std::string Records::Read(const std::string &Path, const std::string &Call, int 
         } else if (Call == "command") {
             Result = GetInstallCommand(File, &Info);
             Values = Text(Info.InstallCommand);
-        }
-        if (Call == "version")
-            Result = GetBundleVersion(File, Value, Entry);
-        if (Call.compare(0, 5, "name:") == 0)
-            Result = GetBundleName(File, Call.c_str() + 5, Entry ? Value : nullptr, Entry);
-        if (Call == "version" || Call.compare(0, 5, "name:") == 0)
+        } else if (Call == "version" || Call.compare(0, 5, "name:") == 0) {
+            Result = Call == "version" ? GetBundleVersion(File, Value, Entry)
+                                       : GetBundleName(File, Call.c_str() + 5,
+                                                       Entry ? Value : nullptr, Entry);
             Values = Result == 0 ? Value : "";
+        }
         for (const auto &Flag : Flags)
             if (Call == Flag.first)
                 Result = Flag.second(File);
@@ -181,10 +161,12 @@ TEST_F(Records, ReadersFollowTheTranscript)
 TEST_F(Records, OverlongRequisiteTextsRefuseTheEntryInsteadOfCuttingIt)
 {
     std::string Long(1024, 'v');
-    std::string Path = Write("c.xml", Component(List("prerequisites", {
-        "<prerequisite_data SubType=\"123456789\" value=\"" + Long.substr(1) + "\"/>\n",
-        "<prerequisite_data SubType=\"1234567890\" value=\"x\"/>\n",
-        "<prerequisite_data SubType=\"3\" value=\"" + Long + "\"/>\n"})));
+    std::string Path = Write(
+        "c.xml", "<zel_package>\n<platform_specific>\n<LINUX>\n<Red_Hat_Linux_7.3>\n<prerequisites>\n"
+                 "<prerequisite_data SubType=\"123456789\" value=\"" + Long.substr(1) + "\"/>\n"
+                 "<prerequisite_data SubType=\"1234567890\" value=\"x\"/>\n"
+                 "<prerequisite_data SubType=\"3\" value=\"" + Long + "\"/>\n</prerequisites>\n"
+                 "</Red_Hat_Linux_7.3>\n</LINUX>\n</platform_specific>\n</zel_package>\n");
     const std::string Reads[] = {
         "0|123456789|" + Long.substr(1) + "|",
         "-504|||The 'SubType' attribute of prerequisite_data entry 1 is longer than 9 "
@@ -212,12 +194,9 @@ TEST_F(Records, DeviceSubRecordsHaveTheRequisiteLayoutAndStayInTheBuffer)
     std::string Path = Write("c.xml", Devices({{{"ven", "8086"}, {"dev", "100E"}},
                                                {{"subdev", "0002"}}, {{"class", "1"}},
                                                {{"ven", "8086"}}}));
-    Bytes Expected, Buffer(RZP_MAX_PAYLOAD + 64, 0xEE);
-    for (const char *Id : {"8086.100E.0000.0000", "0000.0000.0000.0002"}) {
-        uint32_t Length = static_cast<uint32_t>(strlen(Id) + 1);
-        PutU32(&Expected, {301, 8 + Length, 8, Length});
-        PutString(&Expected, Id);
-    }
+    Bytes Expected(80), Buffer(RZP_MAX_PAYLOAD + 64, 0xEE);
+    Expected.resize(Tokenize(Expected.data(), "%U%U%U%U%S%U%U%U%U%S", 301u, 28u, 8u, 20u,
+                             "8086.100E.0000.0000", 301u, 28u, 8u, 20u, "0000.0000.0000.0002"));
     int Length = -1;
     EXPECT_EQ(2, RetrievePCIDevicesFromXML(Path.c_str(), Buffer.data(), &Length));
     ASSERT_EQ(static_cast<int>(Expected.size()), Length);

@@ -12,8 +12,7 @@ std::string Escaped(const char *Text)
 {
     std::string Out;
     for (; *Text; Text++)
-        Out += *Text == '\n' ? std::string("\\n") : *Text == '\t' ? std::string("\\t")
-                                                                    : std::string(1, *Text);
+        Out += *Text == '\n' ? "\\n" : *Text == '\t' ? "\\t" : std::string(1, *Text);
     return Out;
 }
 
@@ -196,10 +195,13 @@ protected:
     SECTIONPTR Package() { return FindFirstChildOf(GetRootNode(), "zel_package"); }
 };
 
-TEST_F(XmlNavigation, ChildLookupIsDirectExactAndInDocumentOrder)
+// Children are found directly below, by exact name, in document order; an attribute and a
+// section's text or CDATA pair by position.
+TEST_F(XmlNavigation, LookupsAreDirectExactInDocumentOrderAndPairByPosition)
 {
-    Parse("<zel_package>\n<linux>\n<deep/>\n</linux>\n<other/>\n<linux n=\"2\"/>\n</zel_package>\n"
-          "<zel_package n=\"second\"/>\n");
+    Parse("<zel_package>\n<linux>\n<deep/>\n</linux>\n<other/>\n<linux n=\"2\"/>\n"
+          "<a lang=\"en\" lang=\"de\">Text</a>\n<b x=\"1\" lang=\"en\">Only</b>\n"
+          "<c lang=\"en\">\n<![CDATA[Block]]>\n</c>\n</zel_package>\n<zel_package n=\"second\"/>\n");
     SECTIONPTR Top = Package();
     ASSERT_NE(Top, nullptr);
     EXPECT_STREQ(GetAttribute(GetNextSibling(Top), "n"), "second");
@@ -210,18 +212,12 @@ TEST_F(XmlNavigation, ChildLookupIsDirectExactAndInDocumentOrder)
     EXPECT_EQ(FindFirstChildOf(Top, "deep"), nullptr);
     EXPECT_EQ(FindFirstChildOf(Top, "LINUX"), nullptr);
     EXPECT_EQ(FindFirstChildOf(Top, nullptr), nullptr);
-}
 
-TEST_F(XmlNavigation, AttributesAndContentPairByPosition)
-{
-    Parse("<zel_package>\n<a lang=\"en\" lang=\"de\">Text</a>\n<b x=\"1\" lang=\"en\">Only</b>\n"
-          "<c lang=\"en\">\n<![CDATA[Block]]>\n</c>\n</zel_package>\n");
-    SECTIONPTR A = FindFirstChildOf(Package(), "a");
+    SECTIONPTR A = FindFirstChildOf(Top, "a"), C = FindFirstChildOf(Top, "c");
     EXPECT_STREQ(GetAttribute(A, "lang"), "en");
     EXPECT_STREQ(GetFirstChild(A, "en"), "Text");
     EXPECT_EQ(GetFirstChild(A, "de"), nullptr);
-    EXPECT_EQ(GetFirstChild(FindFirstChildOf(Package(), "b"), "en"), nullptr);
-    SECTIONPTR C = FindFirstChildOf(Package(), "c");
+    EXPECT_EQ(GetFirstChild(FindFirstChildOf(Top, "b"), "en"), nullptr);
     EXPECT_EQ(GetFirstChild(C, "en"), nullptr);
     EXPECT_STREQ(GetFirstCDATAChild(C, "en"), "Block");
     EXPECT_STREQ(GetFirstCDATA(C), "Block");
