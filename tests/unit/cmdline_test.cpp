@@ -1,8 +1,6 @@
 // The command-line scan: option forms, value options and their refusals, the run flags and the
 // names it stores.
-#include <gtest/gtest.h>
-
-#include "runflags.h"
+#include "package_fixture.h"
 
 namespace {
 
@@ -19,10 +17,8 @@ int Scan(std::vector<std::string> Args, std::string *Output)
     std::vector<char *> Argv;
     for (std::string &Arg : Args)
         Argv.push_back(Arg.data());
-    testing::internal::CaptureStdout();
-    int Result = CheckCommandLineParameters(static_cast<int>(Argv.size()), Argv.data());
-    fflush(stdout);
-    *Output = testing::internal::GetCapturedStdout();
+    int Result = 0;
+    *Output = Captured([&] { Result = CheckCommandLineParameters(int(Argv.size()), Argv.data()); });
     return Result;
 }
 

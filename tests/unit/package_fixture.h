@@ -30,11 +30,10 @@ inline bool Has(const std::string &Text, const std::string &Part)
     return Text.find(Part) != std::string::npos;
 }
 
-inline const std::string CorruptSection = "The XML file is corrupt.  The '";
 // What a reader prints when the section Name is not where it looks.
 inline std::string Missing(const std::string &Name)
 {
-    return CorruptSection + Name + "' section cannot be found.\n";
+    return "The XML file is corrupt.  The '" + Name + "' section cannot be found.\n";
 }
 
 typedef std::vector<unsigned char> Bytes;

@@ -61,7 +61,7 @@ TEST_F(Protocol, DumpStopsAtAnOverlongItemAndExitsOnAnUnknownOneOrNoBuffer)
     EXPECT_EXIT(DumpPacket(&H, nullptr, 1), testing::ExitedWithCode(255), "");
 }
 
-TEST_F(Protocol, QueueServesTheOldestMatchAndCopiesOnlyDataLength)
+TEST_F(Protocol, QueueServesTheOldestMatchCopiesOnlyDataLengthAndDumpsPromptsInDebugMode)
 {
     Bytes Payload = {1, 2, 3};
     RZP_HEADER_PACKET Open = MakeHeader(RZP_PARSER_OPEN_INPUT_FILE, 5, 3);
@@ -87,6 +87,16 @@ TEST_F(Protocol, QueueServesTheOldestMatchAndCopiesOnlyDataLength)
     EXPECT_EQ(H.opCode, RZP_LOG_DATA);
     EXPECT_EQ(Dequeue(&H, Out.data(), 5), RZP_NOTHING_PENDING);
     EXPECT_EQ(DequeueByOpCode(&H, Out.data(), 4001), RZP_OPCODE_NOT_SUPPORTED);
+
+    Bytes Prompt = {0x10, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10}; // shown in debug mode
+    H = MakeHeader(RZP_PROMPT_FOR_NUMBER, 9, 11);
+    ASSERT_EQ(Enqueue(&H, Prompt.data()), 0);
+    DEBUG_FLAG = 1;
+    EXPECT_EQ(Captured([&] {
+                  EXPECT_EQ(DequeueByOpCode(&H, Out.data(), RZP_PROMPT_FOR_NUMBER), 0);
+              }),
+              "Parser opCode asked for 2202    Found opCode is 2202\nPARSER BUFFER DUMP...\n"
+              "10  01  02  03  04  05  06  07  08  09  \n0a  \nEnd PARSER BUFFER DUMP\n");
 }
 
 TEST_F(Protocol, QueueBeyondItsBoundDropsOnlyTheOldestAnswerNobodyExpects)
@@ -118,19 +128,6 @@ TEST_F(Protocol, QueueBeyondItsBoundDropsOnlyTheOldestAnswerNobodyExpects)
     EXPECT_EQ(Dequeue(&H, Out.data(), 1003), 0);
     EXPECT_EQ(Dequeue(&H, Out.data(), 99999), 0); // appended at the tail after the drop
     EXPECT_EQ(Out[0], 0x5a);
-}
-
-TEST_F(Protocol, PromptNumberPacketsAreShownInDebugMode)
-{
-    Bytes Payload = {0x10, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
-    RZP_HEADER_PACKET Prompt = MakeHeader(RZP_PROMPT_FOR_NUMBER, 9, 11);
-    ASSERT_EQ(Enqueue(&Prompt, Payload.data()), 0);
-    DEBUG_FLAG = 1;
-    EXPECT_EQ(Captured([&] {
-                  EXPECT_EQ(DequeueByOpCode(&H, Out.data(), RZP_PROMPT_FOR_NUMBER), 0);
-              }),
-              "Parser opCode asked for 2202    Found opCode is 2202\nPARSER BUFFER DUMP...\n"
-              "10  01  02  03  04  05  06  07  08  09  \n0a  \nEnd PARSER BUFFER DUMP\n");
 }
 
 // ---- Registration answers ----------------------------------------------------------------------

@@ -10,22 +10,6 @@
 
 namespace {
 
-// A device list of one supported_device per entry, each of (name, text) data pairs.
-typedef std::vector<std::vector<std::pair<const char *, const char *>>> DeviceList;
-std::string Devices(const DeviceList &Entries)
-{
-    std::string Text;
-    for (const auto &Entry : Entries) {
-        Text += "<supported_devices_and>\n<supported_device>\n";
-        for (const auto &D : Entry)
-            Text += std::string("<supported_device_data name=\"") + D.first + "\">" + D.second +
-                    "</supported_device_data>\n";
-        Text += "</supported_device>\n</supported_devices_and>\n";
-    }
-    return "<zel_package>\n<prerequisites>\n<supported_devices>\n" + Text +
-           "</supported_devices>\n</prerequisites>\n</zel_package>\n";
-}
-
 class Records : public PackageTest {
 protected:
     ComponentInfo Info = {};
@@ -187,22 +171,25 @@ TEST(RecordHelpers, SubtypeTextConvertsByLeadingDecimalDigits)
         EXPECT_EQ(Case.second, DecimalValue(Case.first)) << (Case.first ? Case.first : "NULL");
 }
 
-// Sub-records have the requisite layout (code 301, length, 8, text length, text); the list ends
-// at an unknown name; devices beyond the buffer are left out with a message.
+// Sub-records have the requisite layout (code 301, length, 8, text length, text) for the
+// devices the transcript reads; devices beyond the buffer are left out with a message.
 TEST_F(Records, DeviceSubRecordsHaveTheRequisiteLayoutAndStayInTheBuffer)
 {
-    std::string Path = Write("c.xml", Devices({{{"ven", "8086"}, {"dev", "100E"}},
-                                               {{"subdev", "0002"}}, {{"class", "1"}},
-                                               {{"ven", "8086"}}}));
-    Bytes Expected(80), Buffer(RZP_MAX_PAYLOAD + 64, 0xEE);
-    Expected.resize(Tokenize(Expected.data(), "%U%U%U%U%S%U%U%U%U%S", 301u, 28u, 8u, 20u,
-                             "8086.100E.0000.0000", 301u, 28u, 8u, 20u, "0000.0000.0000.0002"));
-    int Length = -1;
-    EXPECT_EQ(2, RetrievePCIDevicesFromXML(Path.c_str(), Buffer.data(), &Length));
+    Bytes Expected(RZP_MAX_PAYLOAD), Buffer(RZP_MAX_PAYLOAD + 64, 0xEE);
+    int Length = 0;
+    for (const char *Id : {"ABCD.0001.0000.0000", "0000.0000.0000.0000", "2222.0000.0000.00AB"})
+        Length += Tokenize(Expected.data() + Length, "%U%U%U%U%S", 301u, 28u, 8u, 20u, Id);
+    Expected.resize(Length);
+    EXPECT_EQ(3, RetrievePCIDevicesFromXML(ZEL_TEST_DATA "/unit/readers/devices.xml",
+                                           Buffer.data(), &Length));
     ASSERT_EQ(static_cast<int>(Expected.size()), Length);
     EXPECT_TRUE(std::equal(Expected.begin(), Expected.end(), Buffer.begin()));
 
-    Path = Write("d.xml", Devices(DeviceList(500, {{"ven", "ABCD"}})));
+    std::string Many = "<zel_package>\n<prerequisites>\n<supported_devices>\n";
+    for (int Index = 0; Index < 500; Index++)
+        Many += "<supported_devices_and>\n<supported_device>\n<supported_device_data name=\"ven\">"
+                "ABCD</supported_device_data>\n</supported_device>\n</supported_devices_and>\n";
+    std::string Path = Write("d.xml", Many + "</supported_devices>\n</prerequisites>\n</zel_package>\n");
     int Count = 0;
     std::string Out =
         Captured([&] { Count = RetrievePCIDevicesFromXML(Path.c_str(), Buffer.data(), &Length); });
