@@ -124,9 +124,13 @@ TEST_F(Matching, EachRuleAcceptsAndRejects)
 }
 
 // A silent install says nothing; a bundle without systems, or one that fails to parse (read
-// and reported once), is corrupt.
+// and reported once), is corrupt; without a tree the name reader reports a null root (the
+// version and name readers over files are in readers.txt).
 TEST_F(Matching, SilentInstallAndCorruptBundles)
 {
+    char Text[16] = {};
+    EXPECT_EQ("Unable to open XML file \nThe XML file is corrupt.  The root node is null.\n",
+              Captured([&] { EXPECT_EQ(-2, GetBundleName("", "en", Text, sizeof(Text))); }));
     std::string Out;
     SILENT_INSTALL = 1;
     EXPECT_EQ(FALSE, Supported(RH73, {"Red Hat Linux 9"}, &Out));
@@ -161,15 +165,6 @@ TEST_F(Matching, TheBundleIsParsedBeforeTheDetectionFromTheFirstCallOn)
     ASSERT_NE(std::string::npos, Parsing) << Out;
     EXPECT_LT(Parsing, Out.find("on an unsupported operating system.")) << Out;
     EXPECT_STREQ(Path.c_str(), CurrentXMLFileParsed);
-}
-
-// (The version and name readers over files are in readers.txt.) Without a tree the name
-// reader reports a null root.
-TEST_F(Bundles, NameWithoutATreeReportsANullRoot)
-{
-    char Text[16] = {};
-    EXPECT_EQ("Unable to open XML file \nThe XML file is corrupt.  The root node is null.\n",
-              Captured([&] { EXPECT_EQ(-2, GetBundleName("", "en", Text, sizeof(Text))); }));
 }
 
 TEST_F(Bundles, PackagesSelectedByInstallYesInAnyCase)

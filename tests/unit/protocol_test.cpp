@@ -27,7 +27,7 @@ protected:
     void TearDown() override { DEBUG_FLAG = 0; }
 };
 
-TEST_F(Protocol, DumpShowsEveryItemTypeAndTheIllegalShortQuirk)
+TEST_F(Protocol, DumpShowsEveryItemTypeStopsAtAnOverlongItemAndExitsOnAnUnknownOne)
 {
     // The 301 record declares its string's length too short.
     int Length = Tokenize(Out.data(), "%U%U%B%U%U%B%U%U%B%U%U%U%U%U%C%U%U%L%U%U%S%U%U%S%U%U%U%U%S"
@@ -44,12 +44,9 @@ TEST_F(Protocol, DumpShowsEveryItemTypeAndTheIllegalShortQuirk)
               "Parser sending LocalSequenceNumber is 3\nParser sending RemoteSequenceNumber is -1\n"
               "Parser sending opCode is 2\nParser sending Return Code is -106\n"
               "Parser sending Data Length is 0\n\n");
-}
 
-// An item that runs past the data length stops the dump; an unknown item type or a missing
-// buffer ends the process.
-TEST_F(Protocol, DumpStopsAtAnOverlongItemAndExitsOnAnUnknownOneOrNoBuffer)
-{
+    // An item that runs past the data length stops the dump; an unknown item type or a missing
+    // buffer ends the process.
     Bytes P(11); // a string without its NUL, in a buffer of exactly DataLength bytes
     Tokenize(P.data(), "%U%U%C%C%C", 208u, 5u, 'a', 'b', 'c');
     H = MakeHeader(2001, 1, 11);
