@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <set>
+#include <sstream>
 
 #include "package_fixture.h"
 
@@ -17,14 +18,17 @@ std::string Bundle(const std::string &List, const std::vector<std::string> &Line
     return Text + "</" + List + ">\n</zel_bundle>\n";
 }
 
-// A bundle that lists the operating systems Names ("" for an entry without text).
-std::string Systems(const std::vector<std::string> &Names)
+// A bundle that lists the operating systems Names, "|" between two ("" for an entry without
+// text).
+std::string Systems(const std::string &Names)
 {
     std::vector<std::string> Lines;
-    for (const std::string &Name : Names)
+    std::istringstream In(Names);
+    for (std::string Name; std::getline(In, Name, '|');)
         Lines.push_back("<operating_system>\n" +
-                        (Name.empty() ? "" : "<operating_system_xlate lang=\"en\">" + Name +
-                                                 "</operating_system_xlate>\n") +
+                        (Name.empty() ? ""
+                                      : "<operating_system_xlate lang=\"en\">" + Name +
+                                            "</operating_system_xlate>\n") +
                         "</operating_system>");
     return Bundle("operating_systems", Lines);
 }
@@ -71,8 +75,7 @@ class Matching : public PackageTest {
 protected:
     bool Sandboxed() const override { return true; }
     // Runs the matching of a bundle with Systems on a machine with the Release file.
-    signed char Supported(const char *Release, const std::vector<std::string> &Names,
-                          std::string *Out)
+    signed char Supported(const char *Release, const std::string &Names, std::string *Out)
     {
         SetRelease(Release);
         std::string Path = Write("bp0" + std::to_string(++Serial) + ".xml", Systems(Names));
@@ -86,32 +89,32 @@ TEST_F(Matching, EachRuleAcceptsAndRejects)
 {
     struct {
         const char *Release;
-        std::vector<std::string> Systems;
+        std::string Systems;
         signed char Expected;
         const char *Verbose;
     } Cases[] = {
-        {AS21, {"Red Hat Linux Advanced Server 2.1"}, TRUE, "Advanced Server was found\n"},
-        {AS21, {"Red Hat Linux Advanced Server 2.2", "Red Hat Linux Advanced Server 2.1"}, TRUE, ""},
-        {AS21, {"Red Hat Linux Advanced Server 2.2"}, FALSE, ""},
-        {EL3, {"Red Hat Enterprise Linux 3"}, TRUE, "Red Hat Enterprise Linux was found\n"},
-        {EL3, {"Red Hat Enterprise Linux 4"}, FALSE, ""},
-        {RH73, {"Red Hat Linux 7.3"}, TRUE, "Red Hat Linux Professional was found\n"},
-        {RH73, {"Red Hat Linux 7.31"}, TRUE, ""},
-        {RH73, {"Red Hat Linux 8.0", "UnitedLinux 7.3"}, FALSE, ""},
-        {UL10, {"UnitedLinux 1.0"}, TRUE, "UnitedLinux was found.\n"},
-        {UL10, {"UnitedLinux 2.0"}, FALSE, ""},
-        {SLES8, {"SUSE Linux Enterprise Server 9"}, TRUE, "(SLES) was found.\n"},
-        {SLES8, {"SuSE SLES 8.1"}, FALSE, ""},
+        {AS21, "Red Hat Linux Advanced Server 2.1", TRUE, "Advanced Server was found\n"},
+        {AS21, "Red Hat Linux Advanced Server 2.2|Red Hat Linux Advanced Server 2.1", TRUE, ""},
+        {AS21, "Red Hat Linux Advanced Server 2.2", FALSE, ""},
+        {EL3, "Red Hat Enterprise Linux 3", TRUE, "Red Hat Enterprise Linux was found\n"},
+        {EL3, "Red Hat Enterprise Linux 4", FALSE, ""},
+        {RH73, "Red Hat Linux 7.3", TRUE, "Red Hat Linux Professional was found\n"},
+        {RH73, "Red Hat Linux 7.31", TRUE, ""},
+        {RH73, "Red Hat Linux 8.0|UnitedLinux 7.3", FALSE, ""},
+        {UL10, "UnitedLinux 1.0", TRUE, "UnitedLinux was found.\n"},
+        {UL10, "UnitedLinux 2.0", FALSE, ""},
+        {SLES8, "SUSE Linux Enterprise Server 9", TRUE, "(SLES) was found.\n"},
+        {SLES8, "SuSE SLES 8.1", FALSE, ""},
         // Every code fails: the empty name and version are contained in every entry, so the
         // first Red Hat entry matches (a planted /tmp/release.out fails the detection instead).
-        {"Linux\n", {"Red Hat Linux 7.3", "Red Hat Enterprise Linux 3"}, TRUE,
+        {"Linux\n", "Red Hat Linux 7.3|Red Hat Enterprise Linux 3", TRUE,
          "Red Hat Linux Professional was found\n"},
         // An entry without text ends the search, silently, before a matching one.
-        {RH73, {"", "Red Hat Linux 7.3"}, FALSE, nullptr},
+        {RH73, "|Red Hat Linux 7.3", FALSE, nullptr},
     };
     VERBOSE_MODE = 1;
     for (const auto &Case : Cases) {
-        SCOPED_TRACE(Case.Systems.back());
+        SCOPED_TRACE(Case.Systems);
         std::string Out;
         EXPECT_EQ(Case.Expected, Supported(Case.Release, Case.Systems, &Out));
         if (Case.Verbose == nullptr) {
@@ -133,7 +136,7 @@ TEST_F(Matching, SilentInstallAndCorruptBundles)
               Captured([&] { EXPECT_EQ(-2, GetBundleName("", "en", Text, sizeof(Text))); }));
     std::string Out;
     SILENT_INSTALL = 1;
-    EXPECT_EQ(FALSE, Supported(RH73, {"Red Hat Linux 9"}, &Out));
+    EXPECT_EQ(FALSE, Supported(RH73, "Red Hat Linux 9", &Out));
     EXPECT_EQ("", Out);
     SILENT_INSTALL = 0;
     std::string NoSystems = Write("bp0.xml", "<zel_bundle>\n</zel_bundle>\n");
@@ -153,12 +156,12 @@ TEST_F(Matching, TheBundleIsParsedBeforeTheDetectionFromTheFirstCallOn)
     std::string Out;
     DEBUG_FLAG = 1;
     VERBOSE_MODE = 1;
-    EXPECT_EQ(TRUE, Supported(RH73, {"Red Hat Linux 7.3"}, &Out));
+    EXPECT_EQ(TRUE, Supported(RH73, "Red Hat Linux 7.3", &Out));
     size_t Parsing = Out.find("XMLTOKENIZER--Parsing file, ");
     ASSERT_NE(std::string::npos, Parsing) << Out;
     EXPECT_LT(Parsing, Out.find("Installed OS Version is Red Hat Linux 7.3 \n")) << Out;
     DeleteTree();
-    std::string Path = Write("bp0n.xml", Systems({"x"}));
+    std::string Path = Write("bp0n.xml", Systems("x"));
     ASSERT_EQ(0, SandboxClearReleaseFiles());
     Out = Captured([&] { EXPECT_EQ(FALSE, IsOSSupportedByBundle(Path.c_str())); });
     Parsing = Out.find("XMLTOKENIZER--Parsing file, " + Path);
@@ -171,14 +174,13 @@ TEST_F(Bundles, PackagesSelectedByInstallYesInAnyCase)
 {
     ASSERT_NE(nullptr, AppendComponent("earlier.rpm"));
     std::string Path = Write(
-        "bp0.xml", Bundle("contents", {"<package install=\"yes\">a-1.0.rpm</package>",
-                                       "<package install=\"No\">b-1.0.rpm</package>",
-                                       "<package install=\"Yes\">c-1.0.rpm</package>",
-                                       "<package>d-1.0.rpm</package>",
-                                       "<package install=\"YES\"></package>",
-                                       "<package install=\"YES\">" + std::string(256, 'e') +
-                                           ".rpm</package>",
-                                       "<package install=\"YES\">f-1.0.rpm</package>"}));
+        "bp0.xml",
+        Bundle("contents", {"<package install=\"yes\">a-1.0.rpm</package>",
+                            "<package install=\"No\">b-1.0.rpm</package>",
+                            "<package install=\"Yes\">c-1.0.rpm</package>",
+                            "<package>d-1.0.rpm</package>", "<package install=\"YES\"></package>",
+                            "<package install=\"YES\">" + std::string(256, 'e') + ".rpm</package>",
+                            "<package install=\"YES\">f-1.0.rpm</package>"}));
     int Count = 0;
     std::string Out = Captured([&] { Count = GetBundlePackages(Path.c_str()); });
     EXPECT_EQ(3, Count);
@@ -192,8 +194,8 @@ TEST_F(Bundles, PackagesSelectedByInstallYesInAnyCase)
                 Has(Out, "longer than 255 characters; it is refused.\n"))
         << Out;
 
-    std::string None =
-        Write("bp0b.xml", Bundle("contents", {"<package install=\"no\">a.rpm</package>"}));
+    std::string None = Write("bp0b.xml",
+                             Bundle("contents", {"<package install=\"no\">a.rpm</package>"}));
     EXPECT_EQ(XML_NO_PACKAGES, GetBundlePackages(None.c_str()));
     std::string Empty = Write("bp0c.xml", Bundle("contents", {}));
     EXPECT_EQ(Missing("package"),

@@ -10,8 +10,7 @@ int Scan(std::vector<std::string> Args, std::string *Output)
     FreeCommandLineState();
     SILENT_INSTALL = HELP_REQUESTED = VERBOSE_MODE = SINGLE_STEP_MODE = OK_TO_RUN = 0;
     INPUT_FILE_FOUND = TQR_INSTALL = VIEW_ONLY = 0;
-    DEBUG_FLAG = 0;
-    FORCE_INSTALL_FLAG = NO_USER_INTERFACE = Parser_Exiting = 0;
+    FORCE_INSTALL_FLAG = NO_USER_INTERFACE = Parser_Exiting = DEBUG_FLAG = 0;
     InputFileName[0] = PackageName[0] = 0;
     Args.insert(Args.begin(), "zelparser");
     std::vector<char *> Argv;

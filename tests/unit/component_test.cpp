@@ -62,8 +62,9 @@ TEST_F(Components, OnlyRegularFilesOfBoundedSizeAreOpened)
         EXPECT_EQ(XML_OPEN_FAILED, ParseFile((Dir + "/bp0link.xml").c_str()));
         EXPECT_EQ(XML_OPEN_FAILED, ParseFile(Fifo.c_str()));
     });
-    EXPECT_EQ(Out, "The XML file " + Dir + "/bp0link.xml is not a regular file; it is refused.\n"
-                   "The XML file " + Fifo + " is not a regular file; it is refused.\n");
+    const std::string Refused = " is not a regular file; it is refused.\n";
+    EXPECT_EQ(Out,
+              "The XML file " + Dir + "/bp0link.xml" + Refused + "The XML file " + Fifo + Refused);
     char Xml[COMPONENT_FIELD_SIZE] = {};
     Out = Captured([&] {
         EXPECT_EQ(-1, FindComponentXmlFile((Dir + "/drv.rpm").c_str(), Xml));

@@ -44,9 +44,8 @@ TEST_F(OSDetect, ReleaseFilesGiveNameVersionAndKey)
         EXPECT_FALSE(Exists(RELEASE_OUT_FILE));
     }
     // An overlong name is refused, not cut.
-    std::string Out = Captured([&] {
-        Detect(std::string(300, 'R') + " Hat Linux release 7.3 (V)\n");
-    });
+    std::string Out = Captured(
+        [&] { Detect(std::string(300, 'R') + " Hat Linux release 7.3 (V)\n"); });
     EXPECT_TRUE(Has(Out, "The installed OS name in release.out is longer than 255")) << Out;
     EXPECT_STREQ("_7.3", CurrentlyInstalledOS);
 }

@@ -30,11 +30,12 @@ protected:
 TEST_F(Protocol, DumpShowsEveryItemTypeStopsAtAnOverlongItemAndExitsOnAnUnknownOne)
 {
     // The 301 record declares its string's length too short.
-    int Length = Tokenize(Out.data(), "%U%U%B%U%U%B%U%U%B%U%U%U%U%U%C%U%U%L%U%U%S%U%U%S%U%U%U%U%S"
-                                      "%U%U%U%S%U%U%U",
-                          201u, 1u, 1, 201u, 1u, 2, 202u, 1u, 0xab, 204u, 4u, 70000u, 205u, 1u,
-                          'Z', 207u, 4u, -5, 208u, 6u, "hello", 3u, 7u, "/etc/x", 301u, 20u, 208u,
-                          2u, "longer text", 203u, 1u, 5u, "abcd", 206u, 999u, 0u);
+    int Length = Tokenize(Out.data(),
+                          "%U%U%B%U%U%B%U%U%B%U%U%U%U%U%C%U%U%L%U%U%S%U%U%S%U%U%U%U%S"
+                          "%U%U%U%S%U%U%U",
+                          201u, 1u, 1, 201u, 1u, 2, 202u, 1u, 0xab, 204u, 4u, 70000u, 205u, 1u, 'Z',
+                          207u, 4u, -5, 208u, 6u, "hello", 3u, 7u, "/etc/x", 301u, 20u, 208u, 2u,
+                          "longer text", 203u, 1u, 5u, "abcd", 206u, 999u, 0u);
     H = MakeHeader(77, 12, Length); // the expected dump gives each item's byte offset
     EXPECT_EQ(Captured([&] { DumpPacket(&H, Out.data(), 1); }),
               ReadAll(ZEL_TEST_DATA "/unit/dumps/every-item.txt"));
@@ -89,11 +90,10 @@ TEST_F(Protocol, QueueServesTheOldestMatchCopiesOnlyDataLengthAndDumpsPromptsInD
     H = MakeHeader(RZP_PROMPT_FOR_NUMBER, 9, 11);
     ASSERT_EQ(Enqueue(&H, Prompt.data()), 0);
     DEBUG_FLAG = 1;
-    EXPECT_EQ(Captured([&] {
-                  EXPECT_EQ(DequeueByOpCode(&H, Out.data(), RZP_PROMPT_FOR_NUMBER), 0);
-              }),
-              "Parser opCode asked for 2202    Found opCode is 2202\nPARSER BUFFER DUMP...\n"
-              "10  01  02  03  04  05  06  07  08  09  \n0a  \nEnd PARSER BUFFER DUMP\n");
+    EXPECT_EQ(
+        Captured([&] { EXPECT_EQ(DequeueByOpCode(&H, Out.data(), RZP_PROMPT_FOR_NUMBER), 0); }),
+        "Parser opCode asked for 2202    Found opCode is 2202\nPARSER BUFFER DUMP...\n"
+        "10  01  02  03  04  05  06  07  08  09  \n0a  \nEnd PARSER BUFFER DUMP\n");
 }
 
 TEST_F(Protocol, QueueBeyondItsBoundDropsOnlyTheOldestAnswerNobodyExpects)
@@ -149,8 +149,8 @@ protected:
     // DataLength cut by Cut bytes; returns the console output.
     std::string Handle(uint32_t OpCode, const std::string &Name, int ReturnCode, int Cut = 0)
     {
-        int Length = Tokenize(Out.data(), "%U%U%U%U%U%B%U%U%B%U%U%S%U%U%S%U%U%S", 204u, 4u,
-                              OpCode, 201u, 1u, 1, 201u, 1u, 1, 208u,
+        int Length = Tokenize(Out.data(), "%U%U%U%U%U%B%U%U%B%U%U%S%U%U%S%U%U%S", 204u, 4u, OpCode,
+                              201u, 1u, 1, 201u, 1u, 1, 208u,
                               static_cast<unsigned>(Name.size() + 1), Name.c_str(), 208u, 21u,
                               "/dev/zelparser_write", 208u, 20u, "/dev/zelparser_read");
         H = MakeHeader(RZP_REGISTER, 3, Length - Cut);

@@ -95,9 +95,9 @@ std::string Records::Read(const std::string &Path, const std::string &Call, int 
             Result = GetInstallCommand(File, &Info);
             Values = Text(Info.InstallCommand);
         } else if (Call == "version" || Call.compare(0, 5, "name:") == 0) {
-            Result = Call == "version" ? GetBundleVersion(File, Value, Entry)
-                                       : GetBundleName(File, Call.c_str() + 5,
-                                                       Entry ? Value : nullptr, Entry);
+            Result = Call == "version"
+                         ? GetBundleVersion(File, Value, Entry)
+                         : GetBundleName(File, Call.c_str() + 5, Entry ? Value : nullptr, Entry);
             Values = Result == 0 ? Value : "";
         }
         for (const auto &Flag : Flags)
@@ -144,13 +144,15 @@ TEST_F(Records, ReadersFollowTheTranscript)
 // subtype buffer is refused.
 TEST_F(Records, OverlongRequisiteTextsRefuseTheEntryInsteadOfCuttingIt)
 {
-    std::string Long(1024, 'v');
-    std::string Path = Write(
-        "c.xml", "<zel_package>\n<platform_specific>\n<LINUX>\n<Red_Hat_Linux_7.3>\n<prerequisites>\n"
-                 "<prerequisite_data SubType=\"123456789\" value=\"" + Long.substr(1) + "\"/>\n"
-                 "<prerequisite_data SubType=\"1234567890\" value=\"x\"/>\n"
-                 "<prerequisite_data SubType=\"3\" value=\"" + Long + "\"/>\n</prerequisites>\n"
-                 "</Red_Hat_Linux_7.3>\n</LINUX>\n</platform_specific>\n</zel_package>\n");
+    std::string Long(1024, 'v'), Item = "<prerequisite_data SubType=\"";
+    std::string Path = Write("c.xml", "<zel_package>\n<platform_specific>\n<LINUX>\n"
+                                      "<Red_Hat_Linux_7.3>\n<prerequisites>\n" +
+                                          Item + "123456789\" value=\"" + Long.substr(1) +
+                                          "\"/>\n" + Item + "1234567890\" value=\"x\"/>\n" + Item +
+                                          "3\" value=\"" + Long +
+                                          "\"/>\n</prerequisites>\n"
+                                          "</Red_Hat_Linux_7.3>\n</LINUX>\n</platform_specific>\n"
+                                          "</zel_package>\n");
     const std::string Reads[] = {
         "0|123456789|" + Long.substr(1) + "|",
         "-504|||The 'SubType' attribute of prerequisite_data entry 1 is longer than 9 "
@@ -180,8 +182,8 @@ TEST_F(Records, DeviceSubRecordsHaveTheRequisiteLayoutAndStayInTheBuffer)
     for (const char *Id : {"ABCD.0001.0000.0000", "0000.0000.0000.0000", "2222.0000.0000.00AB"})
         Length += Tokenize(Expected.data() + Length, "%U%U%U%U%S", 301u, 28u, 8u, 20u, Id);
     Expected.resize(Length);
-    EXPECT_EQ(3, RetrievePCIDevicesFromXML(ZEL_TEST_DATA "/unit/readers/devices.xml",
-                                           Buffer.data(), &Length));
+    EXPECT_EQ(3, RetrievePCIDevicesFromXML(ZEL_TEST_DATA "/unit/readers/devices.xml", Buffer.data(),
+                                           &Length));
     ASSERT_EQ(static_cast<int>(Expected.size()), Length);
     EXPECT_TRUE(std::equal(Expected.begin(), Expected.end(), Buffer.begin()));
 
@@ -189,7 +191,8 @@ TEST_F(Records, DeviceSubRecordsHaveTheRequisiteLayoutAndStayInTheBuffer)
     for (int Index = 0; Index < 500; Index++)
         Many += "<supported_devices_and>\n<supported_device>\n<supported_device_data name=\"ven\">"
                 "ABCD</supported_device_data>\n</supported_device>\n</supported_devices_and>\n";
-    std::string Path = Write("d.xml", Many + "</supported_devices>\n</prerequisites>\n</zel_package>\n");
+    std::string Path = Write("d.xml",
+                             Many + "</supported_devices>\n</prerequisites>\n</zel_package>\n");
     int Count = 0;
     std::string Out =
         Captured([&] { Count = RetrievePCIDevicesFromXML(Path.c_str(), Buffer.data(), &Length); });

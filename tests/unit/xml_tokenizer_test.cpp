@@ -188,9 +188,10 @@ protected:
 // section's text or CDATA pair by position.
 TEST_F(XmlNavigation, LookupsAreDirectExactInDocumentOrderAndPairByPosition)
 {
-    Parse("<zel_package>\n<linux>\n<deep/>\n</linux>\n<other/>\n<linux n=\"2\"/>\n"
-          "<a lang=\"en\" lang=\"de\">Text</a>\n<b x=\"1\" lang=\"en\">Only</b>\n"
-          "<c lang=\"en\">\n<![CDATA[Block]]>\n</c>\n</zel_package>\n<zel_package n=\"second\"/>\n");
+    Parse(
+        "<zel_package>\n<linux>\n<deep/>\n</linux>\n<other/>\n<linux n=\"2\"/>\n"
+        "<a lang=\"en\" lang=\"de\">Text</a>\n<b x=\"1\" lang=\"en\">Only</b>\n"
+        "<c lang=\"en\">\n<![CDATA[Block]]>\n</c>\n</zel_package>\n<zel_package n=\"second\"/>\n");
     SECTIONPTR Top = Package();
     ASSERT_NE(Top, nullptr);
     EXPECT_STREQ(GetAttribute(GetNextSibling(Top), "n"), "second");
