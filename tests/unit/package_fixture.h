@@ -70,8 +70,7 @@ protected:
         DeleteTree();
         FreeComponentList();
         SetInstalledOS(nullptr);
-        VERBOSE_MODE = SILENT_INSTALL = 0;
-        DEBUG_FLAG = 0;
+        VERBOSE_MODE = SILENT_INSTALL = DEBUG_FLAG = 0;
     }
     static void SetInstalledOS(const char *Key)
     {
