@@ -4,7 +4,6 @@
 // peak memory, the request/answer round trips, then two idle seconds (CPU and wake-ups), a
 // flood of 100,000 answers that nobody asked for (memory), and the shut-down.
 #include <dirent.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,10 +11,10 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 
+#include "bench_bundle_writer.h"
 #include "sandbox.h"
 #include "zelrzpmanager.h"
 
@@ -23,58 +22,6 @@
 #define BENCH_COMPONENTS 200
 #define BENCH_FLOOD 100000
 #define BENCH_IDLE_SECONDS 2
-
-static std::string PackageName(int i)
-{
-    return "comp" + std::to_string(i) + "-1.0-1.i386.rpm";
-}
-
-// A few prerequisites, one configuration variable and two supported PCI devices.
-static std::string ComponentXml(int i)
-{
-    std::ostringstream X;
-    X << "<zel_package>\n<version value=\"1.0." << i << "\"/>\n<name>\n<name_xlate lang=\"en\">"
-      << "Component " << i << "</name_xlate>\n</name>\n<description>\n<description_xlate lang=\"en\">\n"
-      << "<![CDATA[Generated component " << i << " of the benchmark bundle.]]>\n"
-      << "</description_xlate>\n</description>\n<installation>\n<install>\n"
-      << "<reboot_required value=\"no\"/>\n<command>rpm -Uvh " << PackageName(i)
-      << "</command>\n</install>\n</installation>\n<prerequisites>\n<supported_devices>\n";
-    for (int d = 0; d < 2; d++)
-        X << "<supported_devices_and>\n<supported_device>\n"
-          << "<supported_device_data name=\"ven\">8086</supported_device_data>\n"
-          << "<supported_device_data name=\"dev\">" << 1200 + d << "</supported_device_data>\n"
-          << "</supported_device>\n</supported_devices_and>\n";
-    X << "</supported_devices>\n</prerequisites>\n<platform_specific>\n<LINUX>\n<Red_Hat_Linux_7.3>\n"
-      << "<has_prerequisites value=\"yes\"/>\n<has_postrequisites value=\"no\"/>\n"
-      << "<requires_preconfiguration value=\"yes\"/>\n<requires_postconfiguration value=\"no\"/>\n"
-      << "<prerequisites>\n<prerequisite_data SubType=\"6\" value=\"2.4.18\"/>\n"
-      << "<prerequisite_data SubType=\"3\" value=\"/sbin/lsmod\"/>\n"
-      << "<prerequisite_data SubType=\"11\" value=\"syslogd\"/>\n</prerequisites>\n"
-      << "<preconfiguration>\n<preconfiguration_data_and>\n"
-      << "<requirements required=\"yes\" minimumlength=\"1\" maximumlength=\"5\"/>\n<prompt>\n"
-      << "<prompt_xlate lang=\"en\">\n<![CDATA[Port number:]]>\n</prompt_xlate>\n</prompt>\n"
-      << "<outputname type=\"1\" name=\"PORT" << i << "\"/>\n<default_value value=\"80\"/>\n"
-      << "</preconfiguration_data_and>\n</preconfiguration>\n"
-      << "</Red_Hat_Linux_7.3>\n</LINUX>\n</platform_specific>\n</zel_package>\n";
-    return X.str();
-}
-
-static void WriteBundle(void)
-{
-    mkdir(BENCH_DIR, 0755);
-    std::ofstream Bundle(BENCH_DIR "/bp000001.xml");
-    Bundle << "<zel_bundle>\n<version value=\"1.0\"/>\n<name>\n<name_xlate lang=\"en\">Benchmark "
-              "bundle</name_xlate>\n</name>\n<operating_systems>\n<operating_system>\n"
-              "<operating_system_xlate>Red Hat Linux 7.3</operating_system_xlate>\n"
-              "</operating_system>\n</operating_systems>\n<contents>\n";
-    for (int i = 0; i < BENCH_COMPONENTS; i++) {
-        Bundle << "<package install=\"yes\">" << PackageName(i) << "</package>\n";
-        std::string Base = std::string(BENCH_DIR "/") + PackageName(i);
-        std::ofstream(Base) << "package " << i << "\n";
-        std::ofstream(Base.substr(0, Base.size() - 4) + ".xml") << ComponentXml(i);
-    }
-    Bundle << "</contents>\n</zel_bundle>\n";
-}
 
 struct Usage {
     double CpuSeconds = -1;
@@ -210,7 +157,7 @@ int main(void)
     if (SandboxEnter() != 0 || SandboxSetFile("/etc/redhat-release",
                                               "Red Hat Linux release 7.3 (Valhalla)\n") != 0)
         return Fail("cannot enter the sandbox (run as root)");
-    WriteBundle();
+    WriteBenchBundle(BENCH_DIR, BENCH_COMPONENTS, {{"Red Hat Linux 7.3", "Red_Hat_Linux_7.3"}});
     ZmConfig Config;
     Config.ParserPath = ZEL_PARSER_PATH;
     Config.BundleDir = BENCH_DIR;
