@@ -111,8 +111,7 @@ TEST(AllocationFailure, ParseFileFailsCleanlyAtEveryAllocation)
             [&](bool Completed, long Result, long N) {
                 if (Completed) {
                     EXPECT_EQ(0, Result) << Leaf;
-                    ASSERT_NE(nullptr, CurrentXMLFileParsed);
-                    EXPECT_EQ(Path, CurrentXMLFileParsed);
+                    EXPECT_STREQ(Path.c_str(), CurrentXMLFileParsed);
                 } else if (Result != 0) {
                     EXPECT_EQ(nullptr, CurrentXMLFileParsed) << Leaf << " at " << N;
                 } else {

@@ -111,42 +111,6 @@ TEST(Cli, MissingAndCorruptComponentsAreRefusedWithTheirFiles)
     }
 }
 
-TEST(Cli, NoPlanCasesExitThreeAndSayWhyOnStdout)
-{
-    BundleDir Corrupt; // a bundle file with a version and nothing else
-    Corrupt.Write("bp000001.xml", "<?xml version=\"1.0\"?>\n<zel_bundle>\n  <version value=\"1\"/>\n</zel_bundle>\n");
-    struct Case {
-        std::string Dir;
-        std::vector<std::string> Args;
-        int Code;
-        const char *Says;
-    } Cases[] = {
-        {Corpus + "no-bundle-file", {}, -703, "holds no bundle XML file"},
-        {Corrupt.Path, {}, -703, "./bp000001.xml corrupt"},
-        {Corpus + "bundle-unreadable", {}, -504, "the version or the name of the bundle XML file"},
-        {Corpus + "distribution-claimed-twice", {}, -505, "more than one"},
-        {Corpus + "pci-id", {"--distro=rhel3"}, -703, "./bp000001.xml not supported"},
-        {Corpus + "pci-id", {"--VIEW=zzz"}, 0, "contains \"zzz\""},
-        {Corpus + "pci-id", {"-C", "nothere-1.rpm"}, 0, "the plan is empty"},
-    };
-    for (const Case &C : Cases) {
-        SCOPED_TRACE(C.Says);
-        std::vector<std::string> Args = C.Args;
-        if (Args.empty() || Args[0] != "--distro=rhel3")
-            Args.insert(Args.begin(), "--distro=rh73");
-        CliResult R = RunJson(C.Dir, Args);
-        EXPECT_EQ(3, R.Status);
-        EXPECT_EQ(3, R.Parsed["exitStatus"]);
-        ASSERT_TRUE(R.Parsed["failure"].is_object());
-        if (C.Code != 0) {
-            EXPECT_EQ(C.Code, R.Parsed["failure"]["code"]);
-        }
-        std::string What = R.Parsed["failure"]["what"];
-        EXPECT_NE(std::string::npos, What.find(C.Says)) << What;
-        EXPECT_NE(std::string::npos, R.Err.find(What)); // one line on stderr too
-    }
-}
-
 // Fault: after a failed open the sub-service was killed without being asked to end, and the
 // console line that says why ("No supported Bundle XML files were found.") was lost in about a
 // third of the runs on an empty directory.
@@ -157,14 +121,21 @@ TEST(Cli, NoPlanKeepsTheSubServicesLastConsoleLine)
         CliResult R = RunJson(Empty.Path);
         ASSERT_EQ(1u, R.Parsed["findings"].size()) << "run " << i << R.Out;
         EXPECT_EQ("No supported Bundle XML files were found.", R.Parsed["findings"][0]["text"]);
+        EXPECT_EQ(3, R.Parsed["exitStatus"]); // no plan, and why, on stdout and stderr
+        ASSERT_EQ(-703, R.Parsed["failure"]["code"]);
+        EXPECT_NE(std::string::npos, R.Err.find(R.Parsed["failure"]["what"].get<std::string>()));
     }
 }
 
-// Wrong command lines exit 2 and say why on stderr; --help and --version exit 0; "--" ends
-// the options, the separate-value form works like --opt=value, and a file gets no colour.
+// Wrong command lines exit 2 and say why on stderr; a run without a plan exits 3 and says why
+// on stdout and stderr; --help and --version exit 0; "--" ends the options, the separate-value
+// form works like --opt=value, and a file gets no colour.
 TEST(Cli, CommandLine)
 {
     const std::string Dir = Corpus + "dialect-text"; // a clean plan
+    const std::string Pci = Corpus + "pci-id", Rh73 = "--distro=rh73";
+    BundleDir Corrupt; // a bundle file with a version and nothing else
+    Corrupt.Write("bp000001.xml", "<?xml version=\"1.0\"?>\n<zel_bundle>\n  <version value=\"1\"/>\n</zel_bundle>\n");
     struct Case {
         std::vector<std::string> Args;
         int Status;
@@ -184,6 +155,13 @@ TEST(Cli, CommandLine)
         {{"--version"}, 0, "zelrzp-manager ", ""},
         {{"--help"}, 0, "Exit status", ""},
         {{"--distro", "rh73", "--NUI", "--", Dir}, 0, "Result: clean (exit status 0)", ""},
+        {{Rh73, Corpus + "no-bundle-file"}, 3, "holds no bundle XML file", ""},
+        {{Rh73, Corrupt.Path}, 3, "(-703): ./bp000001.xml corrupt", ""},
+        {{Rh73, Corpus + "bundle-unreadable"}, 3, "cannot be read (-504)", ""},
+        {{Rh73, Corpus + "distribution-claimed-twice"}, 3, "supports the distribution (-505)", ""},
+        {{"--distro=rhel3", Pci}, 3, "(-703): ./bp000001.xml not supported", ""},
+        {{Rh73, "--VIEW=zzz", Pci}, 3, "file name of the bundle contains \"zzz\"", ""},
+        {{Rh73, "-C", "nothere-1.rpm", Pci}, 3, "the plan is empty: every component", ""},
     };
     for (const Case &C : Cases) {
         CliResult R = RunCli(C.Args);
@@ -191,6 +169,10 @@ TEST(Cli, CommandLine)
         EXPECT_NE(std::string::npos, R.Out.find(C.Out)) << C.Args[0] << R.Out;
         EXPECT_NE(std::string::npos, R.Err.find(C.Err)) << C.Args[0] << R.Err;
         EXPECT_EQ(std::string::npos, R.Out.find('\x1b')) << "colour on a file";
+        if (C.Status == 3) {
+            EXPECT_NE(std::string::npos, R.Out.find("No plan: ")) << R.Out;
+            EXPECT_NE(std::string::npos, R.Err.find(C.Out)) << R.Err;
+        }
     }
 }
 

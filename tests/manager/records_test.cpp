@@ -20,39 +20,36 @@ void Append(Bytes *Out, const unsigned char *Data, int Length)
     Out->insert(Out->end(), Data, Data + Length);
 }
 
+// A string item's declared length and text, and an absent string, as Tokenize takes them.
+#define TEXT(S) static_cast<unsigned>(strlen(S) + 1), (S)
+#define ABSENT 0u, static_cast<const char *>(nullptr)
+
 // Main body as the sub-service's builder encodes it.
-void PutBody(Bytes *Out, const char *File, bool Prereq, bool PreConfig, bool PostConfig, bool Postreq)
+void PutBody(Bytes *Out, const char *File, bool Prereq, bool PreConfig, bool PostConfig,
+             bool Postreq)
 {
     unsigned char B[RZP_MAX_PAYLOAD];
-    const char *Strings[8] = {"SUCCESS", File, "Driver", "A driver", "1.2", "rpm -i x", "MG", "MG"};
-    int N = Tokenize(B, RZP_INSTALL_BODY_FORMAT, 201, 1, Prereq, 201, 1, PreConfig, 201, 1, 0, 201,
-                     1, PostConfig, 201, 1, 0, 201, 1, Postreq, 201, 1, 1, 207, 4, 0, 208,
-                     (unsigned)strlen(Strings[0]) + 1, Strings[0], 208, (unsigned)strlen(Strings[1]) + 1,
-                     Strings[1], 208, (unsigned)strlen(Strings[2]) + 1, Strings[2], 208,
-                     (unsigned)strlen(Strings[3]) + 1, Strings[3], 208, (unsigned)strlen(Strings[4]) + 1,
-                     Strings[4], 208, (unsigned)strlen(Strings[5]) + 1, Strings[5], 208, 3u, "MG", 208,
-                     3u, "MG");
-    Append(Out, B, N);
+    Append(Out, B,
+           Tokenize(B, RZP_INSTALL_BODY_FORMAT, 201, 1, Prereq, 201, 1, PreConfig, 201, 1, 0, 201,
+                    1, PostConfig, 201, 1, 0, 201, 1, Postreq, 201, 1, 1, 207, 4, 0, 208,
+                    TEXT("SUCCESS"), 208, TEXT(File), 208, TEXT("Driver"), 208, TEXT("A driver"),
+                    208, TEXT("1.2"), 208, TEXT("rpm -i x"), 208, TEXT("MG"), 208, TEXT("MG")));
 }
 
 void PutRequisite(Bytes *Out, unsigned Structure, unsigned SubType, const char *Value)
 {
     unsigned char B[2048];
-    unsigned Length = (unsigned)strlen(Value) + 1;
-    int Body = Tokenize(B, "%U%U%S", SubType, Length, Value);
-    Append(Out, B, Tokenize(B, "%U%U%U%U%S", Structure, (unsigned)Body, SubType, Length, Value));
+    int Body = Tokenize(B, "%U%U%S", SubType, TEXT(Value));
+    Append(Out, B, Tokenize(B, "%U%U%U%U%S", Structure, (unsigned)Body, SubType, TEXT(Value)));
 }
 
 // A configuration variable whose prompt is set and whose other strings are absent (NULL).
 void PutConfiguration(Bytes *Out, unsigned Structure, const char *Name)
 {
     unsigned char B[4096];
-    const char *Prompt = "Password:";
     int Body = Tokenize(B + 8, RZP_CONFIGURATION_FORMAT, 201, 1, 1, 204, 4, 8u, 204, 4, 16384u, 208,
-                        (unsigned)strlen(Prompt) + 1, Prompt, 208, 0u, (const char *)nullptr, 208, 0u,
-                        (const char *)nullptr, 204, 4, 2u, 208, (unsigned)strlen(Name) + 1, Name,
-                        208, 0u, (const char *)nullptr, 208, 0u, (const char *)nullptr, 208, 0u,
-                        (const char *)nullptr, 204, 4, 0x1fu);
+                        TEXT("Password:"), 208, ABSENT, 208, ABSENT, 204, 4, 2u, 208, TEXT(Name),
+                        208, ABSENT, 208, ABSENT, 208, ABSENT, 204, 4, 0x1fu);
     Tokenize(B, "%U%U", Structure, (unsigned)Body);
     Append(Out, B, Body + 8);
 }
@@ -149,15 +146,21 @@ TEST(ManagerRecords, DecodesEveryFieldAndSubRecordsInAnyOrder)
     EXPECT_EQ(Out.Configuration.size(), 1u);
 }
 
+// A prefix cut inside a string says that its NUL is missing.
 TEST(ManagerRecords, RefusesEveryTruncationWithoutReadingPastIt)
 {
     Bytes Full = FullRecord();
+    size_t File = Find(Full, {'e', '1', '0', '0', '.'});
+    ASSERT_LT(File, Full.size());
     for (size_t N = 0; N < Full.size(); N++) {
         Bytes Cut(Full.begin(), Full.begin() + N);
         ZmRecord R;
         std::string Error;
         EXPECT_EQ(Decode(Cut, &R, &Error), -1) << "prefix of " << N << " bytes";
         EXPECT_FALSE(Error.empty());
+        if (N == File + 3) {
+            EXPECT_NE(Error.find("NUL"), std::string::npos) << Error;
+        }
     }
 }
 
@@ -165,25 +168,28 @@ TEST(ManagerRecords, RefusesLyingLengthsAndUnknownCodes)
 {
     const Bytes Full = FullRecord();
     size_t DeviceAt = Find(Full, {0x2d, 1, 0, 0}); // 301, little-endian
-    ASSERT_LT(DeviceAt, Full.size());
     size_t ConfigAt = Find(Full, {0x2f, 1, 0, 0}); // 303
-    ASSERT_LT(ConfigAt, Full.size());
+    size_t FileAt = Find(Full, {'e', '1', '0', '0', '.'});
+    ASSERT_LT(std::max({DeviceAt, ConfigAt, FileAt}), Full.size());
     struct Case {
         const char *What;
         size_t At;
         uint32_t Value;
+        const char *Says; // in the error
     } Cases[] = {
-        {"requisite body one byte longer", DeviceAt + 4, 4 + 4 + 20 + 1},
-        {"requisite body one byte shorter", DeviceAt + 4, 4 + 4 + 20 - 1},
-        {"requisite body past the end", DeviceAt + 4, 0xffffffffu},
-        {"requisite value length", DeviceAt + 12, 5},
-        {"configuration body length", ConfigAt + 4, 12},
-        {"record number type", 0, 207},
-        {"record number length", 4, 2},
-        {"boolean length", 16, 4},
-        {"failure reason type", 12 + 7 * 9, 204},
-        {"unknown structure code", DeviceAt, 305},
-        {"end of list value", Full.size() - 4, 1},
+        {"requisite body one byte longer", DeviceAt + 4, 4 + 4 + 20 + 1, ""},
+        {"requisite body one byte shorter", DeviceAt + 4, 4 + 4 + 20 - 1, ""},
+        {"requisite body past the end", DeviceAt + 4, 0xffffffffu, ""},
+        {"requisite value length", DeviceAt + 12, 5, ""},
+        {"configuration body length", ConfigAt + 4, 12, ""},
+        {"record number type", 0, 207, ""},
+        {"record number length", 4, 2, ""},
+        {"boolean length", 16, 4, ""},
+        {"failure reason type", 12 + 7 * 9, 204, ""},
+        {"unknown structure code", DeviceAt, 305, ""},
+        {"end of list value", Full.size() - 4, 1, ""},
+        // "e100.rpm" is 8 characters: a string's length counts its NUL
+        {"string length without its NUL", FileAt - 4, 8, "ComponentFileName"},
     };
     for (const Case &C : Cases) {
         Bytes B = Full;
@@ -192,26 +198,11 @@ TEST(ManagerRecords, RefusesLyingLengthsAndUnknownCodes)
         std::string Error;
         EXPECT_EQ(Decode(B, &R, &Error), -1) << C.What;
         EXPECT_FALSE(Error.empty()) << C.What;
+        EXPECT_NE(Error.find(C.Says), std::string::npos) << C.What << ": " << Error;
     }
     Bytes Trailing = Full;
     Trailing.push_back(0);
     EXPECT_EQ(Decode(Trailing, nullptr, nullptr), -1);
-}
-
-TEST(ManagerRecords, StringLengthsMustMatchTheirText)
-{
-    Bytes B = FullRecord();
-    size_t File = Find(B, {'e', '1', '0', '0', '.'});
-    ASSERT_LT(File, B.size());
-    SetU32(&B, File - 4, 8); // "e100.rpm" is 8 characters: its NUL is not counted
-    std::string Error;
-    EXPECT_EQ(Decode(B, nullptr, &Error), -1);
-    EXPECT_NE(Error.find("ComponentFileName"), std::string::npos) << Error;
-
-    Bytes NoNul = B;
-    NoNul.resize(File + 3); // the record stops inside the file name
-    EXPECT_EQ(Decode(NoNul, nullptr, &Error), -1);
-    EXPECT_NE(Error.find("NUL"), std::string::npos) << Error;
 }
 
 TEST(ManagerRecords, PayloadHelpersMatchTheTransportEncoder)

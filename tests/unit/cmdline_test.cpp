@@ -1,8 +1,6 @@
 // The command-line scan: option forms, value options and their refusals, the run flags and the
 // names it stores.
-#include <gtest/gtest.h>
-
-#include "runflags.h"
+#include "package_fixture.h"
 
 namespace {
 
@@ -12,17 +10,14 @@ int Scan(std::vector<std::string> Args, std::string *Output)
     FreeCommandLineState();
     SILENT_INSTALL = HELP_REQUESTED = VERBOSE_MODE = SINGLE_STEP_MODE = OK_TO_RUN = 0;
     INPUT_FILE_FOUND = TQR_INSTALL = VIEW_ONLY = 0;
-    DEBUG_FLAG = 0;
-    FORCE_INSTALL_FLAG = NO_USER_INTERFACE = Parser_Exiting = 0;
+    FORCE_INSTALL_FLAG = NO_USER_INTERFACE = Parser_Exiting = DEBUG_FLAG = 0;
     InputFileName[0] = PackageName[0] = 0;
     Args.insert(Args.begin(), "zelparser");
     std::vector<char *> Argv;
     for (std::string &Arg : Args)
         Argv.push_back(Arg.data());
-    testing::internal::CaptureStdout();
-    int Result = CheckCommandLineParameters(static_cast<int>(Argv.size()), Argv.data());
-    fflush(stdout);
-    *Output = testing::internal::GetCapturedStdout();
+    int Result = 0;
+    *Output = Captured([&] { Result = CheckCommandLineParameters(int(Argv.size()), Argv.data()); });
     return Result;
 }
 

@@ -13,10 +13,9 @@ class OSDetect : public PackageTest {
 protected:
     bool Sandboxed() const override { return true; }
     char Name[OS_NAME_MAX] = {}, Version[OS_NAME_MAX] = {};
-    signed char Detect(const char *ReleaseFile, const std::string &Text)
+    signed char Detect(const std::string &Text)
     {
-        EXPECT_EQ(0, SandboxClearReleaseFiles());
-        EXPECT_EQ(0, SandboxSetFile(ReleaseFile, Text.c_str()));
+        SetRelease(Text);
         Name[0] = Version[0] = '\0';
         return DetectInstalledOS(Name, Version);
     }
@@ -24,35 +23,29 @@ protected:
 
 TEST_F(OSDetect, ReleaseFilesGiveNameVersionAndKey)
 {
-    const char *Cases[][5] = {
-        {"/etc/redhat-release", "Red Hat Linux release 7.3 (Valhalla)\n", "Red Hat Linux", "7.3",
-         "Red_Hat_Linux_7.3"},
+    const char *Cases[][4] = {
+        {RH73, "Red Hat Linux", "7.3", "Red_Hat_Linux_7.3"},
         // Code 1 finds "Server" in field 5 and hands over to code 3.
-        {"/etc/redhat-release", "Red Hat Linux Advanced Server release 2.1AS (Pensacola)\n",
-         "Red Hat Linux Advanced Server", "2.1", "Red_Hat_Linux_Advanced_Server_2.1"},
+        {AS21, "Red Hat Linux Advanced Server", "2.1", "Red_Hat_Linux_Advanced_Server_2.1"},
         // Codes 1 and 3 find nothing; code 6 takes over.
-        {"/etc/redhat-release", "Red Hat Enterprise Linux AS release 3 (Taroon)\n",
-         "Red Hat Enterprise Linux", "3", "Red_Hat_Enterprise_Linux_3"},
-        {"/etc/redhat-release", "Red Hat Enterprise Linux AS release 2.9.5 (Nahant)\n",
-         "Red Hat Enterprise Linux", "3", "Red_Hat_Enterprise_Linux_3"},
-        {"/etc/SuSE-release", "SuSE SLES-8 (i386)\nVERSION = 8.1\n", "SuSE SLES-8", "8.1",
-         "SuSE_SLES-8_8.1"},
-        {"/etc/UnitedLinux-release", "UnitedLinux 1.0 (i586)\nVERSION = 1.0\n", "UnitedLinux",
-         "1.0", "UnitedLinux_1.0"},
-        {"/etc/redhat-release", "Linux\n", "", "", "_"}, // every code fails
+        {EL3, "Red Hat Enterprise Linux", "3", "Red_Hat_Enterprise_Linux_3"},
+        {"Red Hat Enterprise Linux AS release 2.9.5 (Nahant)\n", "Red Hat Enterprise Linux", "3",
+         "Red_Hat_Enterprise_Linux_3"},
+        {SLES8, "SuSE SLES-8", "8.1", "SuSE_SLES-8_8.1"},
+        {UL10, "UnitedLinux", "1.0", "UnitedLinux_1.0"},
+        {"Linux\n", "", "", "_"}, // every code fails
     };
     for (auto &Case : Cases) {
-        SCOPED_TRACE(Case[1]);
-        EXPECT_EQ(TRUE, Detect(Case[0], Case[1]));
-        EXPECT_STREQ(Case[2], Name);
-        EXPECT_STREQ(Case[3], Version);
-        EXPECT_STREQ(Case[4], CurrentlyInstalledOS);
+        SCOPED_TRACE(Case[0]);
+        EXPECT_EQ(TRUE, Detect(Case[0]));
+        EXPECT_STREQ(Case[1], Name);
+        EXPECT_STREQ(Case[2], Version);
+        EXPECT_STREQ(Case[3], CurrentlyInstalledOS);
         EXPECT_FALSE(Exists(RELEASE_OUT_FILE));
     }
     // An overlong name is refused, not cut.
-    std::string Out = Captured([&] {
-        Detect("/etc/redhat-release", std::string(300, 'R') + " Hat Linux release 7.3 (V)\n");
-    });
+    std::string Out = Captured(
+        [&] { Detect(std::string(300, 'R') + " Hat Linux release 7.3 (V)\n"); });
     EXPECT_TRUE(Has(Out, "The installed OS name in release.out is longer than 255")) << Out;
     EXPECT_STREQ("_7.3", CurrentlyInstalledOS);
 }
@@ -69,7 +62,7 @@ TEST_F(OSDetect, FailuresKeepTheKeyAndNothingPlantedAtReleaseOutIsFollowed)
 
     std::ofstream("/tmp/target") << "9.9 Other OS\n";
     ASSERT_EQ(0, symlink("/tmp/target", RELEASE_OUT_FILE));
-    EXPECT_EQ(TRUE, Detect("/etc/redhat-release", "Red Hat Linux release 7.3 (Valhalla)\n"));
+    EXPECT_EQ(TRUE, Detect(RH73));
     EXPECT_STREQ("Red_Hat_Linux_7.3", CurrentlyInstalledOS);
     EXPECT_EQ("9.9 Other OS\n", ReadAll("/tmp/target"));
     EXPECT_FALSE(Exists(RELEASE_OUT_FILE));

@@ -1,7 +1,8 @@
 // package_fixture.h - shared by the unit tests: stdout capture, the readers' "section cannot be
-// found" message, little-endian packet bytes, and a fixture that resets the tree, the component
-// list and the run flags around a scratch directory (inside the sandbox when the test needs /etc
-// and /tmp of its own). Writes the globals it resets.
+// found" message, the release files of the distributions, and a fixture that resets the tree,
+// the component list and the run flags around a scratch directory (inside the sandbox when the
+// test needs /etc and /tmp of its own, where it writes the release file). Writes the globals it
+// resets.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -29,25 +30,19 @@ inline bool Has(const std::string &Text, const std::string &Part)
     return Text.find(Part) != std::string::npos;
 }
 
-inline const std::string CorruptSection = "The XML file is corrupt.  The '";
 // What a reader prints when the section Name is not where it looks.
 inline std::string Missing(const std::string &Name)
 {
-    return CorruptSection + Name + "' section cannot be found.\n";
+    return "The XML file is corrupt.  The '" + Name + "' section cannot be found.\n";
 }
 
 typedef std::vector<unsigned char> Bytes;
-// Appends 32-bit little-endian Values, as the packets carry them.
-inline void PutU32(Bytes *B, std::initializer_list<uint32_t> Values)
-{
-    for (uint32_t V : Values)
-        for (int Shift = 0; Shift < 32; Shift += 8)
-            B->push_back(static_cast<unsigned char>(V >> Shift));
-}
-inline void PutString(Bytes *B, const std::string &S)
-{
-    B->insert(B->end(), S.c_str(), S.c_str() + S.size() + 1);
-}
+
+const char RH73[] = "Red Hat Linux release 7.3 (Valhalla)\n";
+const char AS21[] = "Red Hat Linux Advanced Server release 2.1AS (Pensacola)\n";
+const char EL3[] = "Red Hat Enterprise Linux AS release 3 (Taroon)\n";
+const char UL10[] = "UnitedLinux 1.0 (i586)\nVERSION = 1.0\n";
+const char SLES8[] = "SuSE SLES-8 (i386)\nVERSION = 8.1\n";
 
 class PackageTest : public testing::Test {
 protected:
@@ -75,8 +70,7 @@ protected:
         DeleteTree();
         FreeComponentList();
         SetInstalledOS(nullptr);
-        VERBOSE_MODE = SILENT_INSTALL = 0;
-        DEBUG_FLAG = 0;
+        VERBOSE_MODE = SILENT_INSTALL = DEBUG_FLAG = 0;
     }
     static void SetInstalledOS(const char *Key)
     {
@@ -88,9 +82,13 @@ protected:
         std::ofstream(Dir + "/" + Name, std::ios::binary) << Text;
         return Dir + "/" + Name;
     }
-    // Every file gets its own path, so that the current-file rule reads it afresh.
-    std::string WriteNew(const std::string &Text)
+    // Leaves Text as the only release file, in the file its distribution writes (sandboxed).
+    static void SetRelease(const std::string &Text)
     {
-        return Write("c" + std::to_string(++Serial) + ".xml", Text);
+        const char *File = Has(Text, "SuSE")          ? "/etc/SuSE-release"
+                           : Has(Text, "UnitedLinux") ? "/etc/UnitedLinux-release"
+                                                      : "/etc/redhat-release";
+        EXPECT_EQ(0, SandboxClearReleaseFiles());
+        EXPECT_EQ(0, SandboxSetFile(File, Text.c_str()));
     }
 };

@@ -7,18 +7,9 @@
 
 namespace {
 
-RZP_HEADER_PACKET MakeHeader(uint32_t OpCode, int Sequence, size_t DataLength)
+RZP_HEADER_PACKET MakeHeader(uint32_t OpCode, int Sequence, int DataLength)
 {
-    RZP_HEADER_PACKET H;
-    memset(&H, 0, sizeof H);
-    H.SrcHandle = 101;
-    H.DestHandle = 102;
-    H.LocalSequenceNumber = Sequence;
-    H.RemoteSequenceNumber = -1;
-    H.opCode = OpCode;
-    H.ReturnCode = RZP_NO_RESULT_YET;
-    H.DataLength = static_cast<int>(DataLength);
-    return H;
+    return {101, 102, Sequence, -1, OpCode, RZP_NO_RESULT_YET, DataLength, 0};
 }
 
 class Protocol : public testing::Test {
@@ -36,28 +27,17 @@ protected:
     void TearDown() override { DEBUG_FLAG = 0; }
 };
 
-TEST_F(Protocol, DumpShowsEveryItemTypeAndTheIllegalShortQuirk)
+TEST_F(Protocol, DumpShowsEveryItemTypeStopsAtAnOverlongItemAndExitsOnAnUnknownOne)
 {
-    Bytes P;
-    PutU32(&P, {201, 1});
-    P.push_back(1);
-    PutU32(&P, {201, 1});
-    P.push_back(2);
-    PutU32(&P, {202, 1});
-    P.push_back(0xab);
-    PutU32(&P, {204, 4, 70000, 205, 1});
-    P.push_back('Z');
-    PutU32(&P, {207, 4, static_cast<uint32_t>(-5), 208, 6});
-    PutString(&P, "hello");
-    PutU32(&P, {3, 7});
-    PutString(&P, "/etc/x");
-    PutU32(&P, {301, 20, 208, 2}); // the string's length is declared too short
-    PutString(&P, "longer text");
-    PutU32(&P, {203, 1, 5});
-    PutString(&P, "abcd");
-    PutU32(&P, {206, 999, 0});
-    H = MakeHeader(77, 12, P.size()); // the expected dump gives each item's byte offset
-    EXPECT_EQ(Captured([&] { DumpPacket(&H, P.data(), 1); }),
+    // The 301 record declares its string's length too short.
+    int Length = Tokenize(Out.data(),
+                          "%U%U%B%U%U%B%U%U%B%U%U%U%U%U%C%U%U%L%U%U%S%U%U%S%U%U%U%U%S"
+                          "%U%U%U%S%U%U%U",
+                          201u, 1u, 1, 201u, 1u, 2, 202u, 1u, 0xab, 204u, 4u, 70000u, 205u, 1u, 'Z',
+                          207u, 4u, -5, 208u, 6u, "hello", 3u, 7u, "/etc/x", 301u, 20u, 208u, 2u,
+                          "longer text", 203u, 1u, 5u, "abcd", 206u, 999u, 0u);
+    H = MakeHeader(77, 12, Length); // the expected dump gives each item's byte offset
+    EXPECT_EQ(Captured([&] { DumpPacket(&H, Out.data(), 1); }),
               ReadAll(ZEL_TEST_DATA "/unit/dumps/every-item.txt"));
     H = MakeHeader(2, 3, 0); // the send side, without payload: only the header
     EXPECT_EQ(Captured([&] { DumpPacket(&H, nullptr, 0); }),
@@ -65,26 +45,21 @@ TEST_F(Protocol, DumpShowsEveryItemTypeAndTheIllegalShortQuirk)
               "Parser sending LocalSequenceNumber is 3\nParser sending RemoteSequenceNumber is -1\n"
               "Parser sending opCode is 2\nParser sending Return Code is -106\n"
               "Parser sending Data Length is 0\n\n");
-}
 
-// An item that runs past the data length stops the dump; an unknown item type or a missing
-// buffer ends the process.
-TEST_F(Protocol, DumpStopsAtAnOverlongItemAndExitsOnAnUnknownOneOrNoBuffer)
-{
-    Bytes P; // a string without its NUL, in a buffer of exactly DataLength bytes
-    PutU32(&P, {208, 5});
-    P.insert(P.end(), {'a', 'b', 'c'});
-    H = MakeHeader(2001, 1, P.size());
+    // An item that runs past the data length stops the dump; an unknown item type or a missing
+    // buffer ends the process.
+    Bytes P(11); // a string without its NUL, in a buffer of exactly DataLength bytes
+    Tokenize(P.data(), "%U%U%C%C%C", 208u, 5u, 'a', 'b', 'c');
+    H = MakeHeader(2001, 1, 11);
     EXPECT_TRUE(Has(Captured([&] { DumpPacket(&H, P.data(), 1); }),
                     "BO 8 STRING with Length 5 and Value of \nBO 8 item runs past Data Length 11"));
-    P.clear();
-    PutU32(&P, {77});
+    Tokenize(P.data(), "%U", 77u);
     H = MakeHeader(2001, 1, 4);
     EXPECT_EXIT(DumpPacket(&H, P.data(), 1), testing::ExitedWithCode(255), "");
     EXPECT_EXIT(DumpPacket(&H, nullptr, 1), testing::ExitedWithCode(255), "");
 }
 
-TEST_F(Protocol, QueueServesTheOldestMatchAndCopiesOnlyDataLength)
+TEST_F(Protocol, QueueServesTheOldestMatchCopiesOnlyDataLengthAndDumpsPromptsInDebugMode)
 {
     Bytes Payload = {1, 2, 3};
     RZP_HEADER_PACKET Open = MakeHeader(RZP_PARSER_OPEN_INPUT_FILE, 5, 3);
@@ -110,6 +85,15 @@ TEST_F(Protocol, QueueServesTheOldestMatchAndCopiesOnlyDataLength)
     EXPECT_EQ(H.opCode, RZP_LOG_DATA);
     EXPECT_EQ(Dequeue(&H, Out.data(), 5), RZP_NOTHING_PENDING);
     EXPECT_EQ(DequeueByOpCode(&H, Out.data(), 4001), RZP_OPCODE_NOT_SUPPORTED);
+
+    Bytes Prompt = {0x10, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10}; // shown in debug mode
+    H = MakeHeader(RZP_PROMPT_FOR_NUMBER, 9, 11);
+    ASSERT_EQ(Enqueue(&H, Prompt.data()), 0);
+    DEBUG_FLAG = 1;
+    EXPECT_EQ(
+        Captured([&] { EXPECT_EQ(DequeueByOpCode(&H, Out.data(), RZP_PROMPT_FOR_NUMBER), 0); }),
+        "Parser opCode asked for 2202    Found opCode is 2202\nPARSER BUFFER DUMP...\n"
+        "10  01  02  03  04  05  06  07  08  09  \n0a  \nEnd PARSER BUFFER DUMP\n");
 }
 
 TEST_F(Protocol, QueueBeyondItsBoundDropsOnlyTheOldestAnswerNobodyExpects)
@@ -143,19 +127,6 @@ TEST_F(Protocol, QueueBeyondItsBoundDropsOnlyTheOldestAnswerNobodyExpects)
     EXPECT_EQ(Out[0], 0x5a);
 }
 
-TEST_F(Protocol, PromptNumberPacketsAreShownInDebugMode)
-{
-    Bytes Payload = {0x10, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
-    RZP_HEADER_PACKET Prompt = MakeHeader(RZP_PROMPT_FOR_NUMBER, 9, 11);
-    ASSERT_EQ(Enqueue(&Prompt, Payload.data()), 0);
-    DEBUG_FLAG = 1;
-    EXPECT_EQ(Captured([&] {
-                  EXPECT_EQ(DequeueByOpCode(&H, Out.data(), RZP_PROMPT_FOR_NUMBER), 0);
-              }),
-              "Parser opCode asked for 2202    Found opCode is 2202\nPARSER BUFFER DUMP...\n"
-              "10  01  02  03  04  05  06  07  08  09  \n0a  \nEnd PARSER BUFFER DUMP\n");
-}
-
 // ---- Registration answers ----------------------------------------------------------------------
 
 class Registration : public Protocol {
@@ -178,20 +149,13 @@ protected:
     // DataLength cut by Cut bytes; returns the console output.
     std::string Handle(uint32_t OpCode, const std::string &Name, int ReturnCode, int Cut = 0)
     {
-        Bytes P;
-        PutU32(&P, {204, 4, OpCode, 201, 1});
-        P.push_back(1);
-        PutU32(&P, {201, 1});
-        P.push_back(1);
-        PutU32(&P, {208, static_cast<uint32_t>(Name.size() + 1)});
-        PutString(&P, Name);
-        PutU32(&P, {208, 21});
-        PutString(&P, "/dev/zelparser_write");
-        PutU32(&P, {208, 20});
-        PutString(&P, "/dev/zelparser_read");
-        H = MakeHeader(RZP_REGISTER, 3, P.size() - Cut);
+        int Length = Tokenize(Out.data(), "%U%U%U%U%U%B%U%U%B%U%U%S%U%U%S%U%U%S", 204u, 4u, OpCode,
+                              201u, 1u, 1, 201u, 1u, 1, 208u,
+                              static_cast<unsigned>(Name.size() + 1), Name.c_str(), 208u, 21u,
+                              "/dev/zelparser_write", 208u, 20u, "/dev/zelparser_read");
+        H = MakeHeader(RZP_REGISTER, 3, Length - Cut);
         H.ReturnCode = ReturnCode;
-        return Captured([&] { HandlePostRegistration(&H, P.data()); });
+        return Captured([&] { HandlePostRegistration(&H, Out.data()); });
     }
     std::string Provided() const { return std::string(Flags, Flags + 8); }
 };

@@ -1,5 +1,6 @@
 // The component, bundle and install-record readers: a transcript of reader calls over XML files
-// (tests/data/unit/readers.txt), and the pieces of the record builder that need no manager.
+// (tests/data/unit/readers.txt), and the pieces of the record builder that need no manager; the
+// install record list, its handles in order of acceptance and the lookup of the next-item walk.
 #include <dlfcn.h>
 
 #include <sstream>
@@ -9,41 +10,6 @@
 #include "service.h"
 
 namespace {
-
-const char OS[] = "Red_Hat_Linux_7.3";
-
-// A component file: Platform goes below the installed OS.
-std::string Component(const std::string &Platform)
-{
-    return "<zel_package>\n<version value=\"1.0\"/>\n<platform_specific>\n<LINUX>\n<" +
-           std::string(OS) + ">\n" + Platform + "</" + OS + ">\n</LINUX>\n</platform_specific>\n"
-           "</zel_package>\n";
-}
-
-// <Outer>, the Inner elements, </Outer>.
-std::string List(const std::string &Outer, const std::vector<std::string> &Inner)
-{
-    std::string Text = "<" + Outer + ">\n";
-    for (const std::string &Element : Inner)
-        Text += Element;
-    return Text + "</" + Outer + ">\n";
-}
-
-// A device list of one supported_device per entry, each of (name, text) data pairs.
-typedef std::vector<std::vector<std::pair<const char *, const char *>>> DeviceList;
-std::string Devices(const DeviceList &Entries)
-{
-    std::string Text;
-    for (const auto &Entry : Entries) {
-        Text += "<supported_devices_and>\n<supported_device>\n";
-        for (const auto &D : Entry)
-            Text += std::string("<supported_device_data name=\"") + D.first + "\">" + D.second +
-                    "</supported_device_data>\n";
-        Text += "</supported_device>\n</supported_devices_and>\n";
-    }
-    return "<zel_package>\n<prerequisites>\n<supported_devices>\n" + Text +
-           "</supported_devices>\n</prerequisites>\n</zel_package>\n";
-}
 
 class Records : public PackageTest {
 protected:
@@ -56,7 +22,7 @@ protected:
             ASSERT_EQ(0, BindTransportLibrary());
         }
         PackageTest::SetUp();
-        SetInstalledOS(OS);
+        SetInstalledOS("Red_Hat_Linux_7.3");
         unsetenv("RZPELMCONFIGURED");
     }
     void TearDown() override
@@ -129,13 +95,12 @@ std::string Records::Read(const std::string &Path, const std::string &Call, int 
         } else if (Call == "command") {
             Result = GetInstallCommand(File, &Info);
             Values = Text(Info.InstallCommand);
-        }
-        if (Call == "version")
-            Result = GetBundleVersion(File, Value, Entry);
-        if (Call.compare(0, 5, "name:") == 0)
-            Result = GetBundleName(File, Call.c_str() + 5, Entry ? Value : nullptr, Entry);
-        if (Call == "version" || Call.compare(0, 5, "name:") == 0)
+        } else if (Call == "version" || Call.compare(0, 5, "name:") == 0) {
+            Result = Call == "version"
+                         ? GetBundleVersion(File, Value, Entry)
+                         : GetBundleName(File, Call.c_str() + 5, Entry ? Value : nullptr, Entry);
             Values = Result == 0 ? Value : "";
+        }
         for (const auto &Flag : Flags)
             if (Call == Flag.first)
                 Result = Flag.second(File);
@@ -180,11 +145,15 @@ TEST_F(Records, ReadersFollowTheTranscript)
 // subtype buffer is refused.
 TEST_F(Records, OverlongRequisiteTextsRefuseTheEntryInsteadOfCuttingIt)
 {
-    std::string Long(1024, 'v');
-    std::string Path = Write("c.xml", Component(List("prerequisites", {
-        "<prerequisite_data SubType=\"123456789\" value=\"" + Long.substr(1) + "\"/>\n",
-        "<prerequisite_data SubType=\"1234567890\" value=\"x\"/>\n",
-        "<prerequisite_data SubType=\"3\" value=\"" + Long + "\"/>\n"})));
+    std::string Long(1024, 'v'), Item = "<prerequisite_data SubType=\"";
+    std::string Path = Write("c.xml", "<zel_package>\n<platform_specific>\n<LINUX>\n"
+                                      "<Red_Hat_Linux_7.3>\n<prerequisites>\n" +
+                                          Item + "123456789\" value=\"" + Long.substr(1) +
+                                          "\"/>\n" + Item + "1234567890\" value=\"x\"/>\n" + Item +
+                                          "3\" value=\"" + Long +
+                                          "\"/>\n</prerequisites>\n"
+                                          "</Red_Hat_Linux_7.3>\n</LINUX>\n</platform_specific>\n"
+                                          "</zel_package>\n");
     const std::string Reads[] = {
         "0|123456789|" + Long.substr(1) + "|",
         "-504|||The 'SubType' attribute of prerequisite_data entry 1 is longer than 9 "
@@ -205,25 +174,26 @@ TEST(RecordHelpers, SubtypeTextConvertsByLeadingDecimalDigits)
         EXPECT_EQ(Case.second, DecimalValue(Case.first)) << (Case.first ? Case.first : "NULL");
 }
 
-// Sub-records have the requisite layout (code 301, length, 8, text length, text); the list ends
-// at an unknown name; devices beyond the buffer are left out with a message.
+// Sub-records have the requisite layout (code 301, length, 8, text length, text) for the
+// devices the transcript reads; devices beyond the buffer are left out with a message.
 TEST_F(Records, DeviceSubRecordsHaveTheRequisiteLayoutAndStayInTheBuffer)
 {
-    std::string Path = Write("c.xml", Devices({{{"ven", "8086"}, {"dev", "100E"}},
-                                               {{"subdev", "0002"}}, {{"class", "1"}},
-                                               {{"ven", "8086"}}}));
-    Bytes Expected, Buffer(RZP_MAX_PAYLOAD + 64, 0xEE);
-    for (const char *Id : {"8086.100E.0000.0000", "0000.0000.0000.0002"}) {
-        uint32_t Length = static_cast<uint32_t>(strlen(Id) + 1);
-        PutU32(&Expected, {301, 8 + Length, 8, Length});
-        PutString(&Expected, Id);
-    }
-    int Length = -1;
-    EXPECT_EQ(2, RetrievePCIDevicesFromXML(Path.c_str(), Buffer.data(), &Length));
+    Bytes Expected(RZP_MAX_PAYLOAD), Buffer(RZP_MAX_PAYLOAD + 64, 0xEE);
+    int Length = 0;
+    for (const char *Id : {"ABCD.0001.0000.0000", "0000.0000.0000.0000", "2222.0000.0000.00AB"})
+        Length += Tokenize(Expected.data() + Length, "%U%U%U%U%S", 301u, 28u, 8u, 20u, Id);
+    Expected.resize(Length);
+    EXPECT_EQ(3, RetrievePCIDevicesFromXML(ZEL_TEST_DATA "/unit/readers/devices.xml", Buffer.data(),
+                                           &Length));
     ASSERT_EQ(static_cast<int>(Expected.size()), Length);
     EXPECT_TRUE(std::equal(Expected.begin(), Expected.end(), Buffer.begin()));
 
-    Path = Write("d.xml", Devices(DeviceList(500, {{"ven", "ABCD"}})));
+    std::string Many = "<zel_package>\n<prerequisites>\n<supported_devices>\n";
+    for (int Index = 0; Index < 500; Index++)
+        Many += "<supported_devices_and>\n<supported_device>\n<supported_device_data name=\"ven\">"
+                "ABCD</supported_device_data>\n</supported_device>\n</supported_devices_and>\n";
+    std::string Path = Write("d.xml",
+                             Many + "</supported_devices>\n</prerequisites>\n</zel_package>\n");
     int Count = 0;
     std::string Out =
         Captured([&] { Count = RetrievePCIDevicesFromXML(Path.c_str(), Buffer.data(), &Length); });
@@ -269,6 +239,28 @@ TEST_F(Records, RecordLongerThanItsBufferRefusesTheComponent)
     EXPECT_TRUE(Has(Out, "driver.rpm would be longer than 16384 bytes")) << Out;
     EXPECT_EQ(Before, InstallPacketList);
     EXPECT_EQ(Number, InstallPacketNumber);
+}
+
+TEST(RecordList, LookupFindsEveryHandleInAnyOrderAndNothingAfterRelease)
+{
+    const unsigned char Record[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    int32_t First = InstallPacketNumber;
+    for (int i = 0; i < 4; i++)
+        ASSERT_EQ(0, AppendInstallRecord("c.rpm", Record, sizeof Record));
+    for (int32_t Handle : {First, First + 1, First + 2, First + 3, First + 3, First + 1, First}) {
+        PINSTALL_PACKET_LIST Node = FindInstallRecord(Handle);
+        ASSERT_NE(nullptr, Node) << Handle;
+        EXPECT_EQ(Handle, Node->InstallPacketHandle);
+        EXPECT_EQ(0, memcmp(Record, Node->InstallPacketSendBuffer, sizeof Record));
+    }
+    EXPECT_EQ(nullptr, FindInstallRecord(First + 3)->NextPacket);
+    EXPECT_EQ(nullptr, FindInstallRecord(First + 4));
+    EXPECT_EQ(nullptr, FindInstallRecord(First - 1));
+    FreeInstallPacketList();
+    EXPECT_EQ(nullptr, FindInstallRecord(First + 2));
+    ASSERT_EQ(0, AppendInstallRecord("d.rpm", Record, sizeof Record));
+    EXPECT_EQ(InstallPacketList, FindInstallRecord(First + 4));
+    FreeInstallPacketList();
 }
 
 } // namespace

@@ -94,12 +94,14 @@ protected:
     }
 };
 
-// The support query repeats while not supported, then the request goes out; a refused name
-// leaves the caller's buffer alone.
-TEST_F(Requests, LogFileNameIsAskedOnceSupportedAndARefusalLeavesTheBufferAlone)
+// The support query repeats while not supported, then the request goes out; a refused log
+// file name leaves the caller's buffer alone; log data, the errata question and a refused
+// prompt return the manager's code as it gave it, the prompt without decoding an answer; at
+// the limit the support query gives up and ends the service, without sending the request.
+TEST_F(Requests, RequestsGoOutOnceSupportedReturnTheManagersCodeAndGiveUpAtTheLimit)
 {
     const int Not = RZP_OPCODE_NOT_SUPPORTED, Yes = RZP_OPCODE_SUPPORTED;
-    Start({Not, Not, Yes, 0, Yes, -1});
+    Start({Not, Not, Yes, 0, Yes, -1, 5, Yes, -509, Not, Yes, -5, Not, Not, Not, Not, Not, Not});
     char Name[64] = "untouched";
     uint32_t Length = 0;
     EXPECT_EQ(SendGetLogFileNamePacket(Name, sizeof Name, &Length), 0);
@@ -110,29 +112,14 @@ TEST_F(Requests, LogFileNameIsAskedOnceSupportedAndARefusalLeavesTheBufferAlone)
     EXPECT_EQ(SendGetLogFileNamePacket(Name, sizeof Name, &Length), -1);
     EXPECT_STREQ(Name, "untouched");
     EXPECT_EQ(Length, 7u);
-    EXPECT_EQ(Sent(), "6 6 6 2401 6 2401 ");
-}
-
-TEST_F(Requests, SupportQueryGivesUpAfterTheLimitAndEndsTheService)
-{
-    SupportQueryLimit = 5;
-    Start(std::deque<int>(10, RZP_OPCODE_NOT_SUPPORTED));
-    unsigned char Record[4] = {1, 2, 3, 4};
-    EXPECT_EQ(SendIsComponentSupportedByThisErrataPacket(Record, 4), RZP_OPCODE_NOT_SUPPORTED);
-    EXPECT_EQ(Parser_Exiting.load(), 1);
-    EXPECT_EQ(Sent(), "6 6 6 6 6 "); // no question after giving up
-}
-
-// Log data, the errata question and a refused prompt return the manager's code as it gave it,
-// the prompt without decoding an answer.
-TEST_F(Requests, AnswersAreReturnedAsTheManagerGaveThem)
-{
-    Start({5, RZP_OPCODE_SUPPORTED, -509, RZP_OPCODE_NOT_SUPPORTED, RZP_OPCODE_SUPPORTED, -5});
     unsigned char Payload[32], Record[4] = {1, 2, 3, 4};
     EXPECT_EQ(SendLogDataPacket(Payload, Tokenize(Payload, "%U%U%S", 208u, 3u, "hi")), 5);
     EXPECT_EQ(SendIsComponentSupportedByThisErrataPacket(Record, 4), -509);
     EXPECT_EQ(SendPromptForCharacterPacket(), -5);
-    EXPECT_EQ(Sent(), "2002 6 6007 6 6 2204 ");
+    SupportQueryLimit = 5;
+    EXPECT_EQ(SendIsComponentSupportedByThisErrataPacket(Record, 4), Not);
+    EXPECT_EQ(Parser_Exiting.load(), 1);
+    EXPECT_EQ(Sent(), "6 6 6 2401 6 2401 2002 6 6007 6 6 2204 6 6 6 6 6 ");
 }
 
 TEST_F(Requests, AWaitEndsPromptlyWhenTheServiceIsEnding)
