@@ -4,6 +4,8 @@
 
 #include <set>
 #include <sstream>
+#include <string>
+#include <vector>
 
 #include "package_fixture.h"
 
@@ -85,45 +87,47 @@ protected:
     }
 };
 
+// For each installed distribution: bundles it accepts (entries split by '|'), with the message
+// naming the rule that did, and bundles it rejects.
 TEST_F(Matching, EachRuleAcceptsAndRejects)
 {
     struct {
-        const char *Release;
-        std::string Systems;
-        signed char Expected;
-        const char *Verbose;
-    } Cases[] = {
-        {AS21, "Red Hat Linux Advanced Server 2.1", TRUE, "Advanced Server was found\n"},
-        {AS21, "Red Hat Linux Advanced Server 2.2|Red Hat Linux Advanced Server 2.1", TRUE, ""},
-        {AS21, "Red Hat Linux Advanced Server 2.2", FALSE, ""},
-        {EL3, "Red Hat Enterprise Linux 3", TRUE, "Red Hat Enterprise Linux was found\n"},
-        {EL3, "Red Hat Enterprise Linux 4", FALSE, ""},
-        {RH73, "Red Hat Linux 7.3", TRUE, "Red Hat Linux Professional was found\n"},
-        {RH73, "Red Hat Linux 7.31", TRUE, ""},
-        {RH73, "Red Hat Linux 8.0|UnitedLinux 7.3", FALSE, ""},
-        {UL10, "UnitedLinux 1.0", TRUE, "UnitedLinux was found.\n"},
-        {UL10, "UnitedLinux 2.0", FALSE, ""},
-        {SLES8, "SUSE Linux Enterprise Server 9", TRUE, "(SLES) was found.\n"},
-        {SLES8, "SuSE SLES 8.1", FALSE, ""},
+        const char *Release, *Found;
+        std::vector<std::string> Accepted, Rejected;
+    } Rules[] = {
+        // An entry naming Advanced Server must hold its version; the entries after it are read.
+        {AS21, "Advanced Server was found\n",
+         {"Red Hat Linux Advanced Server 2.1",
+          "Red Hat Linux Advanced Server 2.2|Red Hat Linux Advanced Server 2.1"},
+         {"Red Hat Linux Advanced Server 2.2"}},
+        {EL3, "Red Hat Enterprise Linux was found\n", {"Red Hat Enterprise Linux 3"},
+         {"Red Hat Enterprise Linux 4"}},
+        {RH73, "Red Hat Linux Professional was found\n", {"Red Hat Linux 7.3", "Red Hat Linux 7.31"},
+         {"Red Hat Linux 8.0|UnitedLinux 7.3"}},
+        {UL10, "UnitedLinux was found.\n", {"UnitedLinux 1.0"}, {"UnitedLinux 2.0"}},
+        {SLES8, "(SLES) was found.\n", {"SUSE Linux Enterprise Server 9"}, {"SuSE SLES 8.1"}},
         // Every code fails: the empty name and version are contained in every entry, so the
         // first Red Hat entry matches (a planted /tmp/release.out fails the detection instead).
-        {"Linux\n", "Red Hat Linux 7.3|Red Hat Enterprise Linux 3", TRUE,
-         "Red Hat Linux Professional was found\n"},
-        // An entry without text ends the search, silently, before a matching one.
-        {RH73, "|Red Hat Linux 7.3", FALSE, nullptr},
+        {"Linux\n", "Red Hat Linux Professional was found\n",
+         {"Red Hat Linux 7.3|Red Hat Enterprise Linux 3"}, {}},
     };
     VERBOSE_MODE = 1;
-    for (const auto &Case : Cases) {
-        SCOPED_TRACE(Case.Systems);
-        std::string Out;
-        EXPECT_EQ(Case.Expected, Supported(Case.Release, Case.Systems, &Out));
-        if (Case.Verbose == nullptr) {
-            EXPECT_FALSE(Has(Out, "not supported"));
-            continue;
-        }
-        EXPECT_TRUE(Has(Out, Case.Verbose)) << Out;
-        EXPECT_EQ(Case.Expected == FALSE, Has(Out, "is not supported on this version of Linux.\n"));
+    std::string Out;
+    auto Expect = [&](const char *Release, const std::string &Names, bool Accepted, const char *Says) {
+        SCOPED_TRACE(Names);
+        EXPECT_EQ(Accepted ? TRUE : FALSE, Supported(Release, Names, &Out));
+        EXPECT_TRUE(Has(Out, Says)) << Out;
+        EXPECT_EQ(!Accepted, Has(Out, "is not supported on this version of Linux.\n"));
+    };
+    for (const auto &Rule : Rules) {
+        for (const std::string &Names : Rule.Accepted)
+            Expect(Rule.Release, Names, true, Rule.Found);
+        for (const std::string &Names : Rule.Rejected)
+            Expect(Rule.Release, Names, false, "");
     }
+    // An entry without text ends the search, silently, before a matching one.
+    EXPECT_EQ(FALSE, Supported(RH73, "|Red Hat Linux 7.3", &Out));
+    EXPECT_FALSE(Has(Out, "not supported")) << Out;
 }
 
 // A silent install says nothing; a bundle without systems, or one that fails to parse (read
