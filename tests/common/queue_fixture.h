@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <string>
 
-#include "protocol.h"
 #include "service.h"
 
 // Binds the transport library and opens ParserQueue's read and write connections below a new

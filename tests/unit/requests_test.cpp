@@ -8,6 +8,7 @@
 
 #include "../common/queue_fixture.h"
 #include "operations.h"
+#include "protocol.h"
 #include "package_fixture.h"
 
 namespace {
