@@ -4,31 +4,25 @@
 #include <benchmark/benchmark.h>
 
 #include <fcntl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
 #include <vector>
 
+#include "process.h"
+
 static int RunManager(std::vector<std::string> Words)
 {
-    Words.insert(Words.begin(), ZEL_MANAGER_PATH);
-    Words.push_back(ZEL_EXAMPLES "/server-bundle");
-    std::vector<char *> Argv;
-    for (std::string &W : Words)
-        Argv.push_back(&W[0]);
-    Argv.push_back(nullptr);
-    pid_t Pid = fork();
-    if (Pid == 0) {
-        int Null = open("/dev/null", O_WRONLY);
-        dup2(Null, 1);
-        dup2(Null, 2);
-        execv(Argv[0], Argv.data());
-        _exit(127);
-    }
-    int Status = 0;
-    waitpid(Pid, &Status, 0);
-    return WIFEXITED(Status) ? WEXITSTATUS(Status) : -1;
+    ZpChild Child;
+    Child.Argv = {ZEL_MANAGER_PATH};
+    Child.Argv.insert(Child.Argv.end(), Words.begin(), Words.end());
+    Child.Argv.push_back(ZEL_EXAMPLES "/server-bundle");
+    int Null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    Child.Stdout = Child.Stderr = Null;
+    pid_t Pid = ZpSpawn(Child);
+    close(Null);
+    int Status = Pid < 0 ? -1 : ZpWaitStatus(Pid);
+    return Status < 0 ? -1 : Status;
 }
 
 static void RunAndCheck(benchmark::State &State, const std::vector<std::string> &Args)

@@ -15,6 +15,7 @@
 #include <nlohmann/json.hpp>
 
 #include "../common/helpers.h"
+#include "distros.h"
 
 using Json = nlohmann::json;
 
@@ -205,6 +206,10 @@ TEST(Cli, MatrixOfTheExampleBundleExplainsEachDistribution)
         EXPECT_EQ(2u, By[Name]["bundleFiles"].size());
     }
     EXPECT_EQ("UnitedLinux_1.0_SP3", By["ul10-sp3"]["distribution"]["key"]);
+    // lint reads each row's release files itself: it must come to the key the sub-service detects.
+    for (size_t i = 0; i < CliDistroCount; i++)
+        EXPECT_EQ(By[CliDistros[i].Name]["distribution"]["key"], CliDetect(CliDistros[i]).Key)
+            << CliDistros[i].Name;
     R = RunCli({"matrix", ZEL_EXAMPLES "/server-bundle"});
     EXPECT_EQ(1, R.Status);
     EXPECT_NE(std::string::npos, R.Out.find("raidutil-1.7-2.i386.rpm      recorded with findings"))

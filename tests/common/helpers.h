@@ -3,10 +3,7 @@
 // working directory; the files it leaves; a scratch bundle directory. Writes no globals.
 #pragma once
 
-#include <grp.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +11,8 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "process.h"
 
 struct RunResult {
     int Status = -1; // the exit status, or minus the signal that ended the program
@@ -36,31 +35,20 @@ inline std::string ReadWhole(FILE *File)
 inline RunResult RunProgram(const std::string &Program, const std::vector<std::string> &Args,
                             int User = -1, const std::string &Directory = "")
 {
-    std::vector<std::string> Words = {Program};
-    Words.insert(Words.end(), Args.begin(), Args.end());
-    std::vector<char *> Argv;
-    for (std::string &W : Words)
-        Argv.push_back(&W[0]);
-    Argv.push_back(nullptr);
     FILE *Out = tmpfile(), *Err = tmpfile();
     RunResult R;
     if (Out == nullptr || Err == nullptr)
         return R;
+    ZpChild Child;
+    Child.Argv = {Program};
+    Child.Argv.insert(Child.Argv.end(), Args.begin(), Args.end());
+    Child.Stdout = fileno(Out);
+    Child.Stderr = fileno(Err);
+    Child.Directory = Directory;
+    Child.User = User;
     fflush(nullptr);
-    pid_t Pid = fork();
-    if (Pid == 0) {
-        dup2(fileno(Out), 1);
-        dup2(fileno(Err), 2);
-        if (!Directory.empty() && chdir(Directory.c_str()) != 0)
-            _exit(119);
-        if (User >= 0 && (setgroups(0, nullptr) != 0 || setgid(User) != 0 || setuid(User) != 0))
-            _exit(120);
-        execv(Argv[0], Argv.data());
-        _exit(121);
-    }
-    int Status = 0;
-    waitpid(Pid, &Status, 0);
-    R.Status = WIFEXITED(Status) ? WEXITSTATUS(Status) : -WTERMSIG(Status);
+    pid_t Pid = ZpSpawn(Child);
+    R.Status = Pid < 0 ? -1 : ZpWaitStatus(Pid);
     R.Out = ReadWhole(Out);
     R.Err = ReadWhole(Err);
     return R;

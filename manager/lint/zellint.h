@@ -50,13 +50,13 @@ int LintBundleDirectory(const std::string &Directory, LintReport *R);
 // that need no bundle around them.
 void LintXmlFile(const std::string &Path, LintReport *R);
 
-// Differential reading of one file (lint_diff.cpp). Parses Path with ParseFile, so that the
+// Differential reading of one file (differential.cpp). Parses Path with ParseFile, so that the
 // sub-service's tree holds it afterwards (CurrentXMLFileParsed == Path) when it could be read;
 // Shown is the name used in findings. Returns 0 when the tree holds the file, -1 when the
 // tokenizer could not read it.
 int LintDifferential(const std::string &Path, const std::string &Shown, LintReport *R);
 
-// Value checks over the current tree (lint_checks.cpp). Languages: the bundle's name
+// Value checks over the current tree (checks.cpp). Languages: the bundle's name
 // languages, empty when the file is linted alone.
 void LintComponentValues(const std::string &Shown, const std::set<std::string> &Languages,
                          LintReport *R);

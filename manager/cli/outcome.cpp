@@ -1,4 +1,4 @@
-// cli_outcome.cpp - what one run of the zelrzp-manager program comes to: the parts a failed
+// outcome.cpp - what one run of the zelrzp-manager program comes to: the parts a failed
 // run lacks, the key of the distribution's platform sections and the manager's own finding
 // about components without one, the bundle chosen and the install records, then why there is
 // no plan, the outcome and the exit status. Writes only the run record it is given.

@@ -155,6 +155,8 @@ struct ZmReader {
     std::string Error;
 };
 ZmReader ZmReaderOf(const std::vector<unsigned char> &Payload);
+// Stores What (with the byte offset) as the reader's error unless it has one; false.
+bool ZmReaderFail(ZmReader *R, const std::string &What);
 bool ZmReadU32(ZmReader *R, uint32_t *Value);
 bool ZmReadByte(ZmReader *R, unsigned char *Value);
 bool ZmReadText(ZmReader *R, std::string *Text); // up to a NUL that lies inside the buffer

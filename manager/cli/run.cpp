@@ -1,4 +1,4 @@
-// cli_run.cpp - one run of the sub-service for the zelrzp-manager program: the sub-service's
+// run.cpp - one run of the sub-service for the zelrzp-manager program: the sub-service's
 // path, the bundle directory entered, the sandbox with the release files of the distribution
 // simulated, the conversation (open, parse, every item) and the analysis of its messages.
 // Writes the process's working directory, its SP3 environment variable and, through the

@@ -1,9 +1,6 @@
-// cli.cpp - the zelrzp-manager program's entry: the table of known distributions, the usage
-// text, the command line (getopt_long) read into one CliOptions record, and the choice between
-// the lint command, the support matrix and one run printed as a table or as JSON.
-// Writes getopt's optind and opterr, and CliColour once before anything is printed.
+// options.cpp - the zelrzp-manager program's command line: the usage text and the options
+// (getopt_long) read into one CliOptions record. Writes getopt's optind and opterr.
 #include <getopt.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -12,37 +9,10 @@
 #include <string>
 
 #include "zelcli.h"
-#include "zellint.h"
 
 #ifndef ZEL_VERSION
 #define ZEL_VERSION "0"
 #endif
-
-bool CliColour = false;
-
-// Release files of the distributions whose detection and bundle matching differ.
-const CliDistro CliDistros[] = {
-    {"rh73", "Red Hat Linux 7.3",
-     {{"/etc/redhat-release", "Red Hat Linux release 7.3 (Valhalla)\n"}, {}}, false},
-    {"rhas21", "Red Hat Linux Advanced Server 2.1",
-     {{"/etc/redhat-release", "Red Hat Linux Advanced Server release 2.1AS (Pensacola)\n"}, {}},
-     false},
-    {"rhel3", "Red Hat Enterprise Linux AS 3",
-     {{"/etc/redhat-release", "Red Hat Enterprise Linux AS release 3 (Taroon)\n"}, {}}, false},
-    {"sles7", "SuSE SLES 7",
-     {{"/etc/SuSE-release", "SuSE SLES-7 (i386)\nVERSION = 7\n"}, {}}, false},
-    {"sles8", "SuSE SLES 8 (SuSE release file only)",
-     {{"/etc/SuSE-release", "SuSE SLES-8 (i386)\nVERSION = 8.1\n"}, {}}, false},
-    {"sles8-ul", "SuSE SLES 8 with its UnitedLinux release file (detected as UnitedLinux 1.0)",
-     {{"/etc/SuSE-release", "SuSE SLES-8 (i386)\nVERSION = 8.1\n"},
-      {"/etc/UnitedLinux-release", "UnitedLinux 1.0 (i586)\nVERSION = 1.0\n"}},
-     false},
-    {"ul10", "UnitedLinux 1.0",
-     {{"/etc/UnitedLinux-release", "UnitedLinux 1.0 (i586)\nVERSION = 1.0\n"}, {}}, false},
-    {"ul10-sp3", "UnitedLinux 1.0 service pack 3 (SP3=YES)",
-     {{"/etc/UnitedLinux-release", "UnitedLinux 1.0 (i586)\nVERSION = 1.0\n"}, {}}, true},
-};
-const size_t CliDistroCount = sizeof CliDistros / sizeof CliDistros[0];
 
 static const char *const ReleaseFiles[] = {"/etc/redhat-release", "/etc/SuSE-release",
                                            "/etc/UnitedLinux-release"};
@@ -50,7 +20,8 @@ static const char *const ReleaseFiles[] = {"/etc/redhat-release", "/etc/SuSE-rel
 static const char Usage[] =
     "usage: zelrzp-manager [options] [--] BUNDLE_DIR\n"
     "       zelrzp-manager matrix [options] [--] BUNDLE_DIR    (the same as --all-distros)\n"
-    "       zelrzp-manager lint [--json] [--strict] BUNDLE_DIR  (what will be misread; lint --help)\n"
+    "       zelrzp-manager lint [--json] [--strict] BUNDLE_DIR  (what will be misread; lint "
+    "--help)\n"
     "Runs the parser sub-service on BUNDLE_DIR and prints the install plan it produces, with\n"
     "every message it printed or sent, tied to the file or component it concerns.\n"
     "\n"
@@ -58,11 +29,13 @@ static const char Usage[] =
     "                           where the kernel allows user namespaces); --list-distros\n"
     "  --release=TEXT           simulate a distribution whose release file holds TEXT\n"
     "  --release-file=PATH      the release file for the following --release\n"
-    "                           (/etc/redhat-release, /etc/SuSE-release, /etc/UnitedLinux-release)\n"
+    "                           (/etc/redhat-release, /etc/SuSE-release, "
+    "/etc/UnitedLinux-release)\n"
     "  --all-distros            run on every known distribution at once and print a support\n"
     "                           matrix: the bundle chosen (or why none) and each component\n"
     "  --json                   print JSON instead of a table\n"
-    "  --parser=PATH            the sub-service executable (default: zelparser beside this program)\n"
+    "  --parser=PATH            the sub-service executable (default: zelparser beside this "
+    "program)\n"
     "  --NUI                    run the sub-service without user interface (coloured messages)\n"
     "  --VIEW=PKG               only the components whose file name contains PKG\n"
     "  -C PKG                   install the named package only (repeatable)\n"
@@ -102,8 +75,8 @@ static std::string DistroList(void)
     std::string List;
     for (size_t i = 0; i < CliDistroCount; i++) {
         const CliDistro &D = CliDistros[i];
-        List += std::string("  ") + D.Name + std::string(10 - strlen(D.Name), ' ') +
-                D.Description + "\n";
+        List += std::string("  ") + D.Name + std::string(10 - strlen(D.Name), ' ') + D.Description +
+                "\n";
     }
     return List;
 }
@@ -128,8 +101,20 @@ static bool ParseSeconds(const char *Text, int *Seconds)
 }
 
 enum {
-    OPT_DISTRO = 1000, OPT_RELEASE, OPT_RELEASE_FILE, OPT_PARSER, OPT_JSON, OPT_NUI, OPT_VIEW,
-    OPT_ERRATA, OPT_DEBUG, OPT_VERBOSE, OPT_TIMEOUT, OPT_VERSION, OPT_ALL, OPT_LIST
+    OPT_DISTRO = 1000,
+    OPT_RELEASE,
+    OPT_RELEASE_FILE,
+    OPT_PARSER,
+    OPT_JSON,
+    OPT_NUI,
+    OPT_VIEW,
+    OPT_ERRATA,
+    OPT_DEBUG,
+    OPT_VERBOSE,
+    OPT_TIMEOUT,
+    OPT_VERSION,
+    OPT_ALL,
+    OPT_LIST
 };
 
 static const struct option LongOptions[] = {
@@ -246,14 +231,14 @@ static int CheckOperands(int Argc, char **Argv, CliOptions *O)
         return UsageError("no bundle directory given");
     O->BundleDir = Argv[optind];
     if (O->AllDistros && (O->Distro != nullptr || !O->Releases.empty()))
-        return UsageError("--all-distros runs every distribution; leave out --distro and --release");
+        return UsageError(
+            "--all-distros runs every distribution; leave out --distro and --release");
     if (O->Distro != nullptr && !O->Releases.empty())
         return UsageError("give either --distro or --release, not both");
     return 1;
 }
 
-// 1 to run, 0 to end with success, -1 on a usage error.
-static int ParseArguments(int Argc, char **Argv, CliOptions *O)
+int CliParseArguments(int Argc, char **Argv, CliOptions *O)
 {
     std::string File = ReleaseFiles[0];
     opterr = 0;
@@ -269,34 +254,4 @@ static int ParseArguments(int Argc, char **Argv, CliOptions *O)
             return Taken;
     }
     return CheckOperands(Argc, Argv, O);
-}
-
-int main(int Argc, char **Argv)
-{
-    if (Argc > 1 && strcmp(Argv[1], "lint") == 0)
-        return LintMain(Argc - 1, Argv + 1);
-    CliOptions O;
-    if (Argc > 1 && strcmp(Argv[1], "matrix") == 0) { // the command word goes, as if absent
-        Argv[1] = Argv[0];
-        Argc--;
-        Argv++;
-        O.AllDistros = true;
-    }
-    int Parsed = ParseArguments(Argc, Argv, &O);
-    if (Parsed <= 0)
-        return Parsed == 0 ? CLI_CLEAN : CLI_USAGE;
-    CliColour = !O.Json && isatty(1);
-    if (O.AllDistros)
-        return CliMatrix(O);
-    // The sandbox must be entered while this process has a single thread: CliRunOne does it
-    // before the session starts its threads.
-    Json R = CliRunOne(O, O.Distro, true);
-    if (!R["failure"].is_null())
-        fprintf(stderr, "zelrzp-manager: %s\n", CliStr(R["failure"]["what"]).c_str());
-    fflush(stderr);
-    if (O.Json)
-        CliPrintJson(R);
-    else
-        CliPrintTable(R);
-    return R["exitStatus"].get<int>();
 }

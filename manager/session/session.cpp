@@ -1,4 +1,4 @@
-// manager.cpp - one session of the reference manager: starts the sub-service, answers its
+// session.cpp - one session of the reference manager: starts the sub-service, answers its
 // registrations and requests, sends the caller's requests, records every packet both ways and
 // its console output, and ends it. Writes only the ZmSession it is given.
 //
@@ -26,6 +26,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "process.h"
 #include "zelrzpmanager.h"
 #include "zelrzptransport.h"
 
@@ -530,43 +531,32 @@ void ZmSyncConsole(ZmSession *S)
 
 // ---- Starting and ending -----------------------------------------------------------------------
 
-// In the child only async-signal-safe calls: the argument vector is built before fork.
+// The sub-service with "-MG" and the caller's arguments, in the bundle directory; its
+// standard input /dev/null, its standard output and error the console pipe.
 static int StartProcess(ZmSession *S, std::string *Error)
 {
-    std::vector<std::string> Words = {S->Config.ParserPath};
+    ZpChild Child;
+    Child.Argv = {S->Config.ParserPath};
     if (S->Config.PassMG)
-        Words.push_back("-MG");
-    Words.insert(Words.end(), S->Config.Args.begin(), S->Config.Args.end());
-    std::vector<char *> Argv;
-    for (std::string &W : Words)
-        Argv.push_back(&W[0]);
-    Argv.push_back(nullptr);
+        Child.Argv.push_back("-MG");
+    Child.Argv.insert(Child.Argv.end(), S->Config.Args.begin(), S->Config.Args.end());
     int Pipe[2];
     if (pipe2(Pipe, O_CLOEXEC) != 0)
         return Fail(Error, std::string("cannot make the console pipe: ") + strerror(errno));
-    static const char ChdirFailed[] = "zelrzp-manager: cannot enter the bundle directory\n";
-    static const char ExecFailed[] = "zelrzp-manager: cannot start the sub-service\n";
-    pid_t Pid = fork();
-    if (Pid == 0) {
-        int Null = open("/dev/null", O_RDONLY);
-        if (Null >= 0)
-            dup2(Null, 0);
-        dup2(Pipe[1], 1);
-        dup2(Pipe[1], 2);
-        if (chdir(S->Config.BundleDir.c_str()) != 0) {
-            ssize_t W = write(2, ChdirFailed, sizeof ChdirFailed - 1);
-            (void)W;
-            _exit(127);
-        }
-        execv(Argv[0], Argv.data());
-        ssize_t W = write(2, ExecFailed, sizeof ExecFailed - 1);
-        (void)W;
-        _exit(127);
-    }
+    int Null = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    Child.Stdin = Null;
+    Child.Stdout = Child.Stderr = Pipe[1];
+    Child.Directory = S->Config.BundleDir;
+    Child.DirectoryFailed = "zelrzp-manager: cannot enter the bundle directory\n";
+    Child.ExecFailed = "zelrzp-manager: cannot start the sub-service\n";
+    pid_t Pid = ZpSpawn(Child);
+    int Failure = errno;
     close(Pipe[1]);
+    if (Null >= 0)
+        close(Null);
     if (Pid < 0) {
         close(Pipe[0]);
-        return Fail(Error, std::string("cannot fork: ") + strerror(errno));
+        return Fail(Error, std::string("cannot fork: ") + strerror(Failure));
     }
     S->Pid = Pid;
     S->ConsoleFd = Pipe[0];

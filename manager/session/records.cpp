@@ -1,150 +1,9 @@
-// records.cpp - the manager's side of payloads: item encoders, the strict decoder of one
-// serialized install record, the walk over all records of a parsed bundle, and the names of
-// the requisite subtypes. Writes no globals; every read is checked against the buffer's end.
-#include <cstring>
+// records.cpp - the strict decoder of one serialized install record, the walk over all records
+// of a parsed bundle, and the names of the requisite subtypes and result codes. Writes no
+// globals; every read is checked against the buffer's end.
 #include <set>
 
 #include "zelrzpmanager.h"
-
-// ---- Encoders ----------------------------------------------------------------------------------
-
-void ZmPutU32(std::vector<unsigned char> *Out, uint32_t Value)
-{
-    for (int i = 0; i < 4; i++)
-        Out->push_back((unsigned char)(Value >> (8 * i)));
-}
-
-void ZmPutByte(std::vector<unsigned char> *Out, unsigned char Value) { Out->push_back(Value); }
-
-void ZmPutString(std::vector<unsigned char> *Out, const std::string &Text)
-{
-    Out->insert(Out->end(), Text.begin(), Text.end());
-    Out->push_back(0);
-}
-
-std::vector<unsigned char> ZmStringItem(const std::string &Text, int DeclaredLength)
-{
-    std::vector<unsigned char> Out;
-    ZmPutU32(&Out, RZP_TYPE_STRING);
-    ZmPutU32(&Out, DeclaredLength < 0 ? (uint32_t)Text.size() + 1 : (uint32_t)DeclaredLength);
-    ZmPutString(&Out, Text);
-    return Out;
-}
-
-std::vector<unsigned char> ZmULongItem(uint32_t Value)
-{
-    std::vector<unsigned char> Out;
-    ZmPutU32(&Out, RZP_TYPE_ULONG);
-    ZmPutU32(&Out, 4);
-    ZmPutU32(&Out, Value);
-    return Out;
-}
-
-// ---- Bounded reader ----------------------------------------------------------------------------
-
-static bool ReaderFail(ZmReader *R, const std::string &What)
-{
-    if (R->Error.empty())
-        R->Error = What + " at byte " + std::to_string(R->Offset);
-    return false;
-}
-
-ZmReader ZmReaderOf(const std::vector<unsigned char> &Payload)
-{
-    ZmReader R;
-    R.Bytes = Payload.data();
-    R.Length = Payload.size();
-    return R;
-}
-
-bool ZmReadU32(ZmReader *R, uint32_t *Value)
-{
-    if (!R->Error.empty())
-        return false;
-    if (R->Length - R->Offset < 4)
-        return ReaderFail(R, "payload ends inside a 4-byte value");
-    const unsigned char *P = R->Bytes + R->Offset;
-    *Value = (uint32_t)P[0] | (uint32_t)P[1] << 8 | (uint32_t)P[2] << 16 | (uint32_t)P[3] << 24;
-    R->Offset += 4;
-    return true;
-}
-
-bool ZmReadByte(ZmReader *R, unsigned char *Value)
-{
-    if (!R->Error.empty())
-        return false;
-    if (R->Offset >= R->Length)
-        return ReaderFail(R, "payload ends inside a 1-byte value");
-    *Value = R->Bytes[R->Offset++];
-    return true;
-}
-
-bool ZmReadText(ZmReader *R, std::string *Text)
-{
-    if (!R->Error.empty())
-        return false;
-    if (R->Offset >= R->Length)
-        return ReaderFail(R, "payload ends before a string");
-    const void *Nul = memchr(R->Bytes + R->Offset, 0, R->Length - R->Offset);
-    if (Nul == nullptr)
-        return ReaderFail(R, "string without its terminating NUL");
-    size_t End = (size_t)((const unsigned char *)Nul - R->Bytes);
-    Text->assign((const char *)R->Bytes + R->Offset, End - R->Offset);
-    R->Offset = End + 1;
-    return true;
-}
-
-// Reads the type and length of an item and checks the type against what the layout expects.
-static bool ReadItemHead(ZmReader *R, uint32_t Type, const char *Name, uint32_t *Length)
-{
-    uint32_t Got = 0;
-    if (!ZmReadU32(R, &Got) || !ZmReadU32(R, Length))
-        return false;
-    if (Got != Type)
-        return ReaderFail(R, std::string(Name) + ": item type " + std::to_string(Got) +
-                                 " where " + std::to_string(Type) + " belongs");
-    return true;
-}
-
-static bool CheckLength(ZmReader *R, uint32_t Length, uint32_t Want, const char *Name)
-{
-    if (Length != Want)
-        return ReaderFail(R, std::string(Name) + ": declared length " + std::to_string(Length) +
-                                 " where " + std::to_string(Want) + " belongs");
-    return true;
-}
-
-bool ZmReadBoolItem(ZmReader *R, const char *Name, bool *Value)
-{
-    uint32_t Length = 0;
-    unsigned char Byte = 0;
-    if (!ReadItemHead(R, RZP_TYPE_BOOL, Name, &Length) || !CheckLength(R, Length, 1, Name) ||
-        !ZmReadByte(R, &Byte))
-        return false;
-    *Value = Byte == 1;
-    return true;
-}
-
-bool ZmReadU32Item(ZmReader *R, uint32_t Type, const char *Name, uint32_t *Value)
-{
-    uint32_t Length = 0;
-    return ReadItemHead(R, Type, Name, &Length) && CheckLength(R, Length, 4, Name) &&
-           ZmReadU32(R, Value);
-}
-
-bool ZmReadStringItem(ZmReader *R, const char *Name, std::string *Text, bool *Present, bool Strict)
-{
-    uint32_t Length = 0;
-    if (!ReadItemHead(R, RZP_TYPE_STRING, Name, &Length) || !ZmReadText(R, Text))
-        return false;
-    bool Absent = Length == 0 && Text->empty();
-    if (Present != nullptr)
-        *Present = !Absent;
-    if (Strict && !Absent && Length != Text->size() + 1)
-        return ReaderFail(R, std::string(Name) + ": declared length " + std::to_string(Length) +
-                                 " for a text of " + std::to_string(Text->size()) + " bytes");
-    return true;
-}
 
 // ---- Install record ----------------------------------------------------------------------------
 
@@ -177,7 +36,7 @@ static bool CheckBodyEnd(ZmReader *C, size_t Start, uint32_t BodyLength, const c
     if (!C->Error.empty())
         return false;
     if (C->Offset - Start != BodyLength)
-        return ReaderFail(C, std::string(Name) + " declares " + std::to_string(BodyLength) +
+        return ZmReaderFail(C, std::string(Name) + " declares " + std::to_string(BodyLength) +
                                  " bytes but holds " + std::to_string(C->Offset - Start));
     return true;
 }
@@ -187,7 +46,7 @@ static bool ReadBodyLength(ZmReader *C, uint32_t *BodyLength)
     if (!ZmReadU32(C, BodyLength))
         return false;
     if (*BodyLength > C->Length - C->Offset)
-        return ReaderFail(C, "sub-record length " + std::to_string(*BodyLength) +
+        return ZmReaderFail(C, "sub-record length " + std::to_string(*BodyLength) +
                                  " runs past the end of the record");
     return true;
 }
@@ -206,7 +65,7 @@ static bool ReadRequisite(ZmReader *C, uint32_t Structure, ZmRecord *R)
     if (!CheckBodyEnd(C, Start, BodyLength, "requisite"))
         return false;
     if (ValueLength != Q.Value.size() + 1)
-        return ReaderFail(C, "requisite value of " + std::to_string(Q.Value.size()) +
+        return ZmReaderFail(C, "requisite value of " + std::to_string(Q.Value.size()) +
                                  " bytes declared as " + std::to_string(ValueLength));
     R->Requisites.push_back(Q);
     return true;
@@ -255,11 +114,11 @@ static bool ReadSubRecords(ZmReader *C, ZmRecord *R)
             if (!ZmReadU32(C, &Zero))
                 return false;
             if (Zero != 0)
-                return ReaderFail(C, "end of list with value " + std::to_string(Zero));
+                return ZmReaderFail(C, "end of list with value " + std::to_string(Zero));
             return true;
         } else {
             C->Offset -= 4;
-            return ReaderFail(C, "unknown structure code " + std::to_string(Code));
+            return ZmReaderFail(C, "unknown structure code " + std::to_string(Code));
         }
     }
 }
@@ -272,7 +131,7 @@ int ZmDecodeRecord(const unsigned char *Bytes, size_t Length, ZmRecord *Record, 
     ZmRecord R;
     ZmReadU32Item(&C, RZP_TYPE_ULONG, "record number", &R.Number);
     if (ReadMainBody(&C, &R) && ReadSubRecords(&C, &R) && C.Offset != C.Length)
-        ReaderFail(&C, std::to_string(C.Length - C.Offset) + " bytes after the end of list");
+        ZmReaderFail(&C, std::to_string(C.Length - C.Offset) + " bytes after the end of list");
     if (!C.Error.empty()) {
         if (Error != nullptr)
             *Error = C.Error;

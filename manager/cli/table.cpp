@@ -1,4 +1,4 @@
-// cli_table.cpp - one run of the zelrzp-manager program as a table for a person: the
+// table.cpp - one run of the zelrzp-manager program as a table for a person: the
 // distribution, the bundle chosen, every install record, the refused components and every
 // message of the sub-service with what it concerns, and the result. Reads CliColour (colour
 // sequences kept on a terminal); writes no globals.

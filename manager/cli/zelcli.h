@@ -1,7 +1,7 @@
-// zelcli.h - the parts of the zelrzp-manager program shared by its files: the known
-// distributions, the options of one invocation, the exit statuses, and the functions that
-// run the sub-service once, judge the run and print it (table, JSON, support matrix).
-// Only the program's own files (manager/cli*.cpp) include it.
+// zelcli.h - the parts of the zelrzp-manager program shared by its files: the options of one
+// invocation, the exit statuses, and the functions that run the sub-service once, judge the
+// run and print it (table, JSON, support matrix).
+// Only the program's own files (manager/cli/) include it.
 #pragma once
 
 #include <set>
@@ -10,6 +10,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "distros.h"
 #include "zelrzpmanager.h"
 
 struct ZfAnalysis;
@@ -22,22 +23,6 @@ using Json = nlohmann::ordered_json;
 // plan, a sub-service that failed or could not be run).
 enum { CLI_CLEAN = 0, CLI_FINDINGS = 1, CLI_USAGE = 2, CLI_NO_PLAN = 3 };
 
-struct CliRelease {
-    std::string File;
-    std::string Text;
-};
-
-struct CliDistro {
-    const char *Name;
-    const char *Description;
-    CliRelease Files[2];
-    bool Sp3; // SP3=YES in the environment (UnitedLinux 1.0 service pack 3)
-};
-
-// The distributions --distro and the matrix know, in table order (cli.cpp).
-extern const CliDistro CliDistros[];
-extern const size_t CliDistroCount;
-
 struct CliOptions {
     std::string BundleDir, ParserPath, View;
     const CliDistro *Distro = nullptr;
@@ -47,6 +32,10 @@ struct CliOptions {
     bool Json = false, Debug = false, Verbose = false, NUI = false, AllDistros = false;
     int TimeoutSeconds = 60;
 };
+
+// options.cpp: reads the command line into O; 1 to run, 0 to end with success (help,
+// version, the list of distributions), -1 on a usage error (said on stderr).
+int CliParseArguments(int Argc, char **Argv, CliOptions *O);
 
 // True while a table goes to a terminal: the sub-service's colour sequences are kept.
 // Set once by main before anything is printed.
@@ -65,18 +54,18 @@ struct CliRun {
     Json Failure;       // null, or {stage, code, what}
 };
 
-// cli_run.cpp: resolves the sub-service's path and enters the bundle directory (0, or -1 with
+// run.cpp: resolves the sub-service's path and enters the bundle directory (0, or -1 with
 // Error); one whole run in this process, which must be single-threaded when it simulates;
 // a failure of the run at Stage (Code 0: none) recorded, returning -1.
 int CliEnterBundleDir(CliOptions *O, std::string *Error);
 Json CliRunOne(CliOptions O, const CliDistro *D, bool EnterDir);
 int CliFailed(CliRun *Run, const char *Stage, int Code, const std::string &What);
 
-// cli_outcome.cpp: completes a run's Result (records, bundle, findings of its own) and
+// outcome.cpp: completes a run's Result (records, bundle, findings of its own) and
 // judges it (failure text, outcome, exit status).
 void CliComplete(CliRun *Run, const CliOptions &O);
 
-// cli_json.cpp: the pieces of a run's JSON object, and the object printed.
+// json.cpp: the pieces of a run's JSON object, and the object printed.
 Json CliRecordJson(const ZmRecord &R);
 void CliAnalysisJson(const ZfAnalysis &A, Json *Result);
 Json CliFailureJson(const char *Stage, int Code, const std::string &What);
@@ -84,9 +73,9 @@ Json CliNullIfEmpty(const std::string &Text);
 std::string CliStr(const Json &V); // "" unless a string
 void CliPrintJson(const Json &R);
 
-// cli_table.cpp: one run as a table; the bundle files' verdicts (the matrix shows them too).
+// table.cpp: one run as a table; the bundle files' verdicts (the matrix shows them too).
 void CliPrintTable(const Json &R);
 void CliTableVerdicts(const Json &R);
 
-// cli_matrix.cpp: every known distribution at once; returns the exit status.
+// matrix.cpp: every known distribution at once; returns the exit status.
 int CliMatrix(CliOptions &O);

@@ -1,4 +1,4 @@
-// cli_matrix.cpp - the support matrix of the zelrzp-manager program: one child process per
+// matrix.cpp - the support matrix of the zelrzp-manager program: one child process per
 // known distribution, each running the sub-service in a sandbox of its own and leaving its
 // result as JSON in a temporary file, then the worst exit status and the matrix as a table or
 // JSON. Writes the working directory (the bundle directory, before the children start).

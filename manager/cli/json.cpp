@@ -1,4 +1,4 @@
-// cli_json.cpp - the JSON of the zelrzp-manager program: an install record, what the analysis
+// json.cpp - the JSON of the zelrzp-manager program: an install record, what the analysis
 // of the sub-service's messages found (bundle file verdicts, refusals, findings), a failure,
 // and the printing of a whole result. The table and the matrix read the same objects.
 // Writes no globals.

@@ -1,4 +1,4 @@
-// lint_diff.cpp - the differential reading of one XML file: the sub-service's tokenizer builds
+// differential.cpp - the differential reading of one XML file: the sub-service's tokenizer builds
 // its tree (left current for the readers after it) and pugixml reads the same bytes the
 // standard way; every place where the two trees differ is a finding at the line where the
 // difference starts. Writes the sub-service's tree (through ParseFile); no globals of its own.
