@@ -56,7 +56,7 @@ void LintXmlFile(const std::string &Path, LintReport *R);
 // tokenizer could not read it.
 int LintDifferential(const std::string &Path, const std::string &Shown, LintReport *R);
 
-// Value checks over the current tree (checks.cpp). Languages: the bundle's name
+// Value checks over the current tree (values.cpp). Languages: the bundle's name
 // languages, empty when the file is linted alone.
 void LintComponentValues(const std::string &Shown, const std::set<std::string> &Languages,
                          LintReport *R);
