@@ -213,24 +213,63 @@ void LintComponentFile(const std::string &Package, const std::string &Xml, const
     }
 }
 
-void LintPackage(const std::string &Directory, const Bundle &B, const Package &P,
-                 std::map<std::string, ComponentState> *Components, LintReport *R)
+// What a name that is there but not a regular file leads to (links followed): "a FIFO", "a
+// link to a character device", ...; "" for a regular file, a dangling link or nothing.
+std::string OddFileKind(const std::string &Path)
 {
-    if (!P.Selected || PathLeavesBundle(P.FileName))
-        return;
+    struct stat Named, Target;
+    if (lstat(Path.c_str(), &Named) != 0 || stat(Path.c_str(), &Target) != 0 ||
+        S_ISREG(Target.st_mode))
+        return "";
+    const char *Kind = S_ISFIFO(Target.st_mode)  ? "a FIFO"
+                       : S_ISCHR(Target.st_mode) ? "a character device"
+                       : S_ISBLK(Target.st_mode) ? "a block device"
+                       : S_ISDIR(Target.st_mode) ? "a directory"
+                                                 : "a socket";
+    return S_ISLNK(Named.st_mode) ? std::string("a link to ") + Kind : std::string(Kind);
+}
+
+// A file of a package that the sub-service refuses because it is not a regular file.
+void ReportOddFile(const Bundle &B, const Package &P, const std::string &What,
+                   const std::string &Kind, LintReport *R)
+{
+    AddFinding(
+        R, B.Shown, P.Line, "not-a-regular-file",
+        What + " is " + Kind +
+            ", not a regular file: the sub-service refuses it and reports the component missing");
+}
+
+// The package file's findings; true when the sub-service goes on to its XML file.
+bool CheckPackageFile(const Bundle &B, const Package &P, LintReport *R)
+{
     int File = DoesComponentFileExist(P.FileName.c_str());
-    if (File == -1)
+    std::string Kind = File == -1 ? OddFileKind(P.FileName) : "";
+    if (!Kind.empty())
+        ReportOddFile(B, P, "the package file " + LintQuoted(P.FileName), Kind, R);
+    else if (File == -1)
         AddFinding(R, B.Shown, P.Line, "package-file-missing",
                    "the package file " + LintQuoted(P.FileName) +
                        " is missing: \"The component file to install is missing.\"");
     else if (File != 0)
         AddFinding(R, B.Shown, P.Line, "package-file-empty",
                    "the package file " + LintQuoted(P.FileName) + " is empty");
-    if (File != 0)
-        return; // the sub-service reports the component missing and never reads its XML file
+    return File == 0; // otherwise the sub-service reports the component missing and stops there
+}
+
+void LintPackage(const std::string &Directory, const Bundle &B, const Package &P,
+                 std::map<std::string, ComponentState> *Components, LintReport *R)
+{
+    if (!P.Selected || PathLeavesBundle(P.FileName) || !CheckPackageFile(B, P, R))
+        return;
     char Xml[COMPONENT_FIELD_SIZE] = {};
     int Found = FindComponentXmlFile(P.FileName.c_str(), Xml);
-    std::string Printed = LintCaptureTake();
+    LintCaptureTake();
+    std::string Kind = Found == -1 && Xml[0] != '\0' ? OddFileKind(Xml) : "";
+    if (!Kind.empty()) {
+        ReportOddFile(B, P, "the XML file of " + LintQuoted(P.FileName) + " (" + Xml + ")", Kind,
+                      R);
+        return;
+    }
     if (Found != 0) {
         std::string Why = Found == -502 ? "empty" : "missing";
         AddFinding(R, B.Shown, P.Line, Found == -502 ? "package-xml-empty" : "package-xml-missing",
@@ -242,6 +281,13 @@ void LintPackage(const std::string &Directory, const Bundle &B, const Package &P
     LintComponentFile(P.FileName, Xml, ShownName(Directory, Xml), B, &State, R);
 }
 
+bool IsBundleName(const std::string &Name)
+{
+    std::string Upper = Name;
+    strupr(&Upper[0]);
+    return Upper.find(".XML") != std::string::npos && Upper.find("BP0") != std::string::npos;
+}
+
 std::vector<std::string> DirectoryEntries(void)
 {
     std::vector<std::string> Names;
@@ -250,19 +296,13 @@ std::vector<std::string> DirectoryEntries(void)
         return Names;
     for (struct dirent *E = readdir(Dir); E != nullptr; E = readdir(Dir)) {
         struct stat St;
-        if (E->d_name[0] != '.' && stat(E->d_name, &St) == 0 && S_ISREG(St.st_mode))
+        if (E->d_name[0] != '.' &&
+            (IsBundleName(E->d_name) || (stat(E->d_name, &St) == 0 && S_ISREG(St.st_mode))))
             Names.push_back(E->d_name);
     }
     closedir(Dir);
     std::sort(Names.begin(), Names.end());
     return Names;
-}
-
-bool IsBundleName(const std::string &Name)
-{
-    std::string Upper = Name;
-    strupr(&Upper[0]);
-    return Upper.find(".XML") != std::string::npos && Upper.find("BP0") != std::string::npos;
 }
 
 void CheckAcrossBundles(const std::vector<Bundle> &Bundles, LintReport *R)
@@ -302,6 +342,35 @@ void CheckUnlisted(const std::string &Directory, const std::vector<std::string> 
             AddFinding(R, ShownName(Directory, Name), 0, "unlisted-file",
                        "no bundle file lists this file");
 }
+
+// Every bundle file of the directory; one that is not a regular file is refused as the
+// sub-service refuses it.
+std::vector<Bundle> ReadBundles(const std::string &Directory, const std::vector<std::string> &Names,
+                                LintReport *R)
+{
+    std::vector<Bundle> Bundles;
+    bool Refused = false;
+    for (const std::string &Name : Names) {
+        std::string Kind = IsBundleName(Name) ? OddFileKind(Name) : "";
+        if (!Kind.empty())
+            AddFinding(R, ShownName(Directory, Name), 0, "not-a-regular-file",
+                       "this bundle file is " + Kind +
+                           ", not a regular file: the sub-service refuses it (\"The XML file ./" +
+                           Name + " is not a regular file; it is refused.\")");
+        Refused |= !Kind.empty();
+        if (!IsBundleName(Name) || !Kind.empty())
+            continue;
+        Bundle B;
+        B.Path = "./" + Name;
+        B.Shown = ShownName(Directory, Name);
+        ReadBundle(&B, R);
+        Bundles.push_back(B);
+    }
+    if (Bundles.empty() && !Refused)
+        AddFinding(R, Directory, 0, "no-bundle-file",
+                   "no bundle file (a name with .XML and BP0 in any case) in the directory");
+    return Bundles;
+}
 } // namespace
 
 int LintBundleDirectory(const std::string &Directory, LintReport *R)
@@ -322,18 +391,7 @@ int LintBundleDirectory(const std::string &Directory, LintReport *R)
     char *SavedOS = CurrentlyInstalledOS;
     CurrentlyInstalledOS = nullptr;
     std::vector<std::string> Names = DirectoryEntries();
-    std::vector<Bundle> Bundles;
-    for (const std::string &Name : Names)
-        if (IsBundleName(Name)) {
-            Bundle B;
-            B.Path = "./" + Name;
-            B.Shown = ShownName(Directory, Name);
-            ReadBundle(&B, R);
-            Bundles.push_back(B);
-        }
-    if (Bundles.empty())
-        AddFinding(R, Directory, 0, "no-bundle-file",
-                   "no bundle file (a name with .XML and BP0 in any case) in the directory");
+    std::vector<Bundle> Bundles = ReadBundles(Directory, Names, R);
     std::map<std::string, ComponentState> Components;
     for (const Bundle &B : Bundles)
         for (const Package &P : B.Packages)

@@ -81,6 +81,11 @@ const LintTagInfo LintTags[] = {
      "A selected package has no component XML file (its name with the extension replaced by "
      ".xml, always lower-case); the component is reported missing.",
      "Add the component XML file beside the package, named as the message says."},
+    {"not-a-regular-file", LINT_ERROR,
+     "A bundle file, a selected package's file or its component XML file is a FIFO, a device, a "
+     "directory or a socket, or a link to one; the sub-service refuses it (a bundle file is "
+     "skipped, a component is reported missing).",
+     "Put a regular file under that name."},
     {"package-xml-empty", LINT_ERROR, "A selected package's component XML file is empty.",
      "Write the component XML file."},
     {"package-listed-twice", LINT_WARNING,

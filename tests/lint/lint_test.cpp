@@ -1,7 +1,8 @@
 // lint_test.cpp - `zelrzp-manager lint` as a user runs it: the corpus of small bad bundles
 // (one per tag, each with its expected file and line, in JSON and in GNU lines, its good half
 // clean), the example bundle, the tag table against docs/lint.md, and the agreement with the
-// real sub-service (run in the sandbox by the reference manager) on what reads cleanly. The
+// real sub-service (run in the sandbox by the reference manager) on what reads cleanly and on
+// files that are not regular. The
 // command line, a run as nobody and the docs' XML examples are in tests/cli.
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -97,6 +98,35 @@ TEST(LintCorpus, EachBundleShowsItsTagAtItsLine)
                 Shown |= L.rfind(Prefix + Severity + ": " + Tag + ": ", 0) == 0;
         EXPECT_TRUE(Shown) << Text.Out;
     }
+}
+
+// Fault: lint skipped a bundle file that is a FIFO without a word and called a component XML
+// file that is a FIFO "missing", where the plan refuses both as files that are not regular.
+// A FIFO cannot be committed: the corpus case (a link to /dev/null) is copied, with FIFOs made.
+TEST(LintOddFiles, AFifoIsNamedForWhatItIsAsThePlanRefusesIt)
+{
+    BundleDir D;
+    const std::string Source = Corpus + "/not-a-regular-file";
+    for (const std::string &Name : Entries(Source))
+        if (Name != "bad-1.0-1.i386.xml")
+            D.Write(Name, ReadAll(Source + "/" + Name));
+    ASSERT_EQ(0, mkfifo((D.Path + "/bad-1.0-1.i386.xml").c_str(), 0644));
+    ASSERT_EQ(0, mkfifo((D.Path + "/bp000009.xml").c_str(), 0644));
+    std::set<std::string> Found;
+    Json Lint = RunJson({"lint"}, D.Path);
+    for (const auto &F : Lint["findings"])
+        Found.insert(BaseName(F["file"]) + ":" + std::to_string(F["line"].get<int>()) + ":" +
+                     F["tag"].get<std::string>() + ":" +
+                     (F["message"].get<std::string>().find(" a FIFO, ") != std::string::npos ? "FIFO" : "?"));
+    EXPECT_EQ(Found, (std::set<std::string>{"bp000001.xml:15:not-a-regular-file:FIFO",
+                                            "bp000009.xml:0:not-a-regular-file:FIFO"}));
+    Json Plan = RunJson({"--distro=rh73"}, D.Path);
+    ASSERT_EQ(1u, Plan["refused"].size());
+    EXPECT_EQ("bad-1.0-1.i386.rpm", Plan["refused"][0]["component"]);
+    bool Said = false;
+    for (const auto &F : Plan["findings"])
+        Said |= F["text"] == "The XML file ./bp000009.xml is not a regular file; it is refused.";
+    EXPECT_TRUE(Said) << Plan["findings"].dump(1);
 }
 
 // fwupdate's package file is missing; raidutil has no section for RHEL 3, which bp000101

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Writes tests/lint/corpus/: one small bundle per lint tag, each a good component beside one
-mistake, and its `.expect` file (FILE LINE TAG per line; FILE "-" is the directory itself).
+mistake (a text "LINK:PATH" makes the file a symbolic link to PATH), and its `.expect` file (FILE LINE TAG per line; FILE "-" is the directory itself).
 The line of a mistake is the line marked @@ in the templates below, so the expectations follow
 the files when they change. Run it after changing a case; the corpus is committed."""
 import os
@@ -125,6 +125,7 @@ CASES = {
     "package-file-missing": ([("bad-1.0-1.i386.rpm</package>", "bad-1.0-1.i386.rpm</package>@@")], [], {"bad-1.0-1.i386.rpm": None}, "bundle"),
     "package-file-empty": ([("bad-1.0-1.i386.rpm</package>", "bad-1.0-1.i386.rpm</package>@@")], [], {"bad-1.0-1.i386.rpm": ""}, "bundle"),
     "package-xml-missing": ([("bad-1.0-1.i386.rpm</package>", "bad-1.0-1.i386.rpm</package>@@")], [], {"bad-1.0-1.i386.xml": None}, "bundle"),
+    "not-a-regular-file": ([("bad-1.0-1.i386.rpm</package>", "bad-1.0-1.i386.rpm</package>@@")], [], {"bad-1.0-1.i386.xml": "LINK:/dev/null"}, "bundle"),
     "package-xml-empty": ([("bad-1.0-1.i386.rpm</package>", "bad-1.0-1.i386.rpm</package>@@")], [], {"bad-1.0-1.i386.xml": ""}, "bundle"),
     "package-listed-twice": ([("    <package install=\"yes\">bad-1.0-1.i386.rpm</package>\n",
                                "    <package install=\"yes\">bad-1.0-1.i386.rpm</package>\n    <package install=\"yes\">good-1.0-1.i386.rpm</package>@@\n")], [], {}, "bundle"),
@@ -193,7 +194,9 @@ def write_case(name, tag, bundle_changes, bad_changes, files, target):
                 "bad-1.0-1.i386.rpm": "placeholder\n", "bad-1.0-1.i386.xml": bad}
     contents.update({n: special.get(t, t) for n, t in files.items()})
     for file_name, text in contents.items():
-        if text is not None:
+        if text is not None and text.startswith("LINK:"):  # a link to what follows
+            os.symlink(text[5:], os.path.join(directory, file_name))
+        elif text is not None:
             with open(os.path.join(directory, file_name), "w") as f:
                 f.write(text)
     expect = {"bad": ("bad-1.0-1.i386.xml", bad_line), "bad0": ("bad-1.0-1.i386.xml", 0),
