@@ -256,8 +256,9 @@ TEST(RecordList, LookupFindsEveryHandleInAnyOrderAndNothingAfterRelease)
         ASSERT_NE(nullptr, Node) << Handle;
         EXPECT_EQ(Handle, Node->InstallPacketHandle);
         EXPECT_EQ(0, memcmp(Record, Node->InstallPacketSendBuffer, sizeof Record));
-        if (Handle > First)
+        if (Handle > First) {
             EXPECT_EQ(Node, FindInstallRecord(Handle - 1)->NextPacket);
+        }
     }
     EXPECT_EQ(FindInstallRecord(First + Count - 1), LastInstallRecord());
     EXPECT_EQ(nullptr, LastInstallRecord()->NextPacket);
