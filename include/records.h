@@ -21,8 +21,8 @@ int AppendInstallRecord(const char *FileName, const unsigned char *Record, int L
 PINSTALL_PACKET_LIST FindInstallRecord(int32_t Handle);
 PINSTALL_PACKET_LIST LastInstallRecord(void);
 void FreeInstallPacketList(void);
-#define SUBTYPE_BUFFER_SIZE 10
-#define REQUISITE_VALUE_SIZE 1024
+#define SUBTYPE_BUFFER_SIZE 10    /* a requisite's subtype, a number of at most 9 digits */
+#define REQUISITE_VALUE_SIZE 1024 /* a requisite's text: a path, a command or a version */
 int GetPrerequisites(const char *XMLFileName, char *SubType, char *SubTypeValue, int LineNumber);
 int GetPostrequisites(const char *XMLFileName, char *SubType, char *SubTypeValue, int LineNumber);
 int GetPreConfigurationInfo(const char *XMLFileName, int LineNumber,

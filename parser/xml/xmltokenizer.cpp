@@ -1,7 +1,6 @@
 // xmltokenizer.cpp - the line-oriented tokenizer of the bundle and component XML dialect
 // (docs/xml-dialect.md) and the one process-wide tree it builds. Writes FirstSection,
-// ActiveSection and CurrentXMLFileParsed, and defines CurrentlyInstalledOS (set by the OS
-// detection). No lock: one XML-reading request runs at a time.
+// ActiveSection and CurrentXMLFileParsed. No lock: one XML-reading request runs at a time.
 //
 // Memory: the records of a tree and their strings are carved out of a few large blocks that
 // DeleteTree releases together, so the strings of the tree must never be freed or replaced
@@ -24,7 +23,6 @@
 SECTIONPTR FirstSection = nullptr;
 SECTIONPTR ActiveSection = nullptr;
 char *CurrentXMLFileParsed = nullptr;
-char *CurrentlyInstalledOS = nullptr;
 
 // The tree holds what a failed parse left behind; the next ParseFile starts afresh.
 static int TreeIsPartial = 0;
