@@ -1,8 +1,8 @@
 // workers.cpp - the table of the parser workers by opcode, and the shape every worker thread
 // shares: its request and answer areas, taking the request back from the pending-I/O list,
 // the parser state lock around its work, answering in the request's header and ending. Owns
-// ParserStateMutex. Writes ThreadCount
-// (each worker uncounts itself) and LocalSequenceNumber (answers).
+// ParserStateMutex. Writes ThreadCount (each worker uncounts itself) and LocalSequenceNumber
+// (answers).
 //
 // Lock order, outermost first: ParserStateMutex (a worker's whole work on the shared state,
 // waits for the manager's answers included), SendDataMutex (one send), the write
