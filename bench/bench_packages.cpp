@@ -2,7 +2,8 @@
 // packages: GetBundlePackages from a parsed tree's walk to the last appended component, then
 // the list released. Reports the resident memory the list and tree hold at the end (MiB).
 // Also the install record list walked as a manager walks it, next item after next item, over
-// 10^3 and 10^4 records.
+// 10^3 and 10^4 records, and walked out of order (the handles asked from the last back to the
+// first).
 #include <benchmark/benchmark.h>
 
 #include <unistd.h>
@@ -83,5 +84,22 @@ static void BM_NextRecordWalk(benchmark::State &State)
     FreeInstallPacketList();
 }
 BENCHMARK(BM_NextRecordWalk)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
+
+// A manager that asks for the handles from the last back to the first.
+static void BM_NextRecordWalkBackwards(benchmark::State &State)
+{
+    int Records = static_cast<int>(State.range(0));
+    const unsigned char Record[64] = {0};
+    int32_t First = InstallPacketNumber;
+    for (int i = 0; i < Records; i++)
+        AppendInstallRecord("component.rpm", Record, sizeof Record);
+    for (auto _ : State) {
+        for (int32_t Handle = First + Records - 1; Handle >= First; Handle--)
+            if (FindInstallRecord(Handle) == nullptr)
+                State.SkipWithError("a record went missing");
+    }
+    FreeInstallPacketList();
+}
+BENCHMARK(BM_NextRecordWalkBackwards)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();

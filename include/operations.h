@@ -26,6 +26,14 @@ int SendPromptForHexPacket(void);
 int SendPromptForCharacterPacket(void);
 
 // ---- The shape every parser worker shares (parser/operations/workers.cpp) ----------------------
+// The worker of each parser opcode, with the line the listener prints in debug mode when it
+// starts one. FindParserWorker gives the entry of OpCode, or NULL when no worker serves it.
+typedef struct _PARSERWORKER {
+    uint32_t OpCode;
+    const char *DebugLine;
+    void *(*Worker)(void *parm1);
+} PARSERWORKER;
+const PARSERWORKER *FindParserWorker(uint32_t OpCode);
 // A worker allocates its two areas, takes its request by opcode, answers in the request's
 // header and ends by releasing the areas and uncounting itself.
 typedef struct _PARSERWORK {

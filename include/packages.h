@@ -10,7 +10,7 @@
 // Installed OS detection.
 enum { OS_RED_HAT = 1, OS_SUSE = 2, OS_RED_HAT_AS = 3, OS_UNITED_LINUX = 4, OS_RED_HAT_EL = 6 };
 #define RELEASE_OUT_FILE "/tmp/release.out"
-#define OS_NAME_MAX 256
+#define OS_NAME_MAX 256 /* a distribution's name or version from its release file's first line */
 signed char GetInstalledOSVersion(int OSMfg, char *InstalledOSName, char *InstalledOSVersion);
 void CheckForULSP3(void);
 // The detection sequence that IsOSSupportedByBundle runs first: probes the release files,
@@ -29,7 +29,7 @@ typedef struct _BundleInfo {
     struct _BundleInfo *Next;
 } BundleInfo, *BUNDLEINFOPTR;
 #define BUNDLE_FOUND 301
-#define BUNDLE_FIELD_SIZE 256
+#define BUNDLE_FIELD_SIZE 256 /* a bundle's path (./ and a file name: NAME_MAX is 255) */
 
 long FindBundleXmlFile(const char *DirectoryName, int Index, BUNDLEINFOPTR Bundle);
 signed char IsOSSupportedByBundle(const char *BundleXMLFileName);
@@ -64,8 +64,8 @@ typedef struct _ComponentInfo {
     PRZP_INSTALL_PACKET InstallPacket;
     struct _ComponentInfo *next;
 } ComponentInfo, *COMPONENTINFOPTR;
-#define COMPONENT_FIELD_SIZE 256
-#define COMPONENT_SCRATCH_SIZE 4000
+#define COMPONENT_FIELD_SIZE 256    /* a component's file name (NAME_MAX is 255) and its XML name */
+#define COMPONENT_SCRATCH_SIZE 4000 /* the record's scratch area: room for any one field's text */
 // Status and InstallStatus of a component record: statuses, not result codes. No operation
 // reads them back; they say how far the parse worker got with the component.
 enum {

@@ -54,7 +54,9 @@ int Enqueue(PRZP_HEADER_PACKET Header, unsigned char *Payload);
 int Dequeue(PRZP_HEADER_PACKET Header, unsigned char *Payload, int SequenceNumber);
 int DequeueByOpCode(PRZP_HEADER_PACKET Header, unsigned char *Payload, uint32_t OpCode);
 // At most this many packets stay parked; beyond it parking drops the oldest answer that no
-// thread expects (parser requests and expected answers are never dropped).
+// thread expects (parser requests and expected answers are never dropped). The bound keeps a
+// manager that floods the service with unasked answers from growing it without end (16 MiB of
+// parked payloads at most), while far more than one run's requests ever wait at once.
 #define PENDING_IO_LIMIT 4096
 // One wait for an answer, on the waiter's stack: linked into the list of expected answers from
 // ExpectAnswer (called before the request is sent, so that the answer is never dropped) until
@@ -86,6 +88,8 @@ int HandlePostRegistration(PRZP_HEADER_PACKET Header, unsigned char *Payload);
 int DeRegisterWithRZPManager(void);
 
 // ---- Requests to the manager ----------------------------------------------------------------
+// The manager's 'not supported' answers to one support query after which the service gives up
+// and ends: a manager that never supports the opcode must not hold the worker forever.
 #define SUPPORT_QUERY_LIMIT 50000
 // Test hook: the number of "not supported" answers after which a support query gives up.
 extern int SupportQueryLimit;

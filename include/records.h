@@ -15,12 +15,14 @@ int BuildRZPInstallStructures(const char *XMLFileName, COMPONENTINFOPTR Componen
                               const char *language);
 // The accepted records (recordlist.cpp). AppendInstallRecord keeps a copy of Record at the
 // end of the list under the next handle: 0, or -111 with nothing kept when memory runs out.
-// FindInstallRecord gives the node with Handle, or NULL.
+// FindInstallRecord gives the node with Handle, or NULL; LastInstallRecord the tail, or NULL
+// when the list is empty. Both take constant time.
 int AppendInstallRecord(const char *FileName, const unsigned char *Record, int Length);
 PINSTALL_PACKET_LIST FindInstallRecord(int32_t Handle);
+PINSTALL_PACKET_LIST LastInstallRecord(void);
 void FreeInstallPacketList(void);
-#define SUBTYPE_BUFFER_SIZE 10
-#define REQUISITE_VALUE_SIZE 1024
+#define SUBTYPE_BUFFER_SIZE 10    /* a requisite's subtype, a number of at most 9 digits */
+#define REQUISITE_VALUE_SIZE 1024 /* a requisite's text: a path, a command or a version */
 int GetPrerequisites(const char *XMLFileName, char *SubType, char *SubTypeValue, int LineNumber);
 int GetPostrequisites(const char *XMLFileName, char *SubType, char *SubTypeValue, int LineNumber);
 int GetPreConfigurationInfo(const char *XMLFileName, int LineNumber,

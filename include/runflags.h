@@ -1,7 +1,8 @@
 // runflags.h - the run flags that the command line sets (and the manager's packets 4, 5 and 9
 // change later), the command-line scan, and the process-wide counters that every thread
-// reads: Parser_Exiting, ThreadCount, LocalSequenceNumber. All defined in
-// parser/service/cmdline.cpp. The XML and package code needs nothing else of the service.
+// reads: Parser_Exiting, ThreadCount, LocalSequenceNumber. The flags, counters and console
+// lines are defined in parser/runflags.cpp, the scan in parser/service/cmdline.cpp. The XML and
+// package code needs nothing else of the service.
 #pragma once
 
 #include <atomic>
@@ -19,8 +20,8 @@ extern int OK_TO_RUN;
 extern int INPUT_FILE_FOUND;
 extern char InputFileName[1024];
 extern int TQR_INSTALL;
-#define TQR_MAX_PACKAGES 100
-#define TQR_NAME_SIZE 256
+#define TQR_MAX_PACKAGES 100 /* -C slots: more than a bundle of components ever holds */
+#define TQR_NAME_SIZE 256    /* one -C slot: a file name of the bundle directory, with its NUL */
 extern char *TQR_PackageName[TQR_MAX_PACKAGES];
 extern int VIEW_ONLY;
 extern char PackageName[1024];
@@ -30,7 +31,7 @@ extern std::atomic<int> Parser_Exiting;
 extern std::atomic<int> ThreadCount;
 extern std::atomic<int> LocalSequenceNumber;
 
-#define ARGUMENT_BUFFER_SIZE 1024
+#define ARGUMENT_BUFFER_SIZE 1024 /* an option's work copy and a path value; longer is refused */
 
 int CheckCommandLineParameters(int argc, char **argv);
 // Releases the TQR package slots (used by tests and at process end).

@@ -56,7 +56,9 @@ typedef struct section {
 extern SECTIONPTR FirstSection;
 extern SECTIONPTR ActiveSection;
 extern char *CurrentXMLFileParsed;
-extern char *CurrentlyInstalledOS; // e.g. "Red_Hat_Linux_7.3"; NULL until detected
+// The installed distribution, e.g. "Red_Hat_Linux_7.3"; NULL until detected. Owned by the OS
+// detection (parser/packages/osdetect.cpp); the lookups here read it (XML_INSTALLED_OS).
+extern char *CurrentlyInstalledOS;
 
 // Tokenizer.
 long ParseFile(const char *FileName);

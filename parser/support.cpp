@@ -1,5 +1,6 @@
 // support.cpp - small string helpers shared by every part of the sub-service: in-place
-// upper-casing and the one bounded copy through which every fixed buffer is filled.
+// upper-casing, the one bounded copy through which every fixed buffer is filled, and string
+// duplication. Writes no globals.
 #include "support.h"
 
 #include <cstdlib>

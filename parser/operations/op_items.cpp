@@ -72,9 +72,7 @@ static void AnswerNextItem(PPARSERWORK Work)
 
 static void AnswerLastItem(PPARSERWORK Work)
 {
-    PINSTALL_PACKET_LIST Node = InstallPacketList;
-    while (Node != nullptr && Node->NextPacket != nullptr)
-        Node = Node->NextPacket;
+    PINSTALL_PACKET_LIST Node = LastInstallRecord();
     if (Node == nullptr)
         SendParserAnswerWithRequest(Work, RZP_PARSER_NO_MORE_ITEMS);
     else

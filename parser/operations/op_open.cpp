@@ -12,7 +12,7 @@
 #include "service.h"
 #include "support.h"
 
-#define BUNDLE_NAME_SIZE 512
+#define BUNDLE_NAME_SIZE 512 /* the display name answered; a longer one fails its reader */
 #define TQR_OPEN_TEXT "Performing TQR Install."
 #define BAD_BUNDLE_NAME_TEXT "Error in Bundle XML KVB Name"
 

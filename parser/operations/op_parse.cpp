@@ -12,7 +12,7 @@
 #include "runflags.h"
 #include "service.h"
 
-#define BUNDLE_STRING_SIZE 1024
+#define BUNDLE_STRING_SIZE 1024 /* version and name told to screen and log, with room to spare */
 #define PARSE_LANGUAGE "en"
 
 // The two work buffers of one parse: the reply is encoded in Send, messages are formatted in

@@ -1,6 +1,7 @@
 // prompts.cpp - the three prompt requests: a support query for the prompt's opcode, then the
 // prompt itself, whose answer the manager sends back with the same opcode. The answer is
-// decoded item by item inside its DataLength and shown in debug mode.
+// decoded item by item inside its DataLength and shown in debug mode. Writes
+// LocalSequenceNumber (each request's number) and, through the waits, the pending-I/O list.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

@@ -1,7 +1,8 @@
-// workers.cpp - the shape every parser worker thread shares: its request and answer areas,
-// taking the request back from the pending-I/O list, the parser state lock around its work,
-// answering in the request's header and ending. Owns ParserStateMutex. Writes ThreadCount
-// (each worker uncounts itself) and LocalSequenceNumber (answers).
+// workers.cpp - the table of the parser workers by opcode, and the shape every worker thread
+// shares: its request and answer areas, taking the request back from the pending-I/O list,
+// the parser state lock around its work, answering in the request's header and ending. Owns
+// ParserStateMutex. Writes ThreadCount (each worker uncounts itself) and LocalSequenceNumber
+// (answers).
 //
 // Lock order, outermost first: ParserStateMutex (a worker's whole work on the shared state,
 // waits for the manager's answers included), SendDataMutex (one send), the write
@@ -21,6 +22,31 @@
 // for each answer before its next request; one that does not must still find every request
 // answered once and the records whole, so the workers take turns here.
 pthread_mutex_t ParserStateMutex = PTHREAD_MUTEX_INITIALIZER;
+
+static const PARSERWORKER ParserWorkers[] = {
+    {RZP_PARSER_OPEN_INPUT_FILE, "Parser found RZP_PARSER_OPEN_INPUT_FILE.\n",
+     HandleParserOpenInputFilePacket},
+    {RZP_PARSER_PARSE_INPUT_FILE, "Parser found RZP_PARSER_PARSE_INPUT_FILE.\n",
+     HandleParserParseInputFilePacket},
+    {RZP_PARSER_CLOSE_INPUT_FILE, "Parser found RZP_PARSER_CLOSE_INPUT_FILE.\n",
+     HandleParserCloseInputFilePacket},
+    {RZP_PARSER_RETURN_NUMBER_OF_ITEMS, "Parser found RZP_PARSER_RETURN_NUMBER_OF_ITEMS.\n",
+     HandleParserReturnNumberOfItemsPacket},
+    {RZP_PARSER_RETURN_FIRST_ITEM, "Parser found RZP_PARSER_RETURN_FIRST_ITEM.\n",
+     HandleParserReturnFirstItemPacket},
+    {RZP_PARSER_RETURN_NEXT_ITEM, "Parser found RZP_PARSER_RETURN_NEXT_ITEM.\n",
+     HandleParserReturnNextItemPacket},
+    {RZP_PARSER_RETURN_LAST_ITEM, "Parser found RZP_PARSER_RETURN_LAST_ITEM.\n",
+     HandleParserReturnLastItemPacket},
+};
+
+const PARSERWORKER *FindParserWorker(uint32_t OpCode)
+{
+    for (const PARSERWORKER &Entry : ParserWorkers)
+        if (Entry.OpCode == OpCode)
+            return &Entry;
+    return nullptr;
+}
 
 int BeginParserWork(PPARSERWORK Work, uint32_t OpCode, const char *OpCodeName)
 {

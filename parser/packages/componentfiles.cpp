@@ -39,7 +39,7 @@ int FindComponentXmlFile(const char *FileName, char *XMLFileName)
         return -1;
     }
     if (!S_ISREG(Info.st_mode)) {
-        printf("The XML file %s is not a regular file; it is refused.\n", XMLFileName);
+        printf("Unable to open XML file %s\n", XMLFileName);
         return -1;
     }
     if (Info.st_size == 0)

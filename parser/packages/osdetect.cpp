@@ -1,7 +1,7 @@
 // osdetect.cpp - detection of the installed distribution from its release file under /etc,
 // through shell pipelines that leave their result in /tmp/release.out.
-// Writes CurrentlyInstalledOS (defined with the tree's globals) and /tmp/release.out (created
-// by this file, root's own, before each pipeline).
+// Owns and writes CurrentlyInstalledOS, and writes /tmp/release.out (created by this file,
+// root's own, before each pipeline).
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,7 +16,9 @@
 #include "support.h"
 #include "xmltokenizer.h"
 
-#define COMMAND_BUFFER_SIZE 1024
+char *CurrentlyInstalledOS = nullptr;
+
+#define COMMAND_BUFFER_SIZE 1024 /* each pipeline is built in this; the longest needs ~130 */
 // Only the first line of a pipeline's output is used, and it must fit OS_NAME_MAX: a longer
 // file is read only as far as needed to see that.
 #define RELEASE_OUT_READ_MAX 1024

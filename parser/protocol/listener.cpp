@@ -1,5 +1,8 @@
 // listener.cpp - the listener thread, the only reader of the read connection, and the
-// dispatch of every incoming packet.
+// dispatch of every incoming packet (the parser workers it starts are listed in
+// operations/workers.cpp). Writes Parser_Exiting (shut-down, or no memory to listen with),
+// DEBUG_FLAG (debug on and off), ThreadCount (each worker it starts, and itself at its end)
+// and, through the update packet, three run flags.
 //
 // Threads: the listener runs Listen; it answers control packets itself, parks answers and
 // parser requests on the pending-I/O list and starts one detached worker per parser request
@@ -25,46 +28,32 @@
 
 namespace {
 
+// What the listener does itself; a parser request goes to its worker (FindParserWorker).
 enum DispatchAction { ACTION_REGISTER, ACTION_SHUTDOWN, ACTION_DEBUG_ON, ACTION_DEBUG_OFF,
-                      ACTION_UPDATE, ACTION_PARK, ACTION_WORKER };
+                      ACTION_UPDATE, ACTION_PARK };
 
 struct DispatchEntry {
     uint32_t OpCode;
     const char *DebugLine;
     DispatchAction Action;
-    void *(*Worker)(void *);
 };
 
 const DispatchEntry DispatchTable[] = {
-    {RZP_REGISTER, "Parser found RZP_REGISTER packet.\n", ACTION_REGISTER, nullptr},
-    {RZP_SHUTDOWN, "Parser found RZP_SHUTDOWN packet.\n", ACTION_SHUTDOWN, nullptr},
-    {RZP_ENABLE_DEBUG, "Parser found RZP_ENABLE_DEBUG packet.\n", ACTION_DEBUG_ON, nullptr},
-    {RZP_DISABLE_DEBUG, "Parser found RZP_DISABLE_DEBUG packet.\n", ACTION_DEBUG_OFF, nullptr},
+    {RZP_REGISTER, "Parser found RZP_REGISTER packet.\n", ACTION_REGISTER},
+    {RZP_SHUTDOWN, "Parser found RZP_SHUTDOWN packet.\n", ACTION_SHUTDOWN},
+    {RZP_ENABLE_DEBUG, "Parser found RZP_ENABLE_DEBUG packet.\n", ACTION_DEBUG_ON},
+    {RZP_DISABLE_DEBUG, "Parser found RZP_DISABLE_DEBUG packet.\n", ACTION_DEBUG_OFF},
     {RZP_UPDATE_COMMAND_LINE_PARMS, "Parser--RZP_UPDATE_COMMAND_LINE_PARMS packet received.\n",
-     ACTION_UPDATE, nullptr},
-    {RZP_IS_OPCODE_SUPPORTED, "Parser found RZP_IS_OPCODE_SUPPORTED.\n", ACTION_PARK, nullptr},
-    {RZP_OUTPUT_DATA, "Parser found RZP_OUTPUT_DATA.\n", ACTION_PARK, nullptr},
-    {RZP_LOG_DATA, "Parser found RZP_LOG_DATA.\n", ACTION_PARK, nullptr},
-    {RZP_PROMPT_FOR_NUMBER, "Parser found RZP_PROMPT_FOR_NUMBER.\n", ACTION_PARK, nullptr},
-    {RZP_PROMPT_FOR_HEX, "Parser found RZP_PROMPT_FOR_HEX.\n", ACTION_PARK, nullptr},
-    {RZP_PROMPT_FOR_CHARACTER, "Parser found RZP_PROMPT_FOR_CHARACTER.\n", ACTION_PARK, nullptr},
-    {RZP_GET_LOG_FILE_NAME, "Parser found RZP_GET_LOG_FILE_NAME.\n", ACTION_PARK, nullptr},
+     ACTION_UPDATE},
+    {RZP_IS_OPCODE_SUPPORTED, "Parser found RZP_IS_OPCODE_SUPPORTED.\n", ACTION_PARK},
+    {RZP_OUTPUT_DATA, "Parser found RZP_OUTPUT_DATA.\n", ACTION_PARK},
+    {RZP_LOG_DATA, "Parser found RZP_LOG_DATA.\n", ACTION_PARK},
+    {RZP_PROMPT_FOR_NUMBER, "Parser found RZP_PROMPT_FOR_NUMBER.\n", ACTION_PARK},
+    {RZP_PROMPT_FOR_HEX, "Parser found RZP_PROMPT_FOR_HEX.\n", ACTION_PARK},
+    {RZP_PROMPT_FOR_CHARACTER, "Parser found RZP_PROMPT_FOR_CHARACTER.\n", ACTION_PARK},
+    {RZP_GET_LOG_FILE_NAME, "Parser found RZP_GET_LOG_FILE_NAME.\n", ACTION_PARK},
     {RZP_IS_COMPONENT_SUPPORTED_ON_THIS_ERRATA,
-     "Parser found RZP_IS_COMPONENT_SUPPORTED_ON_THIS_ERRATA.\n", ACTION_PARK, nullptr},
-    {RZP_PARSER_OPEN_INPUT_FILE, "Parser found RZP_PARSER_OPEN_INPUT_FILE.\n", ACTION_WORKER,
-     HandleParserOpenInputFilePacket},
-    {RZP_PARSER_PARSE_INPUT_FILE, "Parser found RZP_PARSER_PARSE_INPUT_FILE.\n", ACTION_WORKER,
-     HandleParserParseInputFilePacket},
-    {RZP_PARSER_CLOSE_INPUT_FILE, "Parser found RZP_PARSER_CLOSE_INPUT_FILE.\n", ACTION_WORKER,
-     HandleParserCloseInputFilePacket},
-    {RZP_PARSER_RETURN_NUMBER_OF_ITEMS, "Parser found RZP_PARSER_RETURN_NUMBER_OF_ITEMS.\n",
-     ACTION_WORKER, HandleParserReturnNumberOfItemsPacket},
-    {RZP_PARSER_RETURN_FIRST_ITEM, "Parser found RZP_PARSER_RETURN_FIRST_ITEM.\n", ACTION_WORKER,
-     HandleParserReturnFirstItemPacket},
-    {RZP_PARSER_RETURN_NEXT_ITEM, "Parser found RZP_PARSER_RETURN_NEXT_ITEM.\n", ACTION_WORKER,
-     HandleParserReturnNextItemPacket},
-    {RZP_PARSER_RETURN_LAST_ITEM, "Parser found RZP_PARSER_RETURN_LAST_ITEM.\n", ACTION_WORKER,
-     HandleParserReturnLastItemPacket},
+     "Parser found RZP_IS_COMPONENT_SUPPORTED_ON_THIS_ERRATA.\n", ACTION_PARK},
 };
 
 const DispatchEntry *FindDispatchEntry(uint32_t OpCode)
@@ -143,6 +132,12 @@ int HandleIncomingPacket(PRZP_HEADER_PACKET Header, unsigned char *Payload)
     }
     if (Debugging())
         DumpPacket(Header, Payload, 1);
+    const PARSERWORKER *Worker = FindParserWorker(Header->opCode);
+    if (Worker != nullptr) {
+        DebugPrint("%s", Worker->DebugLine);
+        StartWorker(Header, Payload, Worker->Worker);
+        return 0;
+    }
     const DispatchEntry *Entry = FindDispatchEntry(Header->opCode);
     if (Entry == nullptr) {
         AnswerNotSupported(Header, Payload);
@@ -167,9 +162,6 @@ int HandleIncomingPacket(PRZP_HEADER_PACKET Header, unsigned char *Payload)
         break;
     case ACTION_PARK:
         Park(Header, Payload);
-        break;
-    case ACTION_WORKER:
-        StartWorker(Header, Payload, Entry->Worker);
         break;
     }
     return 0;

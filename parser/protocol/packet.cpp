@@ -1,6 +1,7 @@
-// packet.cpp - the debug dump of a packet, printed by the receive and the send path. It
-// walks the payload item by item and checks every item's extent against DataLength before
-// it decodes it, so a lying length never reads or writes past a buffer.
+// packet.cpp - the debug dump of a packet, printed by the receive and the send path, and the
+// bounded readers of a received payload (ReadPayloadU32, ReadPayloadByte, ReadPayloadString).
+// Both walk the payload item by item and check every item's extent against DataLength before
+// they decode it, so a lying length never reads or writes past a buffer. Writes no globals.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

@@ -1,6 +1,7 @@
 // registration.cpp - registration of the seven parser opcodes with the manager, the
 // handling of the manager's answers (a refusal clears the matching Provides_ flag of
-// ParserQueue) and the deregistration at shut-down.
+// ParserQueue) and the deregistration at shut-down. Writes the Provides_ flags of ParserQueue
+// and LocalSequenceNumber (each registration's number).
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,7 +19,7 @@ const uint32_t RegisteredOpCodes[] = {
     RZP_PARSER_RETURN_LAST_ITEM,
 };
 
-#define REGISTRATION_NAME_SIZE 256
+#define REGISTRATION_NAME_SIZE 256 /* a name echoed back: our longest is 20 characters */
 
 void FillRegistrationRecord(PRZP_REGISTER_PACKET Record)
 {

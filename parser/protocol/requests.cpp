@@ -2,6 +2,8 @@
 // the log file's name, the support query that precedes the optional requests, the three
 // prompts and the errata question. Each is a send under SendDataMutex followed by a wait for
 // the answer, which the listener parks. They run on worker threads, never on the listener.
+// Owns SupportQueryLimit; writes LocalSequenceNumber (each request's number), Parser_Exiting (a
+// support query that reaches its limit) and, through the waits, the pending-I/O list.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

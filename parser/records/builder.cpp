@@ -1,6 +1,8 @@
 // builder.cpp - the install record builder: turns one component into one serialized install
 // record (main body, device, requisite and configuration sub-records), asks the manager about
 // the errata kernel and hands accepted records to the record list (recordlist.cpp).
+// Writes InstallPacketList and InstallPacketNumber (through AppendInstallRecord), the XML tree
+// (through the readers) and, through the errata question, LocalSequenceNumber.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

@@ -9,7 +9,7 @@
 #include "runflags.h"
 #include "support.h"
 
-#define DEFAULT_MAXIMUM_LENGTH 16384
+#define DEFAULT_MAXIMUM_LENGTH 16384 /* no maximumlength: a payload's size, the longest answer */
 
 // Names that tell the two configuration lists apart.
 typedef struct _CONFIGURATION_LIST {

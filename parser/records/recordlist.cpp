@@ -1,7 +1,7 @@
 // recordlist.cpp - the list of accepted install records, in the order the components were
 // built, each with its handle; the manager walks it by first, next and last item. Writes
-// InstallPacketList, InstallPacketNumber and the list's tail and lookup cursor (under
-// ParserStateMutex, like every user of the list).
+// InstallPacketList, InstallPacketNumber and the list's index (under ParserStateMutex, like
+// every user of the list).
 #include <cstdlib>
 #include <cstring>
 
@@ -10,19 +10,39 @@
 
 PINSTALL_PACKET_LIST InstallPacketList = nullptr;
 int32_t InstallPacketNumber = 0;
-// The last node, so that an append takes constant time (trusted only while the list is not
-// empty), and the node the last lookup found, so that a manager walking the records one after
-// the other is answered in constant time per record instead of a walk from the head.
-static PINSTALL_PACKET_LIST InstallPacketListTail = nullptr;
-static PINSTALL_PACKET_LIST LastRecordFound = nullptr;
+// Every node of the list by its position. Handles are given out one after the other and the
+// list is only appended to or freed whole, so a record's position is its handle minus the
+// head's: a lookup takes constant time whatever order the manager asks in.
+static PINSTALL_PACKET_LIST *InstallRecordIndex = nullptr;
+static int32_t InstallRecordCount = 0;
+static int32_t InstallRecordCapacity = 0;
 
 #define INSTALL_BUFFER_SLACK 512 /* a node's buffer is the record plus this */
+#define INSTALL_INDEX_INITIAL 64 /* the index's first size; it doubles when full */
+
+// Room in the index for one more node: 0, or -111 with the index unchanged.
+static int GrowInstallRecordIndex(void)
+{
+    if (InstallRecordCount < InstallRecordCapacity)
+        return 0;
+    int32_t Capacity = InstallRecordCapacity == 0 ? INSTALL_INDEX_INITIAL
+                                                  : InstallRecordCapacity * 2;
+    void *Grown = realloc(InstallRecordIndex,
+                          static_cast<size_t>(Capacity) * sizeof(*InstallRecordIndex));
+    if (Grown == nullptr)
+        return RZP_OUT_OF_MEMORY;
+    InstallRecordIndex = static_cast<PINSTALL_PACKET_LIST *>(Grown);
+    InstallRecordCapacity = Capacity;
+    return 0;
+}
 
 int AppendInstallRecord(const char *FileName, const unsigned char *Record, int Length)
 {
+    if (GrowInstallRecordIndex() != 0)
+        return RZP_OUT_OF_MEMORY;
     PINSTALL_PACKET_LIST Node = static_cast<PINSTALL_PACKET_LIST>(calloc(1, sizeof(*Node)));
-    unsigned char *Buffer =
-        static_cast<unsigned char *>(calloc(static_cast<size_t>(Length) + INSTALL_BUFFER_SLACK, 1));
+    unsigned char *Buffer = static_cast<unsigned char *>(
+        calloc(static_cast<size_t>(Length) + INSTALL_BUFFER_SLACK, 1));
     char *Name = DuplicateString(FileName);
     if (Node == nullptr || Buffer == nullptr || Name == nullptr) {
         free(Node);
@@ -35,24 +55,27 @@ int AppendInstallRecord(const char *FileName, const unsigned char *Record, int L
     Node->InstallPacketSendBuffer = Buffer;
     Node->InstallPacketSendBufferLength = Length;
     Node->InstallPacketHandle = InstallPacketNumber++;
-    AppendToList(&InstallPacketList, &InstallPacketListTail, Node,
-                 &INSTALL_PACKET_LIST::NextPacket);
+    if (InstallRecordCount == 0)
+        InstallPacketList = Node;
+    else
+        InstallRecordIndex[InstallRecordCount - 1]->NextPacket = Node;
+    InstallRecordIndex[InstallRecordCount++] = Node;
     return 0;
 }
 
 PINSTALL_PACKET_LIST FindInstallRecord(int32_t Handle)
 {
-    PINSTALL_PACKET_LIST Node = InstallPacketList;
-    if (LastRecordFound != nullptr && LastRecordFound->InstallPacketHandle == Handle)
-        return LastRecordFound;
-    if (LastRecordFound != nullptr && LastRecordFound->NextPacket != nullptr &&
-        LastRecordFound->NextPacket->InstallPacketHandle == Handle)
-        Node = LastRecordFound->NextPacket;
-    while (Node != nullptr && Node->InstallPacketHandle != Handle)
-        Node = Node->NextPacket;
-    if (Node != nullptr)
-        LastRecordFound = Node;
-    return Node;
+    if (InstallPacketList == nullptr)
+        return nullptr;
+    int64_t Position = static_cast<int64_t>(Handle) - InstallPacketList->InstallPacketHandle;
+    if (Position < 0 || Position >= InstallRecordCount)
+        return nullptr;
+    return InstallRecordIndex[Position];
+}
+
+PINSTALL_PACKET_LIST LastInstallRecord(void)
+{
+    return InstallRecordCount == 0 ? nullptr : InstallRecordIndex[InstallRecordCount - 1];
 }
 
 void FreeInstallPacketList(void)
@@ -64,6 +87,8 @@ void FreeInstallPacketList(void)
         free(InstallPacketList);
         InstallPacketList = Next;
     }
-    InstallPacketListTail = nullptr;
-    LastRecordFound = nullptr;
+    free(InstallRecordIndex);
+    InstallRecordIndex = nullptr;
+    InstallRecordCount = 0;
+    InstallRecordCapacity = 0;
 }

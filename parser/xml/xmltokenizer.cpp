@@ -1,7 +1,6 @@
 // xmltokenizer.cpp - the line-oriented tokenizer of the bundle and component XML dialect
 // (docs/xml-dialect.md) and the one process-wide tree it builds. Writes FirstSection,
-// ActiveSection and CurrentXMLFileParsed, and defines CurrentlyInstalledOS (set by the OS
-// detection). No lock: one XML-reading request runs at a time.
+// ActiveSection and CurrentXMLFileParsed. No lock: one XML-reading request runs at a time.
 //
 // Memory: the records of a tree and their strings are carved out of a few large blocks that
 // DeleteTree releases together, so the strings of the tree must never be freed or replaced
@@ -24,7 +23,6 @@
 SECTIONPTR FirstSection = nullptr;
 SECTIONPTR ActiveSection = nullptr;
 char *CurrentXMLFileParsed = nullptr;
-char *CurrentlyInstalledOS = nullptr;
 
 // The tree holds what a failed parse left behind; the next ParseFile starts afresh.
 static int TreeIsPartial = 0;
@@ -779,16 +777,13 @@ static long ReadFailed(void)
 }
 
 // Whether what FileName names (links followed) may be opened: a regular file of at most
-// XML_FILE_MAX bytes. Anything else is refused with a message before any open, so that a
-// name that leads to a device or a FIFO never reaches its driver.
+// XML_FILE_MAX bytes. Anything else is refused before any open, so that a name that leads to
+// a device or a FIFO never reaches its driver; a name that is not a regular file is one that
+// cannot be opened, and says so in the same words as a missing one.
 static long CheckXMLFile(const char *FileName, struct stat *Named)
 {
-    if (stat(FileName, Named) != 0) {
+    if (stat(FileName, Named) != 0 || !S_ISREG(Named->st_mode)) {
         printf("Unable to open XML file %s\n", FileName);
-        return XML_OPEN_FAILED;
-    }
-    if (!S_ISREG(Named->st_mode)) {
-        printf("The XML file %s is not a regular file; it is refused.\n", FileName);
         return XML_OPEN_FAILED;
     }
     if (Named->st_size > XML_FILE_MAX) {
@@ -819,7 +814,7 @@ static long OpenXMLFile(const char *FileName, int *Descriptor, char **Buffer, lo
     if (fstat(File, &Status) != 0 || Status.st_dev != Named.st_dev ||
         Status.st_ino != Named.st_ino || !S_ISREG(Status.st_mode) ||
         Status.st_size > XML_FILE_MAX) {
-        printf("The XML file %s changed while it was opened; it is refused.\n", FileName);
+        printf("Unable to open XML file %s\n", FileName); // it changed since it was checked
         close(File);
         return XML_OPEN_FAILED;
     }

@@ -46,32 +46,40 @@ TEST_F(Components, XMLFileNameAndFileChecks)
 }
 
 // A bundle's XML and component files that lead to something other than a regular file (a
-// FIFO stands for a device) are refused without being opened; a link to a regular file is
-// followed; an XML file above XML_FILE_MAX is refused before it is read.
+// FIFO, a directory, a link to a device) are refused without being opened, each XML file in
+// the words of a file that cannot be opened and in no others (they once had a wording of their
+// own); a link to a regular file is followed; an XML file above XML_FILE_MAX is refused before
+// it is read.
 TEST_F(Components, OnlyRegularFilesOfBoundedSizeAreOpened)
 {
-    std::string Fifo = Dir + "/device";
+    std::string Fifo = Dir + "/fifo";
     ASSERT_EQ(0, mkfifo(Fifo.c_str(), 0600));
     int Watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     ASSERT_GE(Watch, 0);
     ASSERT_GE(inotify_add_watch(Watch, Fifo.c_str(), IN_OPEN), 0);
+    ASSERT_EQ(0, mkdir((Dir + "/bp0dir.xml").c_str(), 0700));
+    ASSERT_EQ(0, mkdir((Dir + "/dir.xml").c_str(), 0700));
+    ASSERT_EQ(0, symlink("/dev/null", (Dir + "/bp0dev.xml").c_str()));
+    ASSERT_EQ(0, symlink("/dev/null", (Dir + "/dev.xml").c_str()));
     for (const char *Leaf : {"bp0link.xml", "drv.xml", "drv.rpm", "other.rpm"})
         ASSERT_EQ(0, symlink(Fifo.c_str(), (Dir + "/" + Leaf).c_str()));
 
+    std::string Expected;
     std::string Out = Captured([&] {
-        EXPECT_EQ(XML_OPEN_FAILED, ParseFile((Dir + "/bp0link.xml").c_str()));
-        EXPECT_EQ(XML_OPEN_FAILED, ParseFile(Fifo.c_str()));
+        for (const char *Leaf : {"bp0link.xml", "fifo", "bp0dir.xml", "bp0dev.xml"})
+            EXPECT_EQ(XML_OPEN_FAILED, ParseFile((Dir + "/" + Leaf).c_str())) << Leaf;
+        char Xml[COMPONENT_FIELD_SIZE] = {};
+        for (const char *Leaf : {"drv.rpm", "dir.rpm", "dev.rpm"})
+            EXPECT_EQ(-1, FindComponentXmlFile((Dir + "/" + Leaf).c_str(), Xml)) << Leaf;
     });
-    const std::string Refused = " is not a regular file; it is refused.\n";
-    EXPECT_EQ(Out,
-              "The XML file " + Dir + "/bp0link.xml" + Refused + "The XML file " + Fifo + Refused);
-    char Xml[COMPONENT_FIELD_SIZE] = {};
-    Out = Captured([&] {
-        EXPECT_EQ(-1, FindComponentXmlFile((Dir + "/drv.rpm").c_str(), Xml));
-        EXPECT_EQ(-1, DoesComponentFileExist((Dir + "/other.rpm").c_str()));
-    });
-    EXPECT_TRUE(Has(Out, "The XML file " + Dir + "/drv.xml is not a regular file")) << Out;
-    EXPECT_TRUE(Has(Out, "The component file " + Dir + "/other.rpm is not a regular file")) << Out;
+    for (const char *Leaf :
+         {"bp0link.xml", "fifo", "bp0dir.xml", "bp0dev.xml", "drv.xml", "dir.xml", "dev.xml"})
+        Expected += "Unable to open XML file " + Dir + "/" + Leaf + "\n";
+    EXPECT_EQ(Expected, Out);
+    EXPECT_TRUE(Has(Captured([&] {
+                        EXPECT_EQ(-1, DoesComponentFileExist((Dir + "/other.rpm").c_str()));
+                    }),
+                    "The component file " + Dir + "/other.rpm is not a regular file"));
     char Events[4096]; // any IN_OPEN event since the watch began
     EXPECT_LE(read(Watch, Events, sizeof Events), 0) << "the FIFO was opened";
     close(Watch);

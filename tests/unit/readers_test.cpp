@@ -241,25 +241,35 @@ TEST_F(Records, RecordLongerThanItsBufferRefusesTheComponent)
     EXPECT_EQ(Number, InstallPacketNumber);
 }
 
+// Enough records that the index grows past its first size; handles far out of range must not
+// wrap into a position.
 TEST(RecordList, LookupFindsEveryHandleInAnyOrderAndNothingAfterRelease)
 {
     const unsigned char Record[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    const int32_t Count = 130;
     int32_t First = InstallPacketNumber;
-    for (int i = 0; i < 4; i++)
+    EXPECT_EQ(nullptr, LastInstallRecord());
+    for (int i = 0; i < Count; i++)
         ASSERT_EQ(0, AppendInstallRecord("c.rpm", Record, sizeof Record));
-    for (int32_t Handle : {First, First + 1, First + 2, First + 3, First + 3, First + 1, First}) {
+    for (int32_t Handle : {First, First + 1, First + 129, First + 64, First + 63, First + 1, First}) {
         PINSTALL_PACKET_LIST Node = FindInstallRecord(Handle);
         ASSERT_NE(nullptr, Node) << Handle;
         EXPECT_EQ(Handle, Node->InstallPacketHandle);
         EXPECT_EQ(0, memcmp(Record, Node->InstallPacketSendBuffer, sizeof Record));
+        if (Handle > First) {
+            EXPECT_EQ(Node, FindInstallRecord(Handle - 1)->NextPacket);
+        }
     }
-    EXPECT_EQ(nullptr, FindInstallRecord(First + 3)->NextPacket);
-    EXPECT_EQ(nullptr, FindInstallRecord(First + 4));
-    EXPECT_EQ(nullptr, FindInstallRecord(First - 1));
+    EXPECT_EQ(FindInstallRecord(First + Count - 1), LastInstallRecord());
+    EXPECT_EQ(nullptr, LastInstallRecord()->NextPacket);
+    for (int32_t Handle : {First + Count, First - 1, INT32_MIN, INT32_MAX})
+        EXPECT_EQ(nullptr, FindInstallRecord(Handle)) << Handle;
     FreeInstallPacketList();
     EXPECT_EQ(nullptr, FindInstallRecord(First + 2));
+    EXPECT_EQ(nullptr, LastInstallRecord());
     ASSERT_EQ(0, AppendInstallRecord("d.rpm", Record, sizeof Record));
-    EXPECT_EQ(InstallPacketList, FindInstallRecord(First + 4));
+    EXPECT_EQ(InstallPacketList, FindInstallRecord(First + Count));
+    EXPECT_EQ(InstallPacketList, LastInstallRecord());
     FreeInstallPacketList();
 }
 
