@@ -355,8 +355,8 @@ std::vector<Bundle> ReadBundles(const std::string &Directory, const std::vector<
         if (!Kind.empty())
             AddFinding(R, ShownName(Directory, Name), 0, "not-a-regular-file",
                        "this bundle file is " + Kind +
-                           ", not a regular file: the sub-service refuses it (\"The XML file ./" +
-                           Name + " is not a regular file; it is refused.\")");
+                           ", not a regular file: the sub-service refuses it (\"Unable to open XML file ./" +
+                           Name + "\")");
         Refused |= !Kind.empty();
         if (!IsBundleName(Name) || !Kind.empty())
             continue;

@@ -54,10 +54,8 @@ int DoesComponentFileExist(const char *FileName)
     struct stat Info;
     if (FileName == nullptr || stat(FileName, &Info) != 0)
         return -1;
-    if (!S_ISREG(Info.st_mode)) {
-        printf("The component file %s is not a regular file; it is refused.\n", FileName);
-        return -1;
-    }
+    if (!S_ISREG(Info.st_mode))
+        return -1; // refused as a file that is not there: the parse reports it missing
     DebugPrint("XML Filename found is %s\n", FileName);
     return Info.st_size > 0 ? 0 : RZP_COMPONENT_FILE_EMPTY;
 }

@@ -76,10 +76,10 @@ TEST_F(Components, OnlyRegularFilesOfBoundedSizeAreOpened)
          {"bp0link.xml", "fifo", "bp0dir.xml", "bp0dev.xml", "drv.xml", "dir.xml", "dev.xml"})
         Expected += "Unable to open XML file " + Dir + "/" + Leaf + "\n";
     EXPECT_EQ(Expected, Out);
-    EXPECT_TRUE(Has(Captured([&] {
-                        EXPECT_EQ(-1, DoesComponentFileExist((Dir + "/other.rpm").c_str()));
-                    }),
-                    "The component file " + Dir + "/other.rpm is not a regular file"));
+    // A component file that is not a regular file is refused with no wording of its own.
+    EXPECT_EQ("", Captured([&] {
+        EXPECT_EQ(-1, DoesComponentFileExist((Dir + "/other.rpm").c_str()));
+    }));
     char Events[4096]; // any IN_OPEN event since the watch began
     EXPECT_LE(read(Watch, Events, sizeof Events), 0) << "the FIFO was opened";
     close(Watch);
