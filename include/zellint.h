@@ -45,6 +45,9 @@ struct LintReport {
 void AddFinding(LintReport *R, const std::string &File, int Line, const char *Tag,
                 const std::string &Message);
 
+// Orders the findings by file, then line (the order every output shows).
+void LintSortFindings(LintReport *R);
+
 // Lints a bundle directory: every bundle file, every component it lists, every file in it.
 // Returns 0, or -1 when the directory cannot be read (a finding says why).
 int LintBundleDirectory(const std::string &Directory, LintReport *R);

@@ -1,6 +1,6 @@
 // cli.cpp - the zelrzp-manager program's entry: the table of known distributions, the usage
 // text, the command line (getopt_long) read into one CliOptions record, and the choice between
-// the lint command, the support matrix and one run printed as a table or as JSON.
+// the lint and report commands, the support matrix and one run printed as a table or as JSON.
 // Writes getopt's optind and opterr, and CliColour once before anything is printed.
 #include <getopt.h>
 #include <unistd.h>
@@ -11,6 +11,7 @@
 #include <cstring>
 #include <string>
 
+#include "report.h"
 #include "zelcli.h"
 #include "zellint.h"
 
@@ -51,6 +52,7 @@ static const char Usage[] =
     "usage: zelrzp-manager [options] [--] BUNDLE_DIR\n"
     "       zelrzp-manager matrix [options] [--] BUNDLE_DIR    (the same as --all-distros)\n"
     "       zelrzp-manager lint [--json] [--strict] BUNDLE_DIR  (what will be misread; lint --help)\n"
+    "       zelrzp-manager report [-o FILE] BUNDLE_DIR   (matrix and lint as one HTML page)\n"
     "Runs the parser sub-service on BUNDLE_DIR and prints the install plan it produces, with\n"
     "every message it printed or sent, tied to the file or component it concerns.\n"
     "\n"
@@ -116,7 +118,7 @@ static bool IsReleaseFile(const std::string &Path)
     return false;
 }
 
-static bool ParseSeconds(const char *Text, int *Seconds)
+bool CliParseSeconds(const char *Text, int *Seconds)
 {
     char *End = nullptr;
     errno = 0;
@@ -230,7 +232,7 @@ static int TakeOption(CliOptions *O, int Code, const char *Value, std::string *F
     case 'C': O->Packages.push_back(Value); return 1;
     case OPT_ERRATA: O->ErrataUnsupported.insert(Value); return 1;
     case OPT_TIMEOUT:
-        if (!ParseSeconds(Value, &O->TimeoutSeconds))
+        if (!CliParseSeconds(Value, &O->TimeoutSeconds))
             return UsageError(std::string("--timeout wants a number of seconds, not ") + Value);
         return 1;
     default: return Informative(Code); // -1 also when getopt_long has said what is wrong
@@ -275,6 +277,8 @@ int main(int Argc, char **Argv)
 {
     if (Argc > 1 && strcmp(Argv[1], "lint") == 0)
         return LintMain(Argc - 1, Argv + 1);
+    if (Argc > 1 && strcmp(Argv[1], "report") == 0)
+        return ReportMain(Argc - 1, Argv + 1);
     CliOptions O;
     if (Argc > 1 && strcmp(Argv[1], "matrix") == 0) { // the command word goes, as if absent
         Argv[1] = Argv[0];

@@ -166,6 +166,14 @@ void AddFinding(LintReport *R, const std::string &File, int Line, const char *Ta
     R->Findings.push_back(F);
 }
 
+void LintSortFindings(LintReport *R)
+{
+    std::stable_sort(R->Findings.begin(), R->Findings.end(),
+                     [](const LintFinding &A, const LintFinding &B) {
+                         return A.File != B.File ? A.File < B.File : A.Line < B.Line;
+                     });
+}
+
 // ---- Capture of standard output ----------------------------------------------------------------
 
 static FILE *CaptureFile = nullptr;
@@ -366,9 +374,7 @@ int LintMain(int argc, char **argv)
         LintBundleDirectory(O.Target, &R);
     else
         LintXmlFile(O.Target, &R);
-    std::stable_sort(R.Findings.begin(), R.Findings.end(), [](const LintFinding &A, const LintFinding &B) {
-        return A.File != B.File ? A.File < B.File : A.Line < B.Line;
-    });
+    LintSortFindings(&R);
     if (O.Sarif)
         LintPrintSarif(O.Target, R);
     else if (O.Json)
