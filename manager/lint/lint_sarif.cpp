@@ -99,8 +99,10 @@ void LintPrintSarif(const std::string &Target, const LintReport &R)
     SarifJson Results = SarifJson::array();
     for (const LintFinding &F : R.Findings)
         Results.push_back(Result(F, Prefix));
-    SarifJson Driver = {{"name", "zelrzp-manager lint"}, {"version", ZEL_VERSION},
-                        {"semanticVersion", ZEL_VERSION}, {"rules", Rules()}};
+    SarifJson Driver = {{"name", "zelrzp-manager lint"},
+                        {"version", ZEL_VERSION},
+                        {"semanticVersion", ZEL_VERSION},
+                        {"rules", Rules()}};
     SarifJson Run = {{"tool", {{"driver", Driver}}},
                      {"originalUriBaseIds", {{BundleBase, {{"uri", "file://" + UriOf(Absolute)}}}}},
                      {"results", Results}};

@@ -101,31 +101,36 @@ static Json LintView(const LintReport &R)
     int Counts[3] = {0, 0, 0};
     for (const LintFinding &F : R.Findings) {
         Counts[F.Severity]++;
-        Findings.push_back({{"file", F.File}, {"line", F.Line},
-                            {"severity", LintSeverityName(F.Severity)}, {"tag", F.Tag},
-                            {"message", F.Message}, {"source", SourceLine(F.File, F.Line)}});
+        Findings.push_back({{"file", F.File},
+                            {"line", F.Line},
+                            {"severity", LintSeverityName(F.Severity)},
+                            {"tag", F.Tag},
+                            {"message", F.Message},
+                            {"source", SourceLine(F.File, F.Line)}});
     }
     char Summary[160];
     snprintf(Summary, sizeof Summary, "%zu findings: %d errors, %d warnings, %d for information.",
              R.Findings.size(), Counts[LINT_ERROR], Counts[LINT_WARNING], Counts[LINT_INFO]);
-    return {{"lintSummary", Summary}, {"hasFindings", !R.Findings.empty()},
-            {"findings", Findings}};
+    return {{"lintSummary", Summary}, {"hasFindings", !R.Findings.empty()}, {"findings", Findings}};
 }
 
 // A component's verdict in a run: the grid's class and label, and the full text.
 static Json Cell(const Json &Run, const std::string &Distro, const std::string &Component)
 {
     std::string Text = CliComponentVerdict(Run, Component);
-    std::string Verdict = !Run["failure"].is_null()           ? "no-plan"
-                          : Text.rfind("refused", 0) == 0      ? "refused"
+    std::string Verdict = !Run["failure"].is_null()             ? "no-plan"
+                          : Text.rfind("refused", 0) == 0       ? "refused"
                           : Text.rfind("recorded with", 0) == 0 ? "findings"
-                          : Text.rfind("recorded", 0) == 0     ? "recorded"
-                                                               : "not-recorded";
-    std::string Label = Verdict == "findings" ? "findings" : Verdict == "no-plan" ? "no plan"
-                        : Verdict == "not-recorded"                          ? "-"
-                                                                             : Verdict;
-    return {{"distro", Distro}, {"component", Component}, {"verdict", Verdict},
-            {"label", Label}, {"reasons", Verdict == "no-plan" ? "no plan" : Text}};
+                          : Text.rfind("recorded", 0) == 0      ? "recorded"
+                                                                : "not-recorded";
+    std::string Label = Verdict == "no-plan"        ? "no plan"
+                        : Verdict == "not-recorded" ? "-"
+                                                    : Verdict;
+    return {{"distro", Distro},
+            {"component", Component},
+            {"verdict", Verdict},
+            {"label", Label},
+            {"reasons", Text}};
 }
 
 static std::string Joined(const Json &List)
@@ -140,7 +145,8 @@ static Json BundleFilesView(const Json &Run)
 {
     Json Files = Json::array();
     for (const Json &B : Run["bundleFiles"])
-        Files.push_back({{"file", CliStr(B["file"])}, {"verdict", CliStr(B["verdict"])},
+        Files.push_back({{"file", CliStr(B["file"])},
+                         {"verdict", CliStr(B["verdict"])},
                          {"claims", Joined(B["claims"])}});
     return Files;
 }
@@ -154,8 +160,8 @@ static Json DistributionView(const Json &Run, const std::vector<std::string> &Co
         Cells.push_back(Cell(Run, Name, C));
     for (const std::string &C : CliComponentsOf(Run)) {
         Json Own = Cell(Run, Name, C);
-        Verdicts.push_back({{"component", C}, {"verdict", Own["verdict"]},
-                            {"text", CliComponentVerdict(Run, C)}});
+        Verdicts.push_back(
+            {{"component", C}, {"verdict", Own["verdict"]}, {"text", Own["reasons"]}});
     }
     bool Plan = Run["bundle"].is_object();
     return {{"name", Name},
