@@ -16,7 +16,7 @@ LEVELS = {"error": "error", "warning": "warning", "info": "note"}
 
 def run(manager, *args, cwd=None):
     done = subprocess.run([manager, "lint", *args], capture_output=True, text=True, cwd=cwd)
-    if done.returncode not in (0, 1):
+    if done.returncode not in (0, 1) or done.stderr:  # a sanitizer's report, too
         sys.exit(f"lint {' '.join(args)} exited {done.returncode}: {done.stderr}")
     return done.returncode, json.loads(done.stdout)
 

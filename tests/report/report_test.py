@@ -77,10 +77,12 @@ def open_page(page, work, screenshot=None):
     return done, console
 
 
-def report(manager, bundle, work, name):
+def report(manager, bundle, work, name, failures):
     page = os.path.join(work, name + ".html")
     done = subprocess.run([manager, "report", "-o", name + ".html", bundle], cwd=work,
                           capture_output=True, text=True, timeout=300)
+    if done.stderr != f"zelrzp-manager report: wrote {page}\n":  # a sanitizer's report, too
+        failures.append(f"report of {bundle} said: {done.stderr}")
     return done.returncode, page
 
 
@@ -118,7 +120,7 @@ def main():
     failures = []
 
     # The example bundle: its findings give exit status 1, as the matrix's.
-    status, page = report(manager, example, work, "example-report")
+    status, page = report(manager, example, work, "example-report", failures)
     if status != 1:
         failures.append(f"report of the example exited {status}")
     p = check_page(page, work, failures, status)
@@ -141,7 +143,7 @@ def main():
     shutil.copytree(example, hostile)
     markup = "<img src=x onerror=document.title=1>.xml"
     open(os.path.join(hostile, markup), "w").write("<x/>\n")
-    status, page = report(manager, hostile, work, "markup-report")
+    status, page = report(manager, hostile, work, "markup-report", failures)
     p = check_page(page, work, failures, status)
     text = "".join(p.text)
     for want in [markup, "a&b <i>bundle</i>"]:
