@@ -95,13 +95,20 @@ static std::string SourceLine(const std::string &File, int Number)
     return Line.size() > 400 ? Line.substr(0, 400) + "..." : Line;
 }
 
-static Json LintView(const LintReport &R)
+// Findings name their files under the bundle directory as given; the page names them in it.
+static std::string InBundle(const std::string &File, const std::string &BundleDir)
+{
+    std::string Prefix = BundleDir.empty() || BundleDir.back() == '/' ? BundleDir : BundleDir + "/";
+    return File.compare(0, Prefix.size(), Prefix) == 0 ? File.substr(Prefix.size()) : File;
+}
+
+static Json LintView(const LintReport &R, const std::string &BundleDir)
 {
     Json Findings = Json::array();
     int Counts[3] = {0, 0, 0};
     for (const LintFinding &F : R.Findings) {
         Counts[F.Severity]++;
-        Findings.push_back({{"file", F.File},
+        Findings.push_back({{"file", InBundle(F.File, BundleDir)},
                             {"line", F.Line},
                             {"severity", LintSeverityName(F.Severity)},
                             {"tag", F.Tag},
@@ -109,7 +116,7 @@ static Json LintView(const LintReport &R)
                             {"source", SourceLine(F.File, F.Line)}});
     }
     char Summary[160];
-    snprintf(Summary, sizeof Summary, "%zu findings: %d errors, %d warnings, %d for information.",
+    snprintf(Summary, sizeof Summary, "Findings: %zu (errors %d, warnings %d, information %d).",
              R.Findings.size(), Counts[LINT_ERROR], Counts[LINT_WARNING], Counts[LINT_INFO]);
     return {{"lintSummary", Summary}, {"hasFindings", !R.Findings.empty()}, {"findings", Findings}};
 }
@@ -254,7 +261,7 @@ int ReportMain(int argc, char **argv)
     LintReport Lint;
     LintBundleDirectory(RO.BundleDir, &Lint);
     LintSortFindings(&Lint);
-    Json View = LintView(Lint);
+    Json View = LintView(Lint, RO.BundleDir);
     CliOptions O;
     O.BundleDir = RO.BundleDir;
     O.ParserPath = RO.ParserPath;
@@ -262,6 +269,10 @@ int ReportMain(int argc, char **argv)
     O.AllDistros = true;
     Json Matrix = CliMatrixRun(O);
     View.update(MatrixView(Matrix));
+    // The fleet joins here once the check of machines exists: its JSON (machines, each with
+    // name, distribution and components with file, verdict and requisites) becomes
+    // View["fleet"] = {fleetComponents, machines: [{name, distribution, cells}]}, the cells
+    // shaped as the matrix's, which report.mustache's fleet section shows.
     View["bundleDirectory"] = RO.BundleDir;
     View["version"] = ZEL_VERSION;
     std::string Page = mstch::render(ReportTemplate, ToNode(View));
