@@ -1,5 +1,5 @@
-// main.cpp - the zelrzp-manager program's entry: the choice of command (lint, the support
-// matrix, or one run printed as a table or as JSON). Each further command is one line of
+// main.cpp - the zelrzp-manager program's entry: the choice of command (lint, report, the
+// support matrix, or one run printed as a table or as JSON). Each further command is one line of
 // Commands below, with its entry in the folder named for it.
 // Writes CliColour once before anything is printed.
 #include <unistd.h>
@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "report.h"
 #include "zelcli.h"
 #include "zellint.h"
 
@@ -20,6 +21,7 @@ static const struct {
     CommandEntry Entry;
 } Commands[] = {
     {"lint", LintMain},
+    {"report", ReportMain},
 };
 
 static CommandEntry FindCommand(int Argc, char **Argv)

@@ -96,7 +96,7 @@ static int MatrixStatus(const std::vector<Json> &Results)
     return AnyPlan ? Worst : CLI_NO_PLAN;
 }
 
-static std::string ComponentVerdict(const Json &R, const std::string &Component)
+std::string CliComponentVerdict(const Json &R, const std::string &Component)
 {
     for (const Json &X : R["refused"])
         if (X["component"] == Component)
@@ -111,8 +111,7 @@ static std::string ComponentVerdict(const Json &R, const std::string &Component)
     return "not recorded" + Notes;
 }
 
-// The components a run looked at: those its messages name, its records, its refusals.
-static std::vector<std::string> ComponentsOf(const Json &R)
+std::vector<std::string> CliComponentsOf(const Json &R)
 {
     std::vector<std::string> Names;
     auto Add = [&Names](const std::string &N) {
@@ -155,11 +154,11 @@ static void Section(const Json &R)
                CliStr(R["bundle"]["file"]).c_str(), CliStr(R["bundle"]["name"]).c_str(),
                CliStr(R["bundle"]["matchedEntry"]).c_str());
     CliTableVerdicts(R);
-    for (const std::string &C : ComponentsOf(R))
-        printf("    %-28s %s\n", C.c_str(), ComponentVerdict(R, C).c_str());
+    for (const std::string &C : CliComponentsOf(R))
+        printf("    %-28s %s\n", C.c_str(), CliComponentVerdict(R, C).c_str());
 }
 
-static void PrintMatrixTable(const CliOptions &O, const std::vector<Json> &Results, int Status)
+static void PrintMatrixTable(const CliOptions &O, const Json &Results, int Status)
 {
     printf("Support matrix of %s\n\n", O.BundleDir.c_str());
     printf("%-10s %-34s %-16s %s\n", "distro", "detected as", "bundle", "result");
@@ -176,21 +175,24 @@ static Json MatrixJson(const CliOptions &O, const Json &Failure, const Json &Run
             {"exitStatus", Status}};
 }
 
-int CliMatrix(CliOptions &O)
+Json CliMatrixRun(CliOptions &O)
 {
     std::string Error;
     if (CliEnterBundleDir(&O, &Error) != 0) {
         fprintf(stderr, "zelrzp-manager: %s\n", Error.c_str());
-        if (O.Json)
-            CliPrintJson(MatrixJson(O, CliFailureJson("setup", 0, Error), Json::array(),
-                                    CLI_NO_PLAN));
-        return CLI_NO_PLAN;
+        return MatrixJson(O, CliFailureJson("setup", 0, Error), Json::array(), CLI_NO_PLAN);
     }
     std::vector<Json> Results = RunMatrix(O);
-    int Status = MatrixStatus(Results);
+    return MatrixJson(O, nullptr, Results, MatrixStatus(Results));
+}
+
+int CliMatrix(CliOptions &O)
+{
+    Json M = CliMatrixRun(O);
+    int Status = M["exitStatus"].get<int>();
     if (O.Json)
-        CliPrintJson(MatrixJson(O, nullptr, Results, Status));
-    else
-        PrintMatrixTable(O, Results, Status);
+        CliPrintJson(M);
+    else if (M["failure"].is_null())
+        PrintMatrixTable(O, M["distributions"], Status);
     return Status;
 }

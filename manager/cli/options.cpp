@@ -22,6 +22,7 @@ static const char Usage[] =
     "       zelrzp-manager matrix [options] [--] BUNDLE_DIR    (the same as --all-distros)\n"
     "       zelrzp-manager lint [--json] [--strict] BUNDLE_DIR  (what will be misread; lint "
     "--help)\n"
+    "       zelrzp-manager report [-o FILE] BUNDLE_DIR   (matrix and lint as one HTML page)\n"
     "Runs the parser sub-service on BUNDLE_DIR and prints the install plan it produces, with\n"
     "every message it printed or sent, tied to the file or component it concerns.\n"
     "\n"
@@ -89,7 +90,7 @@ static bool IsReleaseFile(const std::string &Path)
     return false;
 }
 
-static bool ParseSeconds(const char *Text, int *Seconds)
+bool CliParseSeconds(const char *Text, int *Seconds)
 {
     char *End = nullptr;
     errno = 0;
@@ -215,7 +216,7 @@ static int TakeOption(CliOptions *O, int Code, const char *Value, std::string *F
     case 'C': O->Packages.push_back(Value); return 1;
     case OPT_ERRATA: O->ErrataUnsupported.insert(Value); return 1;
     case OPT_TIMEOUT:
-        if (!ParseSeconds(Value, &O->TimeoutSeconds))
+        if (!CliParseSeconds(Value, &O->TimeoutSeconds))
             return UsageError(std::string("--timeout wants a number of seconds, not ") + Value);
         return 1;
     default: return Informative(Code); // -1 also when getopt_long has said what is wrong

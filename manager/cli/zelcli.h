@@ -1,7 +1,7 @@
 // zelcli.h - the parts of the zelrzp-manager program shared by its files: the options of one
 // invocation, the exit statuses, and the functions that run the sub-service once, judge the
 // run and print it (table, JSON, support matrix).
-// Only the program's own files (manager/cli/) include it.
+// Only the program's own files (manager/cli/) and the report (manager/report/) include it.
 #pragma once
 
 #include <set>
@@ -65,6 +65,9 @@ int CliFailed(CliRun *Run, const char *Stage, int Code, const std::string &What)
 // judges it (failure text, outcome, exit status).
 void CliComplete(CliRun *Run, const CliOptions &O);
 
+// options.cpp: a --timeout value, 1 to 86400 seconds; false when it is none.
+bool CliParseSeconds(const char *Text, int *Seconds);
+
 // json.cpp: the pieces of a run's JSON object, and the object printed.
 Json CliRecordJson(const ZmRecord &R);
 void CliAnalysisJson(const ZfAnalysis &A, Json *Result);
@@ -77,5 +80,11 @@ void CliPrintJson(const Json &R);
 void CliPrintTable(const Json &R);
 void CliTableVerdicts(const Json &R);
 
-// matrix.cpp: every known distribution at once; returns the exit status.
+// matrix.cpp: every known distribution at once, as the JSON that --all-distros --json
+// prints (enters the bundle directory); printed, returning the exit status; a component's
+// verdict in one run ("recorded", "recorded with findings: ...", "refused: ...", "not
+// recorded ...") and the components a run looked at (messages, records, refusals).
+Json CliMatrixRun(CliOptions &O);
 int CliMatrix(CliOptions &O);
+std::string CliComponentVerdict(const Json &R, const std::string &Component);
+std::vector<std::string> CliComponentsOf(const Json &R);

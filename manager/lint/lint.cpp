@@ -1,6 +1,6 @@
-// lint.cpp - the `zelrzp-manager lint` command: options, the table of tags, the capture of the
-// readers' standard output, and the findings as GNU-style lines or JSON. Owns the file-static
-// capture state of one run.
+// lint.cpp - the `zelrzp-manager lint` command: options, the table of tags, the
+// capture of the readers' standard output, and the findings as GNU-style lines or JSON (SARIF in
+// lint/lint_sarif.cpp). Owns the file-static capture state of one run.
 #include <getopt.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -171,6 +171,14 @@ void AddFinding(LintReport *R, const std::string &File, int Line, const char *Ta
     R->Findings.push_back(F);
 }
 
+void LintSortFindings(LintReport *R)
+{
+    std::stable_sort(R->Findings.begin(), R->Findings.end(),
+                     [](const LintFinding &A, const LintFinding &B) {
+                         return A.File != B.File ? A.File < B.File : A.Line < B.Line;
+                     });
+}
+
 // ---- Capture of standard output ----------------------------------------------------------------
 
 static FILE *CaptureFile = nullptr;
@@ -231,13 +239,14 @@ void LintCaptureEnd(void)
 enum { LINT_OK = 0, LINT_FOUND = 1, LINT_USAGE = 2 };
 
 static const char LintUsage[] =
-    "usage: zelrzp-manager lint [--json] [--strict] DIR|FILE.xml\n"
+    "usage: zelrzp-manager lint [--json | --format=FORMAT] [--strict] DIR|FILE.xml\n"
     "       zelrzp-manager lint --explain TAG\n"
     "Reads a bundle directory (or one XML file) with the sub-service's own tokenizer and\n"
     "readers and with a standard XML parser, and reports every place where the bundle will\n"
     "be refused or read otherwise than written, as FILE:LINE: SEVERITY: TAG: message.\n"
     "\n"
     "  --json          print the findings as JSON\n"
+    "  --format=FORMAT gnu (these lines), json (as --json) or sarif (SARIF 2.1.0)\n"
     "  --strict        exit 1 on warnings too\n"
     "  --explain TAG   what TAG means and how to fix it\n"
     "  --list-tags     every tag with its severity\n"
@@ -245,9 +254,16 @@ static const char LintUsage[] =
     "Exit status: 0 no error, 1 errors (with --strict, warnings too), 2 usage.\n";
 
 struct LintOptions {
-    bool Json = false, Strict = false, Help = false, ListTags = false;
+    bool Json = false, Strict = false, Help = false, ListTags = false, Sarif = false;
     std::string Explain, Target;
 };
+
+static int TakeFormat(const char *Format, LintOptions *O)
+{
+    O->Json = strcmp(Format, "json") == 0;
+    O->Sarif = strcmp(Format, "sarif") == 0;
+    return O->Json || O->Sarif || strcmp(Format, "gnu") == 0 ? 0 : -1;
+}
 
 static int ParseLintArguments(int argc, char **argv, LintOptions *O)
 {
@@ -255,6 +271,7 @@ static int ParseLintArguments(int argc, char **argv, LintOptions *O)
                                          {"strict", no_argument, nullptr, 's'},
                                          {"explain", required_argument, nullptr, 'e'},
                                          {"list-tags", no_argument, nullptr, 'l'},
+                                         {"format", required_argument, nullptr, 'f'},
                                          {"help", no_argument, nullptr, 'h'},
                                          {nullptr, 0, nullptr, 0}};
     optind = 1;
@@ -267,6 +284,11 @@ static int ParseLintArguments(int argc, char **argv, LintOptions *O)
         case 'e': O->Explain = optarg; break;
         case 'l': O->ListTags = true; break;
         case 'h': O->Help = true; break;
+        case 'f':
+            if (TakeFormat(optarg, O) == 0)
+                break;
+            fprintf(stderr, "zelrzp-manager lint: --format wants gnu, json or sarif\n");
+            return -1;
         default:
             fprintf(stderr, "zelrzp-manager lint: unknown or incomplete option %s\n", argv[optind - 1]);
             return -1;
@@ -282,6 +304,12 @@ static int ParseLintArguments(int argc, char **argv, LintOptions *O)
     return 0;
 }
 
+std::string LintExplanation(const LintTagInfo &T)
+{
+    return std::string(T.Tag) + " (" + LintSeverityName(T.Severity) + ")\n\n" + T.Summary +
+           "\n\nFix: " + T.Fix;
+}
+
 static int Explain(const std::string &Tag)
 {
     const LintTagInfo *T = FindLintTag(Tag);
@@ -289,7 +317,7 @@ static int Explain(const std::string &Tag)
         fprintf(stderr, "zelrzp-manager lint: no tag %s (see --list-tags)\n", Tag.c_str());
         return LINT_USAGE;
     }
-    printf("%s (%s)\n\n%s\n\nFix: %s\n", T->Tag, LintSeverityName(T->Severity), T->Summary, T->Fix);
+    printf("%s\n", LintExplanation(*T).c_str());
     return LINT_OK;
 }
 
@@ -351,10 +379,10 @@ int LintMain(int argc, char **argv)
         LintBundleDirectory(O.Target, &R);
     else
         LintXmlFile(O.Target, &R);
-    std::stable_sort(R.Findings.begin(), R.Findings.end(), [](const LintFinding &A, const LintFinding &B) {
-        return A.File != B.File ? A.File < B.File : A.Line < B.Line;
-    });
-    if (O.Json)
+    LintSortFindings(&R);
+    if (O.Sarif)
+        LintPrintSarif(O.Target, R);
+    else if (O.Json)
         PrintJson(O.Target, R);
     else
         PrintText(R);

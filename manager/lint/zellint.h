@@ -33,6 +33,8 @@ extern const LintTagInfo LintTags[];
 extern const size_t LintTagCount;
 const LintTagInfo *FindLintTag(const std::string &Tag);
 const char *LintSeverityName(int Severity);
+// What --explain prints for a tag: its name, severity, what it means and how to fix it.
+std::string LintExplanation(const LintTagInfo &T);
 
 // The findings of one run, without duplicates (same file, line, tag and message).
 struct LintReport {
@@ -42,6 +44,9 @@ struct LintReport {
 // Adds a finding with the tag's severity. File is the path as shown to the user.
 void AddFinding(LintReport *R, const std::string &File, int Line, const char *Tag,
                 const std::string &Message);
+
+// Orders the findings by file, then line (the order every output shows).
+void LintSortFindings(LintReport *R);
 
 // Lints a bundle directory: every bundle file, every component it lists, every file in it.
 // Returns 0, or -1 when the directory cannot be read (a finding says why).
@@ -67,6 +72,9 @@ void LintComponentValues(const std::string &Shown, const std::set<std::string> &
 int LintCaptureBegin(void);
 std::string LintCaptureTake(void);
 void LintCaptureEnd(void);
+
+// The findings as one SARIF 2.1.0 log, files relative to Target's directory (lint_sarif.cpp).
+void LintPrintSarif(const std::string &Target, const LintReport &R);
 
 // The entry of `zelrzp-manager lint` (argv[0] is "lint"). Exit status: 0 no error, 1 errors
 // (with --strict, warnings too), 2 usage.

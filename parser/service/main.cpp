@@ -1,5 +1,5 @@
-// main.cpp - entry of the sub-service: the root and context checks, the command line, the
-// start-up of the transport, the listener, the registration and the shut-down thread.
+// main.cpp - entry of the sub-service: --version, the root and context checks, the command
+// line, the start-up of the transport, the listener, the registration and the shut-down thread.
 // Writes ThreadCount (the main thread and the two threads it starts) and ManagerProcessId
 // (the parent that started the process), before any thread starts.
 //
@@ -48,10 +48,15 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "protocol.h"
 #include "runflags.h"
 #include "service.h"
+
+#ifndef ZEL_VERSION
+#define ZEL_VERSION "0"
+#endif
 
 namespace {
 
@@ -100,6 +105,11 @@ int main(int argc, char **argv)
     // has shut down in order.
     signal(SIGPIPE, SIG_IGN);
     ManagerProcessId = getppid();
+    // The installed version, for an administrator: needs neither root nor the manager.
+    if (argc == 2 && strcmp(argv[1], "--version") == 0) {
+        printf("zelparser %s\n", ZEL_VERSION);
+        return 0;
+    }
     if (getuid() != 0) {
         printf("Root access required to use the Parser utility.\n");
         return -1;
