@@ -11,6 +11,7 @@
 #include <cstring>
 #include <string>
 
+#include "check.h"
 #include "zelcli.h"
 #include "zellint.h"
 
@@ -51,6 +52,8 @@ static const char Usage[] =
     "usage: zelrzp-manager [options] [--] BUNDLE_DIR\n"
     "       zelrzp-manager matrix [options] [--] BUNDLE_DIR    (the same as --all-distros)\n"
     "       zelrzp-manager lint [--json] [--strict] BUNDLE_DIR  (what will be misread; lint --help)\n"
+    "       zelrzp-manager check [--snapshot=DIR]... [--answers=FILE] [--json] [--strict] BUNDLE_DIR\n"
+    "       zelrzp-manager snapshot [--for=BUNDLE_DIR] DIR | answers BUNDLE_DIR  (check --help)\n"
     "Runs the parser sub-service on BUNDLE_DIR and prints the install plan it produces, with\n"
     "every message it printed or sent, tied to the file or component it concerns.\n"
     "\n"
@@ -275,6 +278,12 @@ int main(int Argc, char **Argv)
 {
     if (Argc > 1 && strcmp(Argv[1], "lint") == 0)
         return LintMain(Argc - 1, Argv + 1);
+    if (Argc > 1 && strcmp(Argv[1], "check") == 0)
+        return CkMain(Argc - 1, Argv + 1);
+    if (Argc > 1 && strcmp(Argv[1], "snapshot") == 0)
+        return CkSnapshotMain(Argc - 1, Argv + 1);
+    if (Argc > 1 && strcmp(Argv[1], "answers") == 0)
+        return CkAnswersMain(Argc - 1, Argv + 1);
     CliOptions O;
     if (Argc > 1 && strcmp(Argv[1], "matrix") == 0) { // the command word goes, as if absent
         Argv[1] = Argv[0];
