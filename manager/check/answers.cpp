@@ -135,7 +135,10 @@ static void TemplateVariable(const Json &V)
         printf("; default: %s", CliStr(V["defaultValue"]).c_str());
     printf("\n");
     bool Needed = V["required"].get<bool>() && (Password || !V["defaultValue"].is_string());
-    printf(Needed ? "%s=\n" : "#%s=\n", Name.c_str());
+    if (Needed)
+        printf("%s=\n", Name.c_str());
+    else
+        printf("#%s=%s\n", Name.c_str(), Password ? "" : CliStr(V["defaultValue"]).c_str());
 }
 
 static void TemplateOf(const Json &Plan)
@@ -144,12 +147,13 @@ static void TemplateOf(const Json &Plan)
            "# One NAME=VALUE a line; the value is everything after the first '='.\n",
            CliStr(Plan["bundleDirectory"]).c_str(), CliStr(Plan["installedOS"]).c_str());
     for (const Json &C : Plan["components"])
-        for (const char *Phase : {"preConfiguration", "postConfiguration"})
-            for (const Json &V : C[Phase]) {
+        for (const char *Phase : {"preConfiguration", "postConfiguration"}) {
+            if (!C[Phase].empty())
                 printf("\n# -- %s, %s the install\n", CliStr(C["file"]).c_str(),
                        Phase[1] == 'r' ? "before" : "after");
+            for (const Json &V : C[Phase])
                 TemplateVariable(V);
-            }
+        }
 }
 
 static const char AnswersUsage[] =

@@ -36,14 +36,14 @@ static void PrintVariable(const Json &V)
            V["password"].get<bool>() ? " (a password)" : Value.c_str());
 }
 
+// "refused +2: the first reason": the count of the other reasons survives a cut cell.
 static std::string Verdict(const Json &C)
 {
     if (C["verdict"] == "installs")
         return "installs";
-    std::string Text = C["verdict"] == "refused" ? "refused: " : "not recorded: ";
-    Text += CliStr(C["reason"]);
     int Others = C["otherReasons"].get<int>();
-    return Text + (Others > 0 ? " (and " + std::to_string(Others) + " more)" : "");
+    std::string Text = C["verdict"] == "refused" ? "refused" : "not recorded";
+    return Text + (Others > 0 ? " +" + std::to_string(Others) : "") + ": " + CliStr(C["reason"]);
 }
 
 static void PrintMachine(const Json &M)
