@@ -87,12 +87,9 @@ static Json Judge(const Machine &M, const CkPlan &P, const CkOptions &O, const C
         {"bundle", P.Result["bundle"]},
         {"failure", nullptr}};
     Json Components = Json::array();
-    if (!M.OpenError.empty() || !P.Result["failure"].is_null()) {
+    bool NoPlan = !M.OpenError.empty() || !P.Result["failure"].is_null();
+    if (NoPlan)
         R["failure"] = M.OpenError.empty() ? CliStr(P.Result["failure"]["what"]) : M.OpenError;
-        R["components"] = Components;
-        R["exitStatus"] = CLI_NO_PLAN;
-        return R;
-    }
     for (const Json &C : P.Result["components"]) {
         Json J = CkEvaluateComponent(M.Facts, P, C, O.Strict);
         J["configuration"] = CkJudgeConfiguration(C, A);
@@ -101,7 +98,7 @@ static Json Judge(const Machine &M, const CkPlan &P, const CkOptions &O, const C
     for (const Json &X : P.Result["refused"])
         Components.push_back(NotRecorded(X));
     R["components"] = Components;
-    R["exitStatus"] = MachineStatus(Components);
+    R["exitStatus"] = NoPlan ? CLI_NO_PLAN : MachineStatus(Components);
     return R;
 }
 
