@@ -196,8 +196,9 @@ int CkAnswersMain(int Argc, char **Argv)
     std::vector<CliRelease> Releases;
     std::string Error;
     if (CkReleasesFor(Distro, O.Snapshots, &Releases, &Error) != 0) {
-        fprintf(stderr, "zelrzp-manager answers: %s\n", Error.c_str());
-        return Error.rfind("unknown", 0) == 0 ? CLI_USAGE : CLI_NO_PLAN;
+        bool Usage = Error.rfind("unknown", 0) == 0;
+        fprintf(stderr, "zelrzp-manager answers: %s\n%s", Error.c_str(), Usage ? AnswersUsage : "");
+        return Usage ? CLI_USAGE : CLI_NO_PLAN;
     }
     std::vector<CkPlan> Plans = CkMakePlans(O, {Releases});
     if (Plans.empty() || !Plans[0].Result["failure"].is_null()) {

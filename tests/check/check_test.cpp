@@ -6,6 +6,8 @@
 #include <pwd.h>
 #include <sys/utsname.h>
 
+#include <map>
+
 #include <nlohmann/json.hpp>
 
 #include "../common/helpers.h"
@@ -311,4 +313,239 @@ TEST(Check, EverySubtypeOnHandWrittenSnapshots)
         {"check", "--json", "--strict", "--snapshot=" + Bare.Path, B.Path});
     EXPECT_EQ("installs", (*FindComponent(Loose.Parsed["machines"][0], "nic"))["verdict"]);
     EXPECT_EQ("refused", (*FindComponent(Strict.Parsed["machines"][0], "nic"))["verdict"]);
+}
+
+namespace {
+
+std::string Variable(const char *Tag, const std::string &Requirements, const std::string &Name,
+                     int Type, const std::string &Rest = "")
+{
+    return std::string("          <") + Tag + ">\n            <requirements " + Requirements +
+           "/>\n            <prompt>\n              <prompt_xlate lang=\"en\">\n"
+           "                <![CDATA[" +
+           Name +
+           " please:]]>\n              </prompt_xlate>\n"
+           "            </prompt>\n            <outputname type=\"" +
+           std::to_string(Type) + "\" name=\"" + Name + "\"/>\n" + Rest + "          </" + Tag +
+           ">\n";
+}
+
+// A bundle of one component with five variables, before and after the install.
+void WriteConfigBundle(const Tree &B)
+{
+    const char *Pre = "preconfiguration_data_and", *Post = "postconfiguration_data_and";
+    std::string Section =
+        Flags(false, false, true, true) + "        <preconfiguration>\n" +
+        Variable(Pre, "required=\"yes\" minimumlength=\"2\" maximumlength=\"5\"", "PORT", 1,
+                 "            <acceptable_characters>\n              <![CDATA[0123456789]]>\n"
+                 "            </acceptable_characters>\n") +
+        Variable(Pre, "required=\"yes\" minimumlength=\"8\"", "ADMINPASSWD", 2) +
+        Variable(Pre, "required=\"no\"", "LANGCODE", 1,
+                 "            <default_value value=\"en\"/>\n") +
+        "        </preconfiguration>\n        <postconfiguration>\n" +
+        Variable(Post, "required=\"yes\" maximumlength=\"8\"", "COMMUNITY", 1) +
+        Variable(Post, "required=\"no\"", "NOTE", 1) + "        </postconfiguration>\n";
+    WriteBundle(B, {{"conf", Section, ""}});
+}
+
+std::map<std::string, std::string> States(const Json &R, const char *Field)
+{
+    std::map<std::string, std::string> Out;
+    for (const Json &V : (*FindComponent(R["machines"][0], "conf"))["configuration"])
+        Out[V["name"].get<std::string>()] = V[Field].get<std::string>();
+    return Out;
+}
+
+} // namespace
+
+// Every answers case: answered (a value holding '='), default, optional and empty, missing,
+// invalid (short, long, a character outside the acceptable ones), a name that is no variable,
+// a line without '=' (with its line number), comments; a password never shown, in any output.
+TEST(Check, ConfigurationAnswers)
+{
+    Tree B, M, Answers;
+    WriteConfigBundle(B);
+    Machine(M, "2.4.18-3");
+    Answers.Put("good", "# prepared\nPORT=8080\nADMINPASSWD=Good-Secret-77\nCOMMUNITY=a=b\n");
+    Answers.Put("bad", "PORT=80a\nADMINPASSWD=Pw-zq9x\n\n# a comment line\nCOMTUNITY=x\nno equals\n"
+                       "LANGCODE=\n");
+    Answers.Put("limits", "PORT=1\nADMINPASSWD=Long-enough-1\nCOMMUNITY=123456789\n");
+    const std::vector<std::string> Base = {"check", "--snapshot=" + M.Path, "--json"};
+    auto Check = [&](const std::string &File) {
+        std::vector<std::string> Args = Base;
+        Args.insert(Args.end(), {"--answers=" + Answers.Path + "/" + File, B.Path});
+        return RunManager(Args);
+    };
+
+    CheckResult Good = Check("good");
+    EXPECT_EQ(0, Good.Status) << Good.Out << Good.Err;
+    ASSERT_EQ(5u, (*FindComponent(Good.Parsed["machines"][0], "conf"))["configuration"].size());
+    EXPECT_EQ((std::map<std::string, std::string>{{"PORT", "answered"},
+                                                  {"ADMINPASSWD", "answered"},
+                                                  {"LANGCODE", "default"},
+                                                  {"COMMUNITY", "answered"},
+                                                  {"NOTE", "default"}}),
+              States(Good.Parsed, "state"));
+    EXPECT_EQ("optional-empty", States(Good.Parsed, "code")["NOTE"]);
+    EXPECT_EQ("a=b",
+              (*FindComponent(Good.Parsed["machines"][0], "conf"))["configuration"][3]["value"]);
+
+    CheckResult Bad = Check("bad");
+    EXPECT_EQ(1, Bad.Status);
+    EXPECT_EQ((std::map<std::string, std::string>{{"PORT", "bad-character"},
+                                                  {"ADMINPASSWD", "too-short"},
+                                                  {"LANGCODE", "answered"},
+                                                  {"COMMUNITY", "missing"},
+                                                  {"NOTE", "optional-empty"}}),
+              States(Bad.Parsed, "code"));
+    EXPECT_EQ(Json({"line 5: COMTUNITY is no configuration variable of the plan"}),
+              Bad.Parsed["answers"]["warnings"]);
+    ASSERT_EQ(1u, Bad.Parsed["answers"]["errors"].size());
+    EXPECT_NE(std::string::npos,
+              Bad.Parsed["answers"]["errors"][0].get<std::string>().find("bad:6:"));
+    CheckResult Limits = Check("limits");
+    EXPECT_EQ("too-short", States(Limits.Parsed, "code")["PORT"]);
+    EXPECT_EQ("too-long", States(Limits.Parsed, "code")["COMMUNITY"]);
+
+    // The table too; the password's value nowhere, neither whole nor in part.
+    std::vector<std::string> Table = {"check", "--snapshot=" + M.Path,
+                                      "--answers=" + Answers.Path + "/bad", B.Path};
+    CheckResult Shown = RunManager(Table);
+    EXPECT_NE(std::string::npos, Shown.Out.find("COMTUNITY")) << Shown.Out;
+    for (const CheckResult *R : {&Good, &Bad, &Shown})
+        for (const char *Secret : {"Good-Secret-77", "Pw-zq9x"})
+            EXPECT_EQ(std::string::npos, (R->Out + R->Err).find(Secret)) << R->Out << R->Err;
+
+    // The template lists every variable; the required ones without a default are to be filled.
+    CheckResult Template = RunManager({"answers", "--snapshot=" + M.Path, B.Path});
+    EXPECT_EQ(0, Template.Status) << Template.Err;
+    for (const char *Line : {"\nPORT=\n", "\nADMINPASSWD=\n", "\n#LANGCODE=en\n", "\nCOMMUNITY=\n",
+                             "acceptable characters: 0123456789"})
+        EXPECT_NE(std::string::npos, Template.Out.find(Line)) << Line << Template.Out;
+}
+
+// The example fleet: three machines of two distributions share two plans; one machine where
+// everything installs, one where each component is refused for its own reason, and the
+// second distribution. Run as the user nobody: neither the snapshots nor the plans need root.
+TEST(Check, ExampleFleetAsAnOrdinaryUser)
+{
+    struct passwd *Nobody = getpwnam("nobody");
+    int Uid = -1;
+    if (geteuid() == 0 && Nobody != nullptr &&
+        RunProgram("/usr/bin/unshare", {"--user", "--mount", "true"}, (int)Nobody->pw_uid).Status ==
+            0)
+        Uid = (int)Nobody->pw_uid;
+    const std::string Ex = ZEL_EXAMPLES;
+    CheckResult R = RunManager(
+        {"check", "--json", "--snapshot=" + Ex + "/snapshots/rh73-ready",
+         "--snapshot=" + Ex + "/snapshots/rh73-legacy", "--snapshot=" + Ex + "/snapshots/rhel3",
+         "--answers=" + Ex + "/snapshots/answers.txt", Ex + "/server-bundle"},
+        Uid);
+    ASSERT_FALSE(R.Parsed.is_discarded()) << R.Out << R.Err;
+    EXPECT_EQ(1, R.Status);
+    EXPECT_EQ(2, R.Parsed["plans"]);
+    std::vector<std::string> Seen;
+    for (const Json &M : R.Parsed["machines"]) {
+        std::string Row = M["distribution"].get<std::string>() + ":";
+        for (const Json &C : M["components"])
+            Row += " " + C["verdict"].get<std::string>();
+        Seen.push_back(Row);
+    }
+    EXPECT_EQ((std::vector<std::string>{
+                  "Red Hat Linux 7.3: installs installs installs not-recorded",
+                  "Red Hat Linux 7.3: refused refused refused not-recorded",
+                  "Red Hat Enterprise Linux 3: installs installs installs not-recorded"}),
+              Seen);
+    const Json &Legacy = R.Parsed["machines"][1];
+    EXPECT_EQ("none of its 2 supported devices is present", Legacy["components"][0]["reason"]);
+    EXPECT_EQ("kernel-too-new", Legacy["components"][2]["requisites"][0]["code"]);
+    EXPECT_EQ("2.4.20-99",
+              Legacy["components"][2]["requisites"][0]["expected"].get<std::string>().substr(3));
+    EXPECT_EQ("2.4.21-4", Legacy["components"][2]["requisites"][0]["actual"]);
+    EXPECT_EQ("invalid", Legacy["components"][1]["configuration"][0]["state"]); // HTTPPORT=23a1
+}
+
+// A snapshot without release files has no plan; the command lines that are wrong.
+TEST(Check, NoPlanAndCommandLines)
+{
+    Tree B, Empty, Full;
+    WriteConfigBundle(B);
+    Empty.Put("proc/sys/kernel/osrelease", "2.4.18-3\n");
+    CheckResult R = RunManager({"check", "--snapshot=" + Empty.Path, B.Path});
+    EXPECT_EQ(3, R.Status);
+    EXPECT_NE(std::string::npos, R.Err.find("no release file")) << R.Err;
+    R = RunManager({"check", "--snapshot=" + Empty.Path + "/missing", B.Path});
+    EXPECT_EQ(3, R.Status) << R.Err;
+
+    const std::vector<std::vector<std::string>> Wrong = {{"check"},
+                                                         {"check", "--bogus", B.Path},
+                                                         {"check", B.Path, B.Path},
+                                                         {"check", "--snapshot"},
+                                                         {"check", "--answers"},
+                                                         {"snapshot"},
+                                                         {"snapshot", "--for"},
+                                                         {"snapshot", "--x", "d"},
+                                                         {"answers"},
+                                                         {"answers", "--distro=nonesuch", B.Path}};
+    for (const std::vector<std::string> &Args : Wrong) {
+        CheckResult U = RunManager(Args);
+        EXPECT_EQ(2, U.Status) << Args.back();
+        EXPECT_NE(std::string::npos, U.Err.find("usage:")) << Args.back() << U.Err;
+    }
+}
+
+// snapshot records this machine without root: the fixed facts, and with --for the presence of
+// what the bundle's requisites name (never their contents, never a path with ".."), the named
+// variables only; a directory that is not empty is refused untouched. Its snapshot is checked.
+TEST(Check, SnapshotOfThisMachine)
+{
+    struct passwd *Nobody = getpwnam("nobody");
+    int Uid = geteuid() == 0 && Nobody != nullptr ? (int)Nobody->pw_uid : -1;
+    Tree B, Out;
+    const char *Pre = "prerequisite_data";
+    WriteBundle(B, {{"probe",
+                     Flags(true, false, false, false) + "        <prerequisites>\n" +
+                         Requisite(Pre, 3, "/bin/sh") + Requisite(Pre, 5, "/usr") +
+                         Requisite(Pre, 3, "/usr/../etc/passwd") +
+                         Requisite(Pre, 9, "ZELSNAP_NAMED") + Requisite(Pre, 1, "libc.so.6") +
+                         Requisite(Pre, 2, "sh -c true") + "        </prerequisites>\n",
+                     ""}});
+    setenv("ZELSNAP_NAMED", "named-value", 1);
+    setenv("ZELSNAP_OTHER", "other-value", 1);
+    chmod(Out.Path.c_str(), 0777);
+    const std::string Dir = Out.Path + "/snap";
+    CheckResult R = RunManager({"snapshot", "--for=" + B.Path, Dir}, Uid);
+    EXPECT_EQ(0, R.Status) << R.Err;
+    struct stat St;
+    ASSERT_EQ(0, stat((Dir + "/bin/sh").c_str(), &St));
+    EXPECT_EQ(0, St.st_size);
+    EXPECT_NE(0, St.st_mode & 0111);
+    EXPECT_TRUE(Exists((Dir + "/usr").c_str()));
+    EXPECT_FALSE(Exists((Dir + "/etc/passwd").c_str()));
+    EXPECT_NE(std::string::npos, R.Err.find("/usr/../etc/passwd")) << R.Err;
+    std::string Environ = ReadAll(Dir + "/environ");
+    EXPECT_NE(std::string::npos, Environ.find("ZELSNAP_NAMED=named-value\n"));
+    EXPECT_EQ(std::string::npos, Environ.find("ZELSNAP_OTHER"));
+    struct utsname U;
+    uname(&U);
+    EXPECT_EQ(std::string(U.release) + "\n", ReadAll(Dir + "/proc/sys/kernel/osrelease"));
+    unsetenv("ZELSNAP_NAMED");
+    unsetenv("ZELSNAP_OTHER");
+
+    // Its facts read back: the file, the directory, the library, the program, the variable.
+    Machine(Out, "");
+    EXPECT_EQ(0, rename((Out.Path + "/etc/redhat-release").c_str(),
+                        (Dir + "/etc/redhat-release").c_str()));
+    CheckResult C = RunManager({"check", "--json", "--snapshot=" + Dir, B.Path});
+    ASSERT_FALSE(C.Parsed.is_discarded()) << C.Out << C.Err;
+    for (const Json &Req : (*FindComponent(C.Parsed["machines"][0], "probe"))["requisites"])
+        EXPECT_EQ(Req["value"] == "/usr/../etc/passwd" ? "not-satisfied"
+                  : Req["subtype"] == 2                ? "unknown"
+                                                       : "satisfied",
+                  Req["state"])
+            << Req.dump();
+
+    CheckResult Again = RunManager({"snapshot", Dir}, Uid);
+    EXPECT_EQ(1, Again.Status);
+    EXPECT_NE(std::string::npos, Again.Err.find("not an empty directory")) << Again.Err;
 }
