@@ -87,26 +87,44 @@ static int ParseCheck(int Argc, char **Argv, CkOptions *O)
     return 1;
 }
 
+static void SayProblems(const Json &Summary, const std::string &AnswersFile)
+{
+    for (const Json &E : Summary["answers"]["errors"])
+        fprintf(stderr, "zelrzp-manager check: %s\n", CliStr(E).c_str());
+    for (const Json &W : Summary["answers"]["warnings"])
+        fprintf(stderr, "zelrzp-manager check: warning: %s: %s\n", AnswersFile.c_str(),
+                CliStr(W).c_str());
+}
+
+static void SayNoPlan(const Json &M)
+{
+    if (!M["failure"].is_null())
+        fprintf(stderr, "zelrzp-manager check: %s: no plan: %s\n", CliStr(M["name"]).c_str(),
+                CliStr(M["failure"]).c_str());
+}
+
 int CkMain(int Argc, char **Argv)
 {
     CkOptions O;
     int Parsed = ParseCheck(Argc, Argv, &O);
     if (Parsed <= 0)
         return Parsed == 0 ? CLI_CLEAN : CLI_USAGE;
-    Json R = CkCheckJson(O);
-    for (const Json &E : R["answers"]["errors"])
-        fprintf(stderr, "zelrzp-manager check: %s\n", CliStr(E).c_str());
-    for (const Json &W : R["answers"]["warnings"])
-        fprintf(stderr, "zelrzp-manager check: warning: %s: %s\n", O.AnswersFile.c_str(),
-                CliStr(W).c_str());
-    for (const Json &M : R["machines"])
-        if (!M["failure"].is_null())
-            fprintf(stderr, "zelrzp-manager check: %s: no plan: %s\n", CliStr(M["name"]).c_str(),
-                    CliStr(M["failure"]).c_str());
-    fflush(stderr);
-    if (O.Json)
-        CliPrintJson(R);
-    else
-        CkPrintTable(R);
-    return R["exitStatus"].get<int>();
+    CkTable T;
+    Json Summary;
+    bool First = true;
+    size_t Machines = O.Snapshots.empty() ? 1 : O.Snapshots.size();
+    int Status = CkRunCheck(
+        O,
+        [&](const Json &S) {
+            Summary = S;
+            SayProblems(S, O.AnswersFile);
+            O.Json ? CkJsonBegin(S) : CkTableBegin(&T, S, Machines);
+        },
+        [&](Json &&M) {
+            SayNoPlan(M);
+            O.Json ? CkJsonMachine(M, First) : CkTableMachine(&T, M);
+            First = false;
+        });
+    O.Json ? CkJsonEnd(Status) : CkTableEnd(T, Summary, Status);
+    return Status;
 }

@@ -4,6 +4,7 @@
 // output (table, JSON). Only manager/check/*.cpp and the program's dispatch include it.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -82,6 +83,8 @@ struct CkPlace {
     std::string File;
     int Line = 0;
 };
+// CkLocatePrepare reads a component's XML file (once, before any thread calls CkLocate).
+void CkLocatePrepare(const std::string &ComponentFile);
 // Structure 301 or 302; SubType 8 for a device (Index: its place among the devices).
 CkPlace CkLocate(const std::string &ComponentFile, const std::string &Key, uint32_t Structure,
                  uint32_t SubType, const std::string &Value, int Index);
@@ -111,12 +114,27 @@ std::vector<CkPlan> CkMakePlans(const CkOptions &O,
 // 0, or -1 with *Error (starting "unknown" for an unknown distribution).
 int CkReleasesFor(const std::string &Distro, const std::vector<std::string> &Snapshots,
                   std::vector<CliRelease> *Releases, std::string *Error);
-// The whole check: every machine's result and the exit status, as JSON (the shape of
-// docs/check.md). The program's working directory becomes the bundle directory.
+// The whole check, each machine's result handed to Each in order as soon as its batch is
+// judged (a fleet is never held whole); Begin gets the summary (bundleDirectory, strict,
+// answers, plans) first. Returns the exit status. The working directory becomes the bundle
+// directory.
+int CkRunCheck(const CkOptions &O, const std::function<void(const Json &)> &Begin,
+               const std::function<void(Json &&)> &Each);
+// The whole check as one JSON object (the shape of docs/check.md), for a report to read.
 Json CkCheckJson(const CkOptions &O);
 
-// check_output.cpp: the result as a table.
-void CkPrintTable(const Json &R);
+// check_output.cpp: the result as a table, machine by machine, and as JSON, machine by machine.
+struct CkTable {
+    size_t Machines = 0;
+    std::vector<std::string> Names, Files;
+    std::vector<std::map<std::string, std::string>> Columns; // file -> cell, per machine
+};
+void CkTableBegin(CkTable *T, const Json &Summary, size_t Machines);
+void CkTableMachine(CkTable *T, const Json &Machine);
+void CkTableEnd(const CkTable &T, const Json &Summary, int Status);
+void CkJsonBegin(const Json &Summary);
+void CkJsonMachine(const Json &Machine, bool First);
+void CkJsonEnd(int Status);
 
 // snapshot.cpp: zelrzp-manager snapshot.
 int CkSnapshotMain(int Argc, char **Argv);

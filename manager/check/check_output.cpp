@@ -1,10 +1,11 @@
-// check_output.cpp - the check as a table: for a few machines each one's components with their
-// failing requisites first, then the others, and the configuration variables; for several
-// machines the fleet, one column per machine and one row per component (installs, or refused
-// with the first reason and the count of the others). The JSON is printed by cli_json.cpp.
-// Writes no globals.
+// check_output.cpp - the check printed machine by machine as it is judged: as a table (for a few
+// machines each one's components with their failing requisites first, then the others, and the
+// configuration variables; for several machines the fleet, one column per machine and one row
+// per component: installs, or refused with the first reason and the count of the others), or as
+// JSON. Writes only the CkTable record it is given.
 #include <algorithm>
 #include <cstdio>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -64,53 +65,95 @@ static void PrintMachine(const Json &M)
     }
 }
 
-static std::string Cell(const Json &M, const std::string &File)
+// One machine's column: each component's cell by its file.
+static std::map<std::string, std::string> Column(const Json &M)
 {
-    if (!M["failure"].is_null())
-        return "no plan";
-    for (const Json &C : M["components"])
-        if (C["file"] == File) {
-            std::string Text = Verdict(C);
-            return Text.size() > CELL_WIDTH - 1 ? Text.substr(0, CELL_WIDTH - 4) + "..." : Text;
-        }
-    return "-";
+    std::map<std::string, std::string> Cells;
+    for (const Json &C : M["components"]) {
+        std::string Text = !M["failure"].is_null() ? "no plan" : Verdict(C);
+        Cells[CliStr(C["file"])] = Text.size() > CELL_WIDTH - 1
+                                       ? Text.substr(0, CELL_WIDTH - 4) + "..."
+                                       : Text;
+    }
+    return Cells;
 }
 
-static void PrintFleet(const Json &Machines)
+static std::string Heading(std::string Name)
 {
-    std::vector<std::string> Files;
-    for (const Json &M : Machines)
-        for (const Json &C : M["components"])
-            if (std::find(Files.begin(), Files.end(), CliStr(C["file"])) == Files.end())
-                Files.push_back(CliStr(C["file"]));
+    return Name.size() > CELL_WIDTH - 1 ? "..." + Name.substr(Name.size() - CELL_WIDTH + 4) : Name;
+}
+
+static void PrintFleet(const CkTable &T)
+{
     printf("\n%-30s", "component");
-    for (const Json &M : Machines) {
-        std::string Name = CliStr(M["name"]);
-        Name = Name.size() > CELL_WIDTH - 1 ? "..." + Name.substr(Name.size() - CELL_WIDTH + 4)
-                                            : Name;
-        printf(" %-*s", CELL_WIDTH, Name.c_str());
-    }
+    for (const std::string &Name : T.Names)
+        printf(" %-*s", CELL_WIDTH, Heading(Name).c_str());
     printf("\n");
-    for (const std::string &F : Files) {
+    for (const std::string &F : T.Files) {
         printf("%-30s", F.c_str());
-        for (const Json &M : Machines)
-            printf(" %-*s", CELL_WIDTH, Cell(M, F).c_str());
+        for (const auto &Cells : T.Columns) {
+            auto Cell = Cells.find(F);
+            printf(" %-*s", CELL_WIDTH, Cell == Cells.end() ? "-" : Cell->second.c_str());
+        }
         printf("\n");
     }
 }
 
-void CkPrintTable(const Json &R)
+void CkTableBegin(CkTable *T, const Json &Summary, size_t Machines)
 {
-    const Json &Machines = R["machines"];
-    printf("Check of %s on %zu machine%s (%s)\n", CliStr(R["bundleDirectory"]).c_str(),
-           Machines.size(), Machines.size() == 1 ? "" : "s",
-           R["strict"].get<bool>() ? "strict: unknown fails" : "unknown does not fail");
-    if (Machines.size() <= DETAILED_MACHINES)
-        for (const Json &M : Machines)
-            PrintMachine(M);
-    if (Machines.size() > 1)
-        PrintFleet(Machines);
-    for (const Json &W : R["answers"]["warnings"])
+    T->Machines = Machines;
+    printf("Check of %s on %zu machine%s (%s)\n", CliStr(Summary["bundleDirectory"]).c_str(),
+           Machines, Machines == 1 ? "" : "s",
+           Summary["strict"].get<bool>() ? "strict: unknown fails" : "unknown does not fail");
+}
+
+void CkTableMachine(CkTable *T, const Json &M)
+{
+    if (T->Machines <= DETAILED_MACHINES)
+        PrintMachine(M);
+    if (T->Machines < 2)
+        return;
+    T->Names.push_back(CliStr(M["name"]));
+    T->Columns.push_back(Column(M));
+    for (const Json &C : M["components"])
+        if (std::find(T->Files.begin(), T->Files.end(), CliStr(C["file"])) == T->Files.end())
+            T->Files.push_back(CliStr(C["file"]));
+}
+
+void CkTableEnd(const CkTable &T, const Json &Summary, int Status)
+{
+    if (T.Machines > 1)
+        PrintFleet(T);
+    for (const Json &W : Summary["answers"]["warnings"])
         printf("\nwarning: %s\n", CliStr(W).c_str());
-    printf("\nResult: exit status %d\n", R["exitStatus"].get<int>());
+    printf("\nResult: exit status %d\n", Status);
+}
+
+// ---- JSON, machine by machine -----------------------------------------------------------------
+// The same object as CkCheckJson gives, printed as it comes.
+
+void CkJsonBegin(const Json &Summary)
+{
+    std::string Text = Summary.dump(2, ' ', false, Json::error_handler_t::replace);
+    Text.resize(Text.rfind('}'));
+    while (!Text.empty() && Text.back() == '\n')
+        Text.pop_back();
+    printf("%s,\n  \"machines\": [", Text.c_str());
+}
+
+void CkJsonMachine(const Json &M, bool First)
+{
+    std::string Text = M.dump(2, ' ', false, Json::error_handler_t::replace), Indented = "    ";
+    Indented.reserve(Text.size() + Text.size() / 8);
+    for (char C : Text) {
+        Indented += C;
+        if (C == '\n')
+            Indented += "    ";
+    }
+    printf("%s\n%s", First ? "" : ",", Indented.c_str());
+}
+
+void CkJsonEnd(int Status)
+{
+    printf("\n  ],\n  \"exitStatus\": %d\n}\n", Status);
 }

@@ -6,6 +6,7 @@
 // while this process has a single thread. Writes the working directory (plans.cpp).
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <map>
 #include <string>
 #include <thread>
@@ -93,12 +94,12 @@ static Json Judge(const Machine &M, const CkPlan &P, const CkOptions &O, const C
     for (const Json &C : P.Result["components"]) {
         Json J = CkEvaluateComponent(M.Facts, P, C, O.Strict);
         J["configuration"] = CkJudgeConfiguration(C, A);
-        Components.push_back(J);
+        Components.push_back(std::move(J));
     }
     for (const Json &X : P.Result["refused"])
         Components.push_back(NotRecorded(X));
-    R["components"] = Components;
     R["exitStatus"] = NoPlan ? CLI_NO_PLAN : MachineStatus(Components);
+    R["components"] = std::move(Components);
     return R;
 }
 
@@ -132,7 +133,11 @@ static void LoadMachines(const CkOptions &O, std::vector<Machine> *Machines)
     });
 }
 
-Json CkCheckJson(const CkOptions &O)
+// Machines judged at once before their results are handed over: a fleet is never held whole.
+#define BATCH_MACHINES 64
+
+int CkRunCheck(const CkOptions &O, const std::function<void(const Json &)> &Begin,
+               const std::function<void(Json &&)> &Each)
 {
     CkAnswers A;
     std::vector<std::string> AnswerErrors;
@@ -140,25 +145,41 @@ Json CkCheckJson(const CkOptions &O)
         CkReadAnswers(O.AnswersFile, &A, &AnswerErrors);
     std::vector<Machine> Machines;
     LoadMachines(O, &Machines);
-    std::vector<std::vector<CliRelease>> Sets = Group(&Machines);
-    std::vector<CkPlan> Plans = CkMakePlans(O, Sets);
-    ForEach(Machines.size(), [&](size_t i) {
-        Machines[i].Result = Judge(Machines[i], Plans[Machines[i].Plan], O, A);
-        CkCloseFacts(&Machines[i].Facts);
-    });
-    Json List = Json::array();
+    std::vector<CkPlan> Plans = CkMakePlans(O, Group(&Machines));
+    for (const CkPlan &P : Plans)
+        for (const Json &C : P.Result["components"])
+            CkLocatePrepare(CliStr(C["file"]));
+    Begin({{"bundleDirectory", O.BundleDir},
+           {"strict", O.Strict},
+           {"answers",
+            {{"file", O.AnswersFile.empty() ? Json(nullptr) : Json(O.AnswersFile)},
+             {"errors", AnswerErrors},
+             {"warnings", Warnings(A, Plans)}}},
+           {"plans", Plans.size()}});
     int Status = AnswerErrors.empty() ? CLI_CLEAN : CLI_FINDINGS;
-    for (const Machine &M : Machines) {
-        List.push_back(M.Result);
-        Status = std::max(Status, M.Result["exitStatus"].get<int>());
+    for (size_t First = 0; First < Machines.size(); First += BATCH_MACHINES) {
+        size_t Count = std::min<size_t>(BATCH_MACHINES, Machines.size() - First);
+        ForEach(Count, [&](size_t i) {
+            Machine &M = Machines[First + i];
+            M.Result = Judge(M, Plans[M.Plan], O, A);
+            CkCloseFacts(&M.Facts);
+        });
+        for (size_t i = First; i < First + Count; i++) {
+            Status = std::max(Status, Machines[i].Result["exitStatus"].get<int>());
+            Each(std::move(Machines[i].Result));
+            Machines[i].Result = nullptr;
+        }
     }
-    return {{"bundleDirectory", O.BundleDir},
-            {"strict", O.Strict},
-            {"answers",
-             {{"file", O.AnswersFile.empty() ? Json(nullptr) : Json(O.AnswersFile)},
-              {"errors", AnswerErrors},
-              {"warnings", Warnings(A, Plans)}}},
-            {"plans", Plans.size()},
-            {"machines", List},
-            {"exitStatus", Status}};
+    return Status;
+}
+
+Json CkCheckJson(const CkOptions &O)
+{
+    Json R, List = Json::array();
+    int Status = CkRunCheck(
+        O, [&](const Json &Summary) { R = Summary; },
+        [&](Json &&M) { List.push_back(std::move(M)); });
+    R["machines"] = std::move(List);
+    R["exitStatus"] = Status;
+    return R;
 }

@@ -1,12 +1,12 @@
 // locate.cpp - where a requisite is written: the component XML file and the line of its
 // prerequisite_data, postrequisite_data or supported_device element, read with pugixml.
-// Each file is read once; Cache (guarded by CacheLock) keeps its elements for every machine.
+// Each file is read once, by CkLocatePrepare before the machines are judged; Cache then only
+// is read (by every judging thread at once).
 #include <pugixml.hpp>
 
 #include <algorithm>
 #include <fstream>
 #include <map>
-#include <mutex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -23,7 +23,6 @@ struct Element {
     int Line;
 };
 
-std::mutex CacheLock;
 std::map<std::string, std::vector<Element>> Cache;
 
 int LineAt(const std::string &Text, ptrdiff_t Offset)
@@ -56,11 +55,13 @@ void Collect(const std::string &Text, pugi::xml_node Root, std::vector<Element> 
                         LineAt(Text, X.node().offset_debug())});
 }
 
-const std::vector<Element> &ElementsOf(const std::string &Xml)
+} // namespace
+
+void CkLocatePrepare(const std::string &ComponentFile)
 {
-    auto Found = Cache.find(Xml);
-    if (Found != Cache.end())
-        return Found->second;
+    std::string Xml = ZfXmlFileOf(ComponentFile);
+    if (Cache.count(Xml))
+        return;
     std::vector<Element> &Out = Cache[Xml];
     std::ifstream In(Xml, std::ios::binary);
     std::stringstream Text;
@@ -69,17 +70,16 @@ const std::vector<Element> &ElementsOf(const std::string &Xml)
     pugi::xml_document Doc;
     if (In && Doc.load_buffer(Bytes.data(), Bytes.size()))
         Collect(Bytes, Doc, &Out);
-    return Out;
 }
-
-} // namespace
 
 CkPlace CkLocate(const std::string &ComponentFile, const std::string &Key, uint32_t Structure,
                  uint32_t SubType, const std::string &Value, int Index)
 {
     std::string Xml = ZfXmlFileOf(ComponentFile);
-    std::lock_guard<std::mutex> Guard(CacheLock);
-    const std::vector<Element> &Elements = ElementsOf(Xml);
+    auto Found = Cache.find(Xml);
+    if (Found == Cache.end())
+        return {Xml, 0};
+    const std::vector<Element> &Elements = Found->second;
     int Line = 0, Devices = 0;
     for (const Element &E : Elements) {
         if (E.Structure != Structure || E.SubType != SubType)

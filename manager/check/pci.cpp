@@ -3,7 +3,8 @@
 // snapshot's root (links resolved inside it), checked, and written to a private mirror that
 // libpci's sysfs path then points at, so libpci never follows anything of the snapshot.
 // Device names come from the PCI ID database through one shared libpci handle.
-// Writes NameAccess (created once, guarded by NameLock) and, per thread, ScanFailed.
+// Writes NameAccess (created once, guarded by NameLock) and, per thread, ScanFailed and the
+// names it has looked up.
 extern "C" {
 #include <pci/pci.h>
 }
@@ -15,6 +16,7 @@ extern "C" {
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <mutex>
 #include <string>
 
@@ -164,15 +166,39 @@ int CkReadDevices(const CkFacts &F, std::vector<CkDevice> *Devices, std::string 
 static std::mutex NameLock;
 static struct pci_access *NameAccess;
 
-std::string CkDeviceName(unsigned Vendor, unsigned Device)
+// The handle is never initialised for access (only the names are wanted), so every callback
+// it may call is set here: libpci leaves them null until pci_init.
+static struct pci_access *NameHandle(void)
 {
-    std::lock_guard<std::mutex> Guard(NameLock);
     if (NameAccess == nullptr) {
         NameAccess = pci_alloc();
-        NameAccess->warning = PciQuiet; // no database: the numbers are shown instead
+        NameAccess->error = PciFatal;
+        NameAccess->warning = PciQuiet;
+        NameAccess->debug = PciQuiet;
     }
+    return NameAccess;
+}
+
+// Without the database, or for an ID it does not know, libpci gives the numbers instead.
+static std::string LookUpName(unsigned Vendor, unsigned Device)
+{
+    std::lock_guard<std::mutex> Guard(NameLock);
+    struct pci_access *Access = NameHandle();
     char Name[256];
-    const char *Found = pci_lookup_name(NameAccess, Name, sizeof Name,
+    if (setjmp(ScanFailed) != 0)
+        return "";
+    const char *Found = pci_lookup_name(Access, Name, sizeof Name,
                                         PCI_LOOKUP_VENDOR | PCI_LOOKUP_DEVICE, Vendor, Device);
     return Found ? Found : "";
+}
+
+// Each thread keeps the names it has looked up: a fleet asks for the same few devices often.
+std::string CkDeviceName(unsigned Vendor, unsigned Device)
+{
+    thread_local std::map<unsigned, std::string> Known;
+    unsigned Key = Vendor << 16 | Device;
+    auto Found = Known.find(Key);
+    if (Found == Known.end())
+        Found = Known.emplace(Key, LookUpName(Vendor, Device)).first;
+    return Found->second;
 }

@@ -184,7 +184,11 @@ TEST(Check, EverySubtypeOnHandWrittenSnapshots)
                                            {"subven", "0E11"},
                                            {"subdev", "B0DD"}}) +
                           SupportedDevice({{"ven", "8086"}, {"dev", "2449"}});
-    WriteBundle(B, {{"probe", Probe, ""}, {"nic", Flags(true, false, false, false), Devices}});
+    // A device that the PCI ID database does not know once crashed the name lookup.
+    std::string Unnamed = SupportedDevice({{"ven", "FFF0"}, {"dev", "0001"}});
+    WriteBundle(B, {{"probe", Probe, ""},
+                    {"nic", Flags(true, false, false, false), Devices},
+                    {"unnamed", Flags(true, false, false, false), Unnamed}});
 
     Machine(Present, "2.4.18-10");
     Present.Put("lib/libssl.so.2", "");
@@ -295,6 +299,9 @@ TEST(Check, EverySubtypeOnHandWrittenSnapshots)
                                     {"installs", Bare.Path.c_str()}};
     for (const auto &V : NicVerdicts)
         EXPECT_EQ(V[0], (*FindComponent(*FindMachine(R.Parsed, V[1]), "nic"))["verdict"]) << V[1];
+    const Json &Unknown = (*FindComponent(*FindMachine(R.Parsed, Present.Path), "unnamed"));
+    EXPECT_EQ("refused", Unknown["verdict"]);
+    EXPECT_NE(std::string::npos, Unknown["requisites"][0]["name"].get<std::string>().find("fff0"));
     // A postrequisite that does not hold is shown, and never refuses its component; the
     // failing prerequisites come first.
     const Json &Probe1 = *FindComponent(*FindMachine(R.Parsed, Present.Path), "probe");
