@@ -1,9 +1,10 @@
 // fleet.cpp - the whole check: every machine's facts, one plan per distinct set of release
 // files (machines that share release files share the sub-service's run), every machine judged
-// against its plan, the answers, and the exit status. Threads: the facts are read and the
-// machines judged by a few worker threads, each taking the next machine from an atomic index
-// and writing only that machine's slot; the plans are made in between, by child processes,
-// while this process has a single thread. Writes the working directory (plans.cpp).
+// against its plan, the answers, and the exit status. Threads: the facts are read, and the
+// machines judged batch by batch, by one worker thread per core, each taking the next machine
+// from an atomic index and writing only that machine's slot; the main thread hands a judged
+// batch over in order. The plans are made in between, by child processes, while this process
+// has a single thread. Writes the working directory (plans.cpp).
 #include <algorithm>
 #include <atomic>
 #include <functional>
