@@ -26,7 +26,7 @@ static thread_local jmp_buf ScanFailed;
 static thread_local char ScanError[256];
 
 // libpci's handler of a fatal error must not return: the scan is abandoned.
-[[noreturn]] static void PciFatal(char *Format, ...)
+__attribute__((noreturn)) static void PciFatal(char *Format, ...)
 {
     va_list Args;
     va_start(Args, Format);
