@@ -41,8 +41,11 @@ struct CkFacts {
 };
 
 // facts.cpp: opens Root and reads the fixed facts (release files, kernel, environment,
-// processes, PCI devices). 0, or -1 with *Error when Root cannot be opened.
+// processes, PCI devices). 0, or -1 with *Error when Root cannot be opened. CkOpenFacts opens
+// Root and reads the release files only; CkReadFacts then the rest (nothing if not open).
 int CkLoadFacts(const std::string &Root, bool Live, CkFacts *F, std::string *Error);
+int CkOpenFacts(const std::string &Root, bool Live, CkFacts *F, std::string *Error);
+void CkReadFacts(CkFacts *F);
 void CkCloseFacts(CkFacts *F);
 // A file of the machine read whole (at most Limit bytes): 0, or -1 with a reason.
 int CkReadFile(const CkFacts &F, const std::string &Path, size_t Limit, std::string *Text,

@@ -203,7 +203,7 @@ static void ReadLdConf(CkFacts *F, const std::string &Path, int Depth)
     }
 }
 
-int CkLoadFacts(const std::string &Root, bool Live, CkFacts *F, std::string *Error)
+int CkOpenFacts(const std::string &Root, bool Live, CkFacts *F, std::string *Error)
 {
     F->Root = Root;
     F->Live = Live;
@@ -214,12 +214,26 @@ int CkLoadFacts(const std::string &Root, bool Live, CkFacts *F, std::string *Err
         return -1;
     }
     LoadReleases(F);
+    return 0;
+}
+
+void CkReadFacts(CkFacts *F)
+{
+    if (F->RootFd < 0)
+        return;
     LoadKernel(F);
     LoadEnviron(F);
     LoadProcesses(F);
     F->LibraryDirs = {"/lib", "/usr/lib", "/lib64", "/usr/lib64"};
     ReadLdConf(F, "/etc/ld.so.conf", 0);
     F->DeviceFact.Known = CkReadDevices(*F, &F->Devices, &F->DeviceFact.Why) == 0;
+}
+
+int CkLoadFacts(const std::string &Root, bool Live, CkFacts *F, std::string *Error)
+{
+    if (CkOpenFacts(Root, Live, F, Error) != 0)
+        return -1;
+    CkReadFacts(F);
     return 0;
 }
 

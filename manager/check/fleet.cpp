@@ -1,10 +1,10 @@
-// fleet.cpp - the whole check: every machine's facts, one plan per distinct set of release
-// files (machines that share release files share the sub-service's run), every machine judged
-// against its plan, the answers, and the exit status. Threads: the facts are read, and the
-// machines judged batch by batch, by one worker thread per core, each taking the next machine
-// from an atomic index and writing only that machine's slot; the main thread hands a judged
-// batch over in order. The plans are made in between, by child processes, while this process
-// has a single thread. Writes the working directory (plans.cpp).
+// fleet.cpp - the whole check: every machine's release files, one plan per distinct set of
+// them (machines that share release files share the sub-service's run), then every machine's
+// other facts read and the machine judged against its plan, the answers, and the exit status.
+// Threads: none until the plans are made (by child processes that enter sandboxes); then the
+// machines are read and judged batch by batch by one worker thread per core, each taking the
+// next machine from an atomic index and writing only that machine's slot, and the main thread
+// hands a judged batch over in order. Writes the working directory (plans.cpp).
 #include <algorithm>
 #include <atomic>
 #include <functional>
@@ -122,16 +122,19 @@ static Json Warnings(const CkAnswers &A, const std::vector<CkPlan> &Plans)
     return List;
 }
 
-static void LoadMachines(const CkOptions &O, std::vector<Machine> *Machines)
+// Only the release files before the plans: no thread may have been started before the plans'
+// children enter their sandboxes (a sanitizer's runtime keeps a thread once one was started,
+// and a threaded process cannot enter a new user namespace).
+static void OpenMachines(const CkOptions &O, std::vector<Machine> *Machines)
 {
     bool Live = O.Snapshots.empty();
     Machines->resize(Live ? 1 : O.Snapshots.size());
-    ForEach(Machines->size(), [&](size_t i) {
+    for (size_t i = 0; i < Machines->size(); i++) {
         Machine &M = (*Machines)[i];
         std::string Root = Live ? "/" : O.Snapshots[i];
-        if (CkLoadFacts(Root, Live, &M.Facts, &M.OpenError) != 0)
+        if (CkOpenFacts(Root, Live, &M.Facts, &M.OpenError) != 0)
             M.Facts.Name = Root;
-    });
+    }
 }
 
 // Machines judged at once before their results are handed over: a fleet is never held whole.
@@ -145,7 +148,7 @@ int CkRunCheck(const CkOptions &O, const std::function<void(const Json &)> &Begi
     if (!O.AnswersFile.empty())
         CkReadAnswers(O.AnswersFile, &A, &AnswerErrors);
     std::vector<Machine> Machines;
-    LoadMachines(O, &Machines);
+    OpenMachines(O, &Machines);
     std::vector<CkPlan> Plans = CkMakePlans(O, Group(&Machines));
     for (const CkPlan &P : Plans)
         for (const Json &C : P.Result["components"])
@@ -162,6 +165,7 @@ int CkRunCheck(const CkOptions &O, const std::function<void(const Json &)> &Begi
         size_t Count = std::min<size_t>(BATCH_MACHINES, Machines.size() - First);
         ForEach(Count, [&](size_t i) {
             Machine &M = Machines[First + i];
+            CkReadFacts(&M.Facts);
             M.Result = Judge(M, Plans[M.Plan], O, A);
             CkCloseFacts(&M.Facts);
         });
