@@ -1,6 +1,7 @@
 // cli.cpp - the zelrzp-manager program's entry: the table of known distributions, the usage
 // text, the command line (getopt_long) read into one CliOptions record, and the choice between
-// the lint command, the support matrix and one run printed as a table or as JSON.
+// the lint, check, snapshot and answers commands, the support matrix and one run printed as a
+// table or as JSON.
 // Writes getopt's optind and opterr, and CliColour once before anything is printed.
 #include <getopt.h>
 #include <unistd.h>
