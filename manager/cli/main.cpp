@@ -1,12 +1,13 @@
-// main.cpp - the zelrzp-manager program's entry: the choice of command (lint, report, the
-// support matrix, or one run printed as a table or as JSON). Each further command is one line of
-// Commands below, with its entry in the folder named for it.
+// main.cpp - the zelrzp-manager program's entry: the choice of command (lint, report, check,
+// snapshot, answers, the support matrix, or one run printed as a table or as JSON). Each
+// further command is one line of Commands below, with its entry in the folder named for it.
 // Writes CliColour once before anything is printed.
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
 
+#include "check.h"
 #include "report.h"
 #include "zelcli.h"
 #include "zellint.h"
@@ -22,6 +23,9 @@ static const struct {
 } Commands[] = {
     {"lint", LintMain},
     {"report", ReportMain},
+    {"check", CkMain},
+    {"snapshot", CkSnapshotMain},
+    {"answers", CkAnswersMain},
 };
 
 static CommandEntry FindCommand(int Argc, char **Argv)

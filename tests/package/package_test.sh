@@ -104,20 +104,22 @@ check_completion() {
     echo "format: $(complete_line "zelrzp-manager lint --format=")"
     echo "options: $(complete_line "zelrzp-manager --al")"
     echo "lint options: $(complete_line "zelrzp-manager lint --s")"
-    echo "bundle: $(complete_line "zelrzp-manager --distro=rh73 examples/s")"
+    echo "check options: $(complete_line "zelrzp-manager check --s")"
+    echo "bundle: $(complete_line "zelrzp-manager --distro=rh73 examples/se")"
   ' "$root/usr/share/doc/zelparser" >"$work/completion.txt"
   cat "$work/completion.txt"
   local want
   while IFS= read -r want; do
     grep -qxF -- "$want" "$work/completion.txt" || fail "completion: want \"$want\""
   done <<'WANT'
-commands: examples lint matrix report 
+commands: answers check examples lint matrix report snapshot 
 distros: rh73 rhas21 rhel3 sles7 sles8 sles8-ul ul10 ul10-sp3 
 distros s: sles7 sles8 sles8-ul 
 explain: dialect-attribute dialect-cdata dialect-element dialect-text 
 format: gnu json sarif 
 options: --all-distros 
 lint options: --strict 
+check options: --snapshot= --strict 
 bundle: examples/server-bundle 
 WANT
 }

@@ -1,0 +1,150 @@
+// plans.cpp - the plans of the check: one sandboxed child process per distinct set of release
+// files, a few at a time, each running the sub-service as the plan command does and leaving
+// its plan, with the distribution name and version the sub-service's own detection gives, as
+// JSON in a temporary file. Writes the working directory (the bundle directory, before the
+// children start) and, in each child, its standard output (sent to /dev/null).
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "check.h"
+#include "packages.h"
+
+static Json FailedPlan(const std::vector<CliRelease> &Set, const std::string &What)
+{
+    Json Releases = Json::object();
+    for (const CliRelease &R : Set)
+        Releases[R.File] = R.Text;
+    return {{"distribution", {{"releaseFiles", Releases}, {"key", nullptr}}},
+            {"installedOS", ""},
+            {"failure", CliFailureJson("plan", 0, What)},
+            {"bundle", nullptr},
+            {"refused", Json::array()},
+            {"components", Json::array()},
+            {"outcome", "no plan"},
+            {"exitStatus", CLI_NO_PLAN}};
+}
+
+// In the child: the plan, then the sub-service's detection in the same sandbox.
+[[noreturn]] static void RunChild(CliOptions CO, const std::vector<CliRelease> &Set, int Fd)
+{
+    int Null = open("/dev/null", O_WRONLY);
+    if (Null >= 0)
+        dup2(Null, 1);
+    CO.Releases = Set;
+    Json R = CliRunOne(CO, nullptr, false);
+    char Name[OS_NAME_MAX] = {}, Version[OS_NAME_MAX] = {};
+    if (R["failure"].is_null() || !R["installedOS"].get<std::string>().empty())
+        DetectInstalledOS(Name, Version);
+    R["osName"] = Name;
+    R["osVersion"] = Version;
+    std::string Text = R.dump(-1, ' ', false, Json::error_handler_t::replace);
+    ssize_t Written = write(Fd, Text.data(), Text.size());
+    _exit(Written == (ssize_t)Text.size() ? 0 : 1);
+}
+
+static pid_t StartChild(const CliOptions &CO, const std::vector<CliRelease> &Set, int *Fd)
+{
+    FILE *File = tmpfile();
+    *Fd = File ? dup(fileno(File)) : -1;
+    if (File)
+        fclose(File);
+    pid_t Pid = *Fd < 0 ? -1 : fork();
+    if (Pid == 0)
+        RunChild(CO, Set, *Fd);
+    return Pid;
+}
+
+static CkPlan Collect(const std::vector<CliRelease> &Set, pid_t Pid, int Fd)
+{
+    int Status = 0;
+    while (waitpid(Pid, &Status, 0) < 0 && errno == EINTR) {
+    }
+    std::string Text;
+    char Buffer[65536];
+    ssize_t N;
+    lseek(Fd, 0, SEEK_SET);
+    while ((N = read(Fd, Buffer, sizeof Buffer)) > 0)
+        Text.append(Buffer, (size_t)N);
+    close(Fd);
+    CkPlan P;
+    P.Result = Json::parse(Text, nullptr, false);
+    if (P.Result.is_discarded() || !P.Result.is_object()) {
+        P.Result = FailedPlan(Set, "the plan's run ended without a result (wait status " +
+                                       std::to_string(Status) + ")");
+        return P;
+    }
+    P.OSName = CliStr(P.Result["osName"]);
+    P.OSVersion = CliStr(P.Result["osVersion"]);
+    return P;
+}
+
+static size_t Parallelism(void)
+{
+    long Cores = sysconf(_SC_NPROCESSORS_ONLN);
+    return Cores < 1 ? 2 : (size_t)Cores * 2; // the children mostly wait on each other
+}
+
+std::vector<CkPlan> CkMakePlans(const CkOptions &O,
+                                const std::vector<std::vector<CliRelease>> &Sets)
+{
+    CliOptions CO;
+    CO.BundleDir = O.BundleDir;
+    CO.ParserPath = O.ParserPath;
+    CO.TimeoutSeconds = O.TimeoutSeconds;
+    std::string Error;
+    std::vector<CkPlan> Plans(Sets.size());
+    bool Entered = CliEnterBundleDir(&CO, &Error) == 0;
+    std::vector<pid_t> Pids(Sets.size(), -1);
+    std::vector<int> Fds(Sets.size(), -1);
+    size_t Next = 0, Done = 0, Width = Parallelism();
+    fflush(nullptr);
+    while (Done < Sets.size()) {
+        for (; Next < Sets.size() && Next - Done < Width; Next++) {
+            if (!Entered || Sets[Next].empty())
+                continue;
+            Pids[Next] = StartChild(CO, Sets[Next], &Fds[Next]);
+        }
+        if (!Entered)
+            Plans[Done].Result = FailedPlan(Sets[Done], Error);
+        else if (Sets[Done].empty())
+            Plans[Done].Result = FailedPlan(Sets[Done],
+                                            "no release file (etc/redhat-release, "
+                                            "etc/SuSE-release, etc/UnitedLinux-release): "
+                                            "no distribution, no plan");
+        else if (Pids[Done] < 0)
+            Plans[Done].Result = FailedPlan(Sets[Done],
+                                            std::string("cannot start a run: ") + strerror(errno));
+        else
+            Plans[Done] = Collect(Sets[Done], Pids[Done], Fds[Done]);
+        Done++;
+    }
+    return Plans;
+}
+
+int CkReleasesFor(const std::string &Distro, const std::vector<std::string> &Snapshots,
+                  std::vector<CliRelease> *Releases, std::string *Error)
+{
+    if (!Distro.empty()) {
+        for (size_t i = 0; i < CliDistroCount; i++)
+            if (Distro == CliDistros[i].Name) {
+                for (const CliRelease &R : CliDistros[i].Files)
+                    if (!R.File.empty())
+                        Releases->push_back(R);
+                return 0;
+            }
+        *Error = "unknown distribution " + Distro + " (zelrzp-manager --list-distros)";
+        return -1;
+    }
+    CkFacts F;
+    int Loaded = CkLoadFacts(Snapshots.empty() ? "/" : Snapshots[0], Snapshots.empty(), &F, Error);
+    *Releases = F.Releases;
+    CkCloseFacts(&F);
+    return Loaded;
+}
