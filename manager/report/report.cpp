@@ -17,6 +17,7 @@
 
 #include <mstch/mstch.hpp>
 
+#include "check.h"
 #include "report.h"
 #include "zelcli.h"
 #include "zellint.h"
@@ -26,11 +27,15 @@
 #endif
 
 static const char ReportUsage[] =
-    "usage: zelrzp-manager report [-o FILE] [--timeout=SECONDS] [--parser=PATH] BUNDLE_DIR\n"
+    "usage: zelrzp-manager report [--snapshot=DIR]... [-o FILE] [--timeout=SECONDS]\n"
+    "                             [--parser=PATH] BUNDLE_DIR\n"
     "Writes one self-contained HTML page: the support matrix as a coloured grid\n"
     "(distributions by components, each cell the verdict, the reasons below), for each\n"
-    "distribution the bundle chosen and why, and every lint finding with its source line.\n"
+    "distribution the bundle chosen and why, every lint finding with its source line, and\n"
+    "with snapshots the check of those machines (machines by components, each refusal's\n"
+    "requisites below).\n"
     "\n"
+    "  --snapshot=DIR       a machine recorded by zelrzp-manager snapshot (repeatable)\n"
     "  -o, --output=FILE    the page (default: report.html)\n"
     "  --timeout=SECONDS    longest wait for any answer of the sub-service (default 60)\n"
     "  --parser=PATH        the sub-service executable\n"
@@ -39,6 +44,7 @@ static const char ReportUsage[] =
 
 struct ReportOptions {
     std::string Output = "report.html", BundleDir, ParserPath;
+    std::vector<std::string> Snapshots;
     int TimeoutSeconds = 60;
 };
 
@@ -54,6 +60,7 @@ static int ParseReportArguments(int argc, char **argv, ReportOptions *O)
     static const struct option Long[] = {{"output", required_argument, nullptr, 'o'},
                                          {"timeout", required_argument, nullptr, 't'},
                                          {"parser", required_argument, nullptr, 'p'},
+                                         {"snapshot", required_argument, nullptr, 's'},
                                          {"help", no_argument, nullptr, 'h'},
                                          {nullptr, 0, nullptr, 0}};
     optind = 1;
@@ -63,6 +70,7 @@ static int ParseReportArguments(int argc, char **argv, ReportOptions *O)
         switch (c) {
         case 'o': O->Output = optarg; break;
         case 'p': O->ParserPath = optarg; break;
+        case 's': O->Snapshots.push_back(optarg); break;
         case 't':
             if (!CliParseSeconds(optarg, &O->TimeoutSeconds))
                 return ReportUsageError("--timeout wants a number of seconds, not ", optarg);
@@ -72,7 +80,6 @@ static int ParseReportArguments(int argc, char **argv, ReportOptions *O)
         default: return ReportUsageError("unknown option ", argv[optind - 1]);
         }
     }
-    // The fleet (--snapshot=DIR) joins here once the check of machines exists.
     if (optind != argc - 1)
         return ReportUsageError("name one bundle directory", "");
     O->BundleDir = argv[optind];
@@ -228,6 +235,61 @@ static mstch::node ToNode(const Json &V)
     return nullptr;
 }
 
+// The check of the snapshots' machines: machines by components, each cell the component's
+// verdict on that machine with its first reason, and below the grid every refused component's
+// failing requisites (with the component XML file and line each is written at).
+static Json FleetCell(const Json &Machine, const Json &C, Json *Refusals)
+{
+    std::string Verdict = CliStr(C["verdict"]);
+    if (Verdict == "refused") {
+        Json Failing = Json::array();
+        for (const Json &R : C["requisites"])
+            if (R.value("fails", false))
+                Failing.push_back({{"text", CliStr(R["reason"])},
+                                   {"where", CliStr(R["file"]) + ":" + R["line"].dump()}});
+        Refusals->push_back({{"machine", Machine["name"]},
+                             {"component", C["file"]},
+                             {"requisites", Failing}});
+    }
+    return {{"component", C["file"]},
+            {"verdict", Verdict},
+            {"label", Verdict == "not-recorded" ? "-" : Verdict},
+            {"reasons", CliStr(C["reason"])}};
+}
+
+// A machine without a plan: every cell says so, with the reason.
+static Json NoPlanCell(const Json &Machine, const std::string &File)
+{
+    std::string Why = Machine["failure"].is_string() ? CliStr(Machine["failure"]) : "no plan";
+    return {{"component", File}, {"verdict", "no-plan"}, {"label", "no plan"}, {"reasons", Why}};
+}
+
+static Json FleetView(const Json &Check)
+{
+    std::vector<std::string> Files;
+    for (const Json &M : Check["machines"])
+        for (const Json &C : M["components"])
+            if (std::find(Files.begin(), Files.end(), CliStr(C["file"])) == Files.end())
+                Files.push_back(CliStr(C["file"]));
+    Json Machines = Json::array(), Refusals = Json::array();
+    for (const Json &M : Check["machines"]) {
+        Json Cells = Json::array();
+        for (const std::string &File : Files) {
+            Json Cell = NoPlanCell(M, File);
+            for (const Json &C : M["components"])
+                if (CliStr(C["file"]) == File)
+                    Cell = FleetCell(M, C, &Refusals);
+            Cells.push_back(Cell);
+        }
+        Machines.push_back(
+            {{"name", M["name"]}, {"distribution", CliStr(M["distribution"])}, {"cells", Cells}});
+    }
+    return {{"fleetComponents", Files},
+            {"machines", Machines},
+            {"refusals", Refusals},
+            {"fleetJson", Check.dump(1)}};
+}
+
 // ---- The command ------------------------------------------------------------------------------
 
 static int WritePage(const std::string &Path, const std::string &Page)
@@ -269,10 +331,14 @@ int ReportMain(int argc, char **argv)
     O.AllDistros = true;
     Json Matrix = CliMatrixRun(O);
     View.update(MatrixView(Matrix));
-    // The fleet joins here once the check of machines exists: its JSON (machines, each with
-    // name, distribution and components with file, verdict and requisites) becomes
-    // View["fleet"] = {fleetComponents, machines: [{name, distribution, cells}]}, the cells
-    // shaped as the matrix's, which report.mustache's fleet section shows.
+    if (!RO.Snapshots.empty()) {
+        CkOptions Check;
+        Check.Snapshots = RO.Snapshots;
+        Check.BundleDir = RO.BundleDir;
+        Check.ParserPath = RO.ParserPath;
+        Check.TimeoutSeconds = RO.TimeoutSeconds;
+        View["fleet"] = FleetView(CkCheckJson(Check));
+    }
     View["bundleDirectory"] = RO.BundleDir;
     View["version"] = ZEL_VERSION;
     std::string Page = mstch::render(ReportTemplate, ToNode(View));
