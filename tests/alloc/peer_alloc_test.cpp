@@ -49,72 +49,51 @@ void operator delete[](void *Memory, size_t) noexcept
 
 namespace {
 
-const int NO_MEMORY = -9; // the transport's result when memory ran out
-
-class FrameReaderAllocation : public testing::Test {
-  protected:
+// Fault pinned: a receive that ran out of memory let std::bad_alloc out of the library, which
+// ended the caller. Now it returns the transport's out-of-memory result (-9) and leaves the
+// connection usable: the next frame sent is delivered whole. Each run reads a frame from Peer
+// (so that it carries a name to reply to) on a freshly opened connection.
+TEST(FrameReaderAllocation, ReceiveFailsCleanlyAtEveryAllocation)
+{
     char Directory[64] = "/tmp/zelpeeralloc.XXXXXX";
-    std::string Path;
-    int Handle = -1, Peer = -1;
+    ASSERT_NE(mkdtemp(Directory), nullptr);
+    std::string Path = std::string(Directory) + "/conn";
+    int Peer = OpenRZPTransport((Path + "-peer").c_str()), Handle = -1;
     RZP_HEADER_PACKET Header{};
-    unsigned char Buffer[RZP_MAX_PAYLOAD];
-    void SetUp() override
-    {
-        ASSERT_NE(mkdtemp(Directory), nullptr);
-        Path = std::string(Directory) + "/conn";
-        Peer = OpenRZPTransport((std::string(Directory) + "/peer").c_str());
-        ASSERT_GE(Peer, 0);
-    }
-    void TearDown() override
-    {
-        CloseRZPTransport(Handle);
-        CloseRZPTransport(Peer);
-        std::filesystem::remove_all(Directory);
-    }
-    // A frame from Peer (so that it carries Peer's name to reply to) on the connection.
-    int Send(uint32_t OpCode, int Length)
-    {
-        RZP_HEADER_PACKET Out{Peer, Handle, 5, -1, OpCode, RZP_NO_RESULT_YET, Length, 0};
-        std::vector<unsigned char> Payload(Length, static_cast<unsigned char>(OpCode));
+    static unsigned char Buffer[RZP_MAX_PAYLOAD];
+    auto Send = [&](uint32_t OpCode) {
+        RZP_HEADER_PACKET Out{Peer, Handle, 5, -1, OpCode, RZP_NO_RESULT_YET, 300, 0};
+        std::vector<unsigned char> Payload(300, static_cast<unsigned char>(OpCode));
         return SendRZPDataRaw(&Out, Payload.data(), "TEST");
-    }
-    // Receives until nothing is waiting; true when a frame of OpCode came whole.
-    bool ReceivedWhole(uint32_t OpCode)
-    {
+    };
+    auto ReceivedWhole = [&](uint32_t OpCode) { // receives until nothing is waiting
         bool Whole = false;
         for (int Result; (Result = ReceiveRZPDataAsyncRaw(Handle, &Header, Buffer, "T")) != -1;)
             Whole |= Result == 0 && Header.opCode == OpCode && Header.DataLength == 300 &&
                      Buffer[299] == static_cast<unsigned char>(OpCode);
         return Whole;
-    }
-    // A fresh connection (nothing pending, nothing learned yet) with one frame waiting.
-    void Reopen()
-    {
+    };
+    auto Reopen = [&] {
         CloseRZPTransport(Handle);
         Handle = OpenRZPTransport(Path.c_str());
-        ASSERT_GE(Handle, 0);
-        ASSERT_EQ(Send(4100, 300), 0);
-    }
-};
-
-// Fault pinned: a receive that ran out of memory let std::bad_alloc out of the library, which
-// ended the caller. Now it returns the transport's out-of-memory result and leaves the
-// connection usable: the next frame sent is delivered whole.
-TEST_F(FrameReaderAllocation, ReceiveFailsCleanlyAtEveryAllocation)
-{
-    Reopen();
+        return Handle >= 0 && Send(4100) == 0;
+    };
+    ASSERT_TRUE(Peer >= 0 && Reopen());
     long Runs = FailEachAllocation(
         [&] { return static_cast<long>(ReceiveRZPDataAsyncRaw(Handle, &Header, Buffer, "T")); },
         [&](bool Completed, long Result, long N) {
-            EXPECT_TRUE(Result == 0 || Result == NO_MEMORY) << Result << " at " << N;
+            EXPECT_TRUE(Result == 0 || Result == -9) << Result << " at " << N;
             EXPECT_TRUE(!Completed || Result == 0);
             EXPECT_TRUE(Result != 0 || (Header.opCode == 4100 && Header.DataLength == 300)) << N;
             ReceivedWhole(4100); // what is left of the frame, if anything
-            ASSERT_EQ(Send(4101, 300), 0);
+            ASSERT_EQ(Send(4101), 0);
             EXPECT_TRUE(ReceivedWhole(4101)) << "connection unusable after failure " << N;
-            Reopen();
+            ASSERT_TRUE(Reopen());
         });
     EXPECT_GT(Runs, 2);
+    CloseRZPTransport(Handle);
+    CloseRZPTransport(Peer);
+    std::filesystem::remove_all(Directory);
 }
 
 std::vector<unsigned char> ReadBytes(const std::string &Path)
