@@ -207,7 +207,8 @@ TEST_F(TransportTest, ConcurrentSendersAndReadersNeverInterleaveNorSplitAFrame)
     munmap(Shared, Size);
 }
 
-// Bad bytes ahead of a valid frame. A bad magic, a length past the largest payload, a reply-to
+// Fault pinned: a refused frame emptied the FIFO, and a valid frame queued behind the bad bytes
+// was lost. Bad bytes ahead of a valid frame: a bad magic, a length past the largest payload, a reply-to
 // past its bound or a negative length is refused whole, writing nothing past the caller's areas,
 // and the next frame is the valid one. Bytes that are not a frame, or a frame longer than its
 // header says, hide the valid frame's magic inside what the reader took for the bad one: it is
