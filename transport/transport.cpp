@@ -474,11 +474,12 @@ static int ReadFrame(RZP_CONNECTION &Connection, PRZP_HEADER_PACKET Header, unsi
     const unsigned char *Rest = Pending.data() + RZP_FRAME_PREFIX;
     Result = Buffer == nullptr && Received.DataLength > 0 ? RZPT_BAD_ARGUMENT : 0;
     if (Result == 0) {
+        // First what may run out of memory: then the caller's areas are written only on success.
+        RememberReplyTo(Received.SrcHandle,
+                        std::string(reinterpret_cast<const char *>(Rest), ReplyToLength));
         *Header = Received;
         if (Received.DataLength > 0)
             memcpy(Buffer, Rest + ReplyToLength, Received.DataLength);
-        RememberReplyTo(Received.SrcHandle,
-                        std::string(reinterpret_cast<const char *>(Rest), ReplyToLength));
     }
     Pending.erase(Pending.begin(), Pending.begin() + Length); // consumed either way
     return Result;
