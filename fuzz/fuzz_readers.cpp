@@ -7,9 +7,17 @@
 // Input: byte 0 picks the installed distribution, debug mode and the language; the rest is
 // the file. Writes the tree, ComponentList, InstallPacketList, CurrentlyInstalledOS,
 // DEBUG_FLAG, Parser_Exiting and ParserQueue.
+//
+// The files live in a directory on the memory file system /dev/shm (/tmp where it is missing):
+// the readers open them by name as they open any file, but no input waits for a disk. The
+// component XML file is a second name (a hard link) of the bundle file, which stays open
+// here, so that an input is one write and one truncate.
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -23,8 +31,9 @@
 #include "support.h"
 #include "xmltokenizer.h"
 
-static char Directory[64] = "/tmp/zelfuzz-readers-XXXXXX";
+static char Directory[64];
 static std::string BundlePath, ComponentFile, ComponentXml;
+static int InputFile = -1; // the bundle file, which is the component XML file too
 static const char *const Distributions[] = {"Red_Hat_Linux_7.3", "UnitedLinux_1.0",
                                             "SuSE_SLES_8", nullptr};
 static const char *const Languages[] = {"en", "de"};
@@ -41,6 +50,10 @@ static void RemoveDirectory(void)
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     HarnessSilence();
+    struct stat Shm;
+    bool InMemory = stat("/dev/shm", &Shm) == 0 && S_ISDIR(Shm.st_mode);
+    snprintf(Directory, sizeof Directory, "%s/zelfuzz-readers-XXXXXX",
+             InMemory ? "/dev/shm" : "/tmp");
     if (mkdtemp(Directory) == nullptr || BindTransportLibrary() != 0)
         abort();
     atexit(RemoveDirectory);
@@ -49,6 +62,9 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     ComponentXml = std::string(Directory) + "/comp-1.0.xml";
     FILE *Rpm = fopen(ComponentFile.c_str(), "w");
     if (Rpm == nullptr || fputs("rpm", Rpm) < 0 || fclose(Rpm) != 0)
+        abort();
+    InputFile = open(BundlePath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (InputFile < 0 || link(BundlePath.c_str(), ComponentXml.c_str()) != 0)
         abort();
     ParserQueue = static_cast<PQUEUE>(calloc(1, sizeof(QUEUE)));
     if (ParserQueue == nullptr)
@@ -60,10 +76,11 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     return 0;
 }
 
-static void WriteFile(const std::string &Path, const uint8_t *Data, size_t Size)
+static void WriteInput(const uint8_t *Data, size_t Size)
 {
-    FILE *Out = fopen(Path.c_str(), "wb");
-    if (Out == nullptr || fwrite(Data, 1, Size, Out) != Size || fclose(Out) != 0)
+    // Written over the last input, then cut to size: the file keeps its pages.
+    if (pwrite(InputFile, Data, Size, 0) != static_cast<ssize_t>(Size) ||
+        ftruncate(InputFile, static_cast<off_t>(Size)) != 0)
         abort();
 }
 
@@ -114,8 +131,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size)
     if (Size < 1)
         return 0;
     unsigned char Choice = Data[0];
-    WriteFile(BundlePath, Data + 1, Size - 1);
-    WriteFile(ComponentXml, Data + 1, Size - 1);
+    WriteInput(Data + 1, Size - 1);
     free(CurrentlyInstalledOS);
     CurrentlyInstalledOS = DuplicateString(Distributions[Choice & 3]);
     DEBUG_FLAG = (Choice & 4) ? 1 : 0;

@@ -23,6 +23,7 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <new>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -39,6 +40,7 @@ enum {
     RZPT_IO_ERROR = -6,        // a system call failed
     RZPT_WRONG_FILE = -7,      // open: not a FIFO at the path (or the lock file is not a file)
     RZPT_WRONG_PROCESS = -8,   // the handle was inherited across fork, not opened here
+    RZPT_NO_MEMORY = -9,       // send or receive: memory ran out; nothing was sent or delivered
 };
 
 #define RZPT_WAIT_MS 5000        // longest wait for room, for the rest of a frame, for a lock
@@ -472,11 +474,12 @@ static int ReadFrame(RZP_CONNECTION &Connection, PRZP_HEADER_PACKET Header, unsi
     const unsigned char *Rest = Pending.data() + RZP_FRAME_PREFIX;
     Result = Buffer == nullptr && Received.DataLength > 0 ? RZPT_BAD_ARGUMENT : 0;
     if (Result == 0) {
+        // First what may run out of memory: then the caller's areas are written only on success.
+        RememberReplyTo(Received.SrcHandle,
+                        std::string(reinterpret_cast<const char *>(Rest), ReplyToLength));
         *Header = Received;
         if (Received.DataLength > 0)
             memcpy(Buffer, Rest + ReplyToLength, Received.DataLength);
-        RememberReplyTo(Received.SrcHandle,
-                        std::string(reinterpret_cast<const char *>(Rest), ReplyToLength));
     }
     Pending.erase(Pending.begin(), Pending.begin() + Length); // consumed either way
     return Result;
@@ -492,7 +495,11 @@ RZP_EXPORT int SendRZPDataRaw(PRZP_HEADER_PACKET Header, unsigned char *Buffer, 
     std::shared_ptr<RZP_CONNECTION> Destination = ResolveDestination(Header->DestHandle);
     if (Destination == nullptr)
         return RZPT_BAD_HANDLE;
-    return SendFrame(*Destination, BuildFrame(*Header, ReplyToNameOf(Header->SrcHandle), Buffer));
+    try {
+        return SendFrame(*Destination, BuildFrame(*Header, ReplyToNameOf(Header->SrcHandle), Buffer));
+    } catch (const std::bad_alloc &) {
+        return RZPT_NO_MEMORY; // the frame is built whole before a byte is written
+    }
 }
 
 RZP_EXPORT int ReceiveRZPDataAsyncRaw(int Handle, PRZP_HEADER_PACKET Header, unsigned char *Buffer,
@@ -516,7 +523,11 @@ RZP_EXPORT int ReceiveRZPDataAsyncRaw(int Handle, PRZP_HEADER_PACKET Header, uns
         return RZPT_NOTHING_WAITING;
     if (flock(Connection->ReadLockFd, LOCK_EX | LOCK_NB) != 0)
         return errno == EWOULDBLOCK || errno == EINTR ? RZPT_NOTHING_WAITING : RZPT_IO_ERROR;
-    Result = ReadFrame(*Connection, Header, Buffer);
+    try {
+        Result = ReadFrame(*Connection, Header, Buffer);
+    } catch (const std::bad_alloc &) {
+        Result = RZPT_NO_MEMORY; // what was read stays in Pending, or is lost like a cut frame
+    }
     flock(Connection->ReadLockFd, LOCK_UN);
     return Result;
 }

@@ -1,6 +1,7 @@
 // records.cpp - the strict decoder of one serialized install record, the walk over all records
 // of a parsed bundle, and the names of the requisite subtypes and result codes. Writes no
 // globals; every read is checked against the buffer's end.
+#include <new>
 #include <set>
 
 #include "zelrzpmanager.h"
@@ -123,7 +124,8 @@ static bool ReadSubRecords(ZmReader *C, ZmRecord *R)
     }
 }
 
-int ZmDecodeRecord(const unsigned char *Bytes, size_t Length, ZmRecord *Record, std::string *Error)
+static int DecodeRecord(const unsigned char *Bytes, size_t Length, ZmRecord *Record,
+                        std::string *Error)
 {
     ZmReader C;
     C.Bytes = Bytes;
@@ -138,8 +140,19 @@ int ZmDecodeRecord(const unsigned char *Bytes, size_t Length, ZmRecord *Record, 
         return -1;
     }
     if (Record != nullptr)
-        *Record = R;
+        *Record = std::move(R); // allocates nothing: the record is whole or untouched
     return 0;
+}
+
+int ZmDecodeRecord(const unsigned char *Bytes, size_t Length, ZmRecord *Record, std::string *Error)
+{
+    try {
+        return DecodeRecord(Bytes, Length, Record, Error);
+    } catch (const std::bad_alloc &) {
+        if (Error != nullptr)
+            *Error = "out of memory"; // fits the string's own storage: allocates nothing
+        return -1;
+    }
 }
 
 const char *ZmSubTypeName(uint32_t SubType)

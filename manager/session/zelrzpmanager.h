@@ -199,7 +199,8 @@ struct ZmRecord {
     std::vector<ZmConfigVariable> Configuration; // 303 then 304, in order
 };
 // Decodes one serialized install record, checking every length against the buffer.
-// 0, or -1 with the reason in *Error.
+// 0, or -1 with the reason in *Error ("out of memory" when memory ran out); *Record is
+// written only on success.
 int ZmDecodeRecord(const unsigned char *Bytes, size_t Length, ZmRecord *Record,
                    std::string *Error = nullptr);
 // Walks the items: number of items, first item, next until -508. Returns 0 with the raw

@@ -717,6 +717,10 @@ long InternalParseXML(char *xmlbuffer, long xmllength)
     ResetWorkingCopy();
     if (xmlbuffer == nullptr || xmllength <= 0)
         xmllength = 0;
+    // NUL bytes at the end (what a short read leaves, ParseFile) hide nothing from the
+    // tokenizer; they are no part of the last line, which they would make over-long.
+    while (xmllength > 0 && xmlbuffer[xmllength - 1] == '\0')
+        xmllength--;
     const char *End = xmlbuffer + xmllength;
     int InCDATASection = 0;
     int LineSeen = 0;              // markers of the logical line so far

@@ -1,97 +1,26 @@
-// Allocation failures: the n-th allocation of a parse (ParseFile) and of the record builder
-// (BuildRZPInstallStructures over the example bundle's component files) is made to fail, for
-// every n until a run completes without reaching n. No failure may crash; one that ends in a
-// failure result keeps nothing; a token the tokenizer could not place is lost and the parse
-// goes on. The ASan build (detect_leaks=1) checks that nothing leaks. malloc, calloc, realloc
-// and strdup are wrapped at link time (--wrap) over the static core library and failed on the
-// test's thread only. The builder's errata question goes out over real FIFOs; Parser_Exiting is
-// 1, so its answer is not waited for (it reads as supported). ZEL_ALLOC_TRACE=n prints the stack
-// of the n-th allocation of each run when it is failed. Writes the wrappers' counters.
+// Allocation failures in the sub-service: the n-th allocation of a parse (ParseFile), of the
+// record builder (BuildRZPInstallStructures over the example bundle's component files) and of
+// Enqueue (the pending-I/O queue) is made to fail, for every n until a run completes without
+// reaching n (failing_alloc.h). No failure may crash; one that ends in a failure result keeps
+// nothing; a token the tokenizer could not place is lost and the parse goes on. The ASan build
+// (detect_leaks=1) checks that nothing leaks. The builder's errata question goes out over real
+// FIFOs; Parser_Exiting is 1, so its answer is not waited for (it reads as supported).
 #include <gtest/gtest.h>
-#include <execinfo.h>
-#include <fcntl.h>
+
+#include <cstring>
 
 #include "../common/queue_fixture.h"
+#include "failing_alloc.h"
 #include "packages.h"
+#include "protocol.h"
 #include "records.h"
 #include "runflags.h"
 #include "support.h"
 #include "xmltokenizer.h"
 
-extern "C" {
-void *__real_malloc(size_t Size);
-void *__real_calloc(size_t Count, size_t Size);
-void *__real_realloc(void *Old, size_t Size);
-char *__real_strdup(const char *Text);
-}
-
-namespace {
-
-thread_local bool Armed = false; // counting on this thread
-long Seen = 0;                   // allocations seen since armed
-long FailAt = 0;                 // the one to fail (1-based)
-
-bool FailThisOne(void)
-{
-    bool Fail = Armed && ++Seen == FailAt;
-    if (Fail && getenv("ZEL_ALLOC_TRACE") != nullptr && atol(getenv("ZEL_ALLOC_TRACE")) == FailAt) {
-        fprintf(stderr, "trace of allocation %ld\n", FailAt);
-        void *Frames[12];
-        backtrace_symbols_fd(Frames, backtrace(Frames, 12), 2);
-    }
-    return Fail;
-}
-
-} // namespace
-
-extern "C" {
-void *__wrap_malloc(size_t Size)
-{
-    return FailThisOne() ? nullptr : __real_malloc(Size);
-}
-void *__wrap_calloc(size_t Count, size_t Size)
-{
-    return FailThisOne() ? nullptr : __real_calloc(Count, Size);
-}
-void *__wrap_realloc(void *Old, size_t Size)
-{
-    return FailThisOne() ? nullptr : __real_realloc(Old, Size);
-}
-char *__wrap_strdup(const char *Text)
-{
-    return FailThisOne() ? nullptr : __real_strdup(Text);
-}
-}
-
 namespace {
 
 const std::string Examples = ZEL_EXAMPLES "/server-bundle/";
-
-// Runs Body with the n-th allocation failing, for n = 1, 2, ... until Body runs to its end
-// without reaching n; Check(Completed, Result) judges each run. Returns the runs made.
-template <typename BodyFn, typename CheckFn> long FailEachAllocation(BodyFn Body, CheckFn Check)
-{
-    for (long N = 1; N < 100000; N++) {
-        Seen = 0;
-        FailAt = N;
-        fflush(stdout); // the sub-service's messages go to /dev/null, the test's own do not
-        int Saved = dup(1), Null = open("/dev/null", O_WRONLY);
-        dup2(Null, 1);
-        Armed = true;
-        long Result = Body();
-        Armed = false;
-        fflush(stdout);
-        dup2(Saved, 1);
-        close(Saved);
-        close(Null);
-        bool Completed = Seen < N;
-        Check(Completed, Result, N);
-        if (Completed)
-            return N;
-    }
-    ADD_FAILURE() << "no run completed";
-    return 0;
-}
 
 void SetInstalledOS(const char *Key)
 {
@@ -184,6 +113,38 @@ TEST_F(BuilderAllocation, BuildRZPInstallStructuresFailsCleanlyAtEveryAllocation
             });
         EXPECT_GT(Runs, 10) << Leaf;
     }
+}
+
+// A packet that cannot be parked is refused with RZP_OUT_OF_MEMORY, leaves the queue as it was
+// and winds the service down (Parser_Exiting); a parked one comes back whole.
+TEST(AllocationFailure, EnqueueRefusesCleanlyAtEveryAllocation)
+{
+    unsigned char Payload[64], Back[RZP_MAX_PAYLOAD];
+    memset(Payload, 0x5A, sizeof Payload);
+    for (int Length : {0, 64}) {
+        RZP_HEADER_PACKET Header = {101, 102, 77, -1, RZP_PROMPT_FOR_NUMBER, RZP_NO_RESULT_YET,
+                                    Length, 0};
+        long Runs = FailEachAllocation(
+            [&] {
+                Parser_Exiting = 0;
+                return static_cast<long>(Enqueue(&Header, Payload));
+            },
+            [&](bool, long Result, long N) {
+                RZP_HEADER_PACKET Out;
+                int Parked = Dequeue(&Out, Back, 77);
+                if (Result == 0) {
+                    EXPECT_EQ(0, Parked);
+                    EXPECT_EQ(Length, Out.DataLength);
+                    EXPECT_EQ(0, memcmp(Back, Payload, Length));
+                } else {
+                    EXPECT_EQ(RZP_OUT_OF_MEMORY, Result) << N;
+                    EXPECT_EQ(RZP_NOTHING_PENDING, Parked) << N;
+                    EXPECT_EQ(1, Parser_Exiting.load()) << N;
+                }
+            });
+        EXPECT_GT(Runs, Length > 0 ? 2 : 1);
+    }
+    Parser_Exiting = 0;
 }
 
 } // namespace

@@ -1,5 +1,10 @@
 // The protocol core inside one process: the packet dump, the pending-I/O queue, the
 // registration answers and the result code names.
+#include <fstream>
+#include <map>
+#include <regex>
+#include <set>
+
 #include "../common/helpers.h"
 #include "package_fixture.h"
 #include "protocol.h"
@@ -182,18 +187,35 @@ TEST_F(Registration, ARefusalClearsOnlyTheFlagOfThatOpcode)
     EXPECT_EQ(ParserQueue->Provides_RZPParserParseInputFile, 1);
 }
 
-// Every result code has its own name, so a log or a failed test names what went wrong; the
-// values on the wire stay those of the protocol.
-TEST(ResultCodes, EachCodeHasOneNameAndTheWireValuesStay)
+// Every result code has a name of its own, so a log or a failed test names what went wrong.
+// The enumerators are read from zelrzp.h itself: each one's value gives back its own name, and
+// no other value in the codes' range has a name.
+TEST(ResultCodes, EachCodeHasOneNameAndNamesAreUnique)
 {
-    const std::pair<long, const char *> Codes[] = {
-        {0, "RZP_SUCCESS"}, {-103, "RZP_OPCODE_NOT_SUPPORTED"}, {-106, "RZP_NO_RESULT_YET"},
-        {-111, "RZP_OUT_OF_MEMORY"}, {-118, "RZP_OPCODE_SUPPORTED"},
-        {-502, "RZP_COMPONENT_XML_EMPTY"}, {-504, "RZP_PARSER_BAD_XML"},
-        {-505, "RZP_PARSER_NOT_ONE_BUNDLE"}, {-508, "RZP_PARSER_NO_MORE_ITEMS"},
-        {-703, "RZP_PARSER_NO_BUNDLE"}, {0x10100, "XML_PARSE_FAILED"}, {-12345, "unknown"}};
-    for (const auto &Code : Codes)
-        EXPECT_STREQ(RZPResultName(Code.first), Code.second);
+    std::ifstream Header(ZEL_INCLUDE "/zelrzp.h");
+    std::string Text((std::istreambuf_iterator<char>(Header)), std::istreambuf_iterator<char>());
+    size_t Start = Text.find("enum RZP_RESULT");
+    ASSERT_NE(Start, std::string::npos);
+    const std::regex Enumerator(R"((\w+) = (-?(0x[0-9a-fA-F]+|\d+)),)");
+    std::map<std::string, long> Enum;
+    for (std::sregex_iterator It(Text.begin() + Start, Text.begin() + Text.find("};", Start),
+                                 Enumerator),
+         Stop;
+         It != Stop; ++It)
+        Enum[(*It)[1]] = std::stol((*It)[2], nullptr, 0);
+    ASSERT_GE(Enum.size(), 20u);
+    for (const auto &Code : Enum)
+        EXPECT_STREQ(RZPResultName(Code.second), Code.first.c_str()) << Code.second;
+    std::set<std::string> Names;
+    for (long Code = -1000; Code <= XML_NO_PACKAGES; Code++) {
+        std::string Name = RZPResultName(Code);
+        if (Name == "unknown")
+            continue;
+        EXPECT_TRUE(Names.insert(Name).second) << Name << " names two codes";
+        auto Known = Enum.find(Name);
+        EXPECT_TRUE(Known != Enum.end() && Known->second == Code) << Name << " is not the enum's";
+    }
+    EXPECT_EQ(Names.size(), Enum.size());
 }
 
 } // namespace

@@ -1,6 +1,8 @@
 // The tokenizer of the XML dialect: golden trees for its corner cases, the source line of every
 // record (what lint reports findings at), its failures, the current-file rule; and the lookups
 // over the tree with the readers' shared walk and language selection.
+#include <algorithm>
+
 #include "../common/helpers.h"
 #include "package_fixture.h"
 
@@ -120,6 +122,51 @@ TEST_F(XmlTokenizer, LinesUpToTheBufferAreReadLongerOnesRefuseTheFile)
     // A CDATA block counts as one line with its line breaks.
     Captured([&] { Parse("<![CDATA[\n" + std::string(XML_LINE_MAX - 12, 'y') + "]]>", &Result); });
     EXPECT_EQ(Result, XML_PARSE_FAILED);
+}
+
+// Fault pinned: a short read of a file over 16 KB leaves zeros after the bytes read, and these
+// were counted into the last line, so the file was refused for a line it does not have.
+// The input comes through a pipe in pieces of 1 to 5 bytes and the reader takes each as it
+// comes (ReadXMLFile); at every stop, what a short read leaves ParseFile to parse (the bytes so
+// far, zeros to the file's size) gives the tree and result of those bytes alone.
+TEST_F(XmlTokenizer, InputInPiecesGivesAtEveryStopTheTreeOfTheBytesSoFar)
+{
+    std::string Small = ReadAll(ZEL_TEST_DATA "/unit/trees/typical.xml") +
+                        ReadAll(ZEL_TEST_DATA "/unit/trees/cdata-multiline.xml"),
+                Large;
+    while (Large.size() <= 2 * XML_LINE_MAX)
+        Large += "<item name=\"n" + std::to_string(Large.size()) + "\">text &amp; more</item>\n";
+    for (const std::string *Text : {&Small, &Large}) {
+        int Pipe[2];
+        ASSERT_EQ(pipe(Pipe), 0);
+        long Size = static_cast<long>(Text->size());
+        std::vector<char> Buffer(Size + 1, 0);
+        long Got = 0, Stops = 0;
+        unsigned Seed = 7;
+        while (Got < Size) {
+            long Piece = std::min<long>(1 + (Seed = Seed * 1103515245 + 12345) % 5, Size - Got);
+            ASSERT_EQ(write(Pipe[1], Text->data() + Got, Piece), Piece);
+            ASSERT_EQ(ReadXMLFile(Pipe[0], Buffer.data() + Got, Size - Got), Piece);
+            Got += Piece;
+            if (Text == &Large && ++Stops % 97 != 0 && Got < Size)
+                continue;
+            std::vector<char> Short = Buffer, Alone(Buffer.begin(), Buffer.begin() + Got);
+            long ShortResult, AloneResult;
+            std::string Out = Captured([&] {
+                DeleteTree();
+                ShortResult = InternalParseXML(Short.data(), Size);
+                std::string ShortTree = Tree(true);
+                DeleteTree();
+                AloneResult = InternalParseXML(Alone.data(), Got);
+                EXPECT_EQ(ShortTree, Tree(true)) << Got << " of " << Size;
+            });
+            ASSERT_EQ(ShortResult, AloneResult) << Got << " of " << Size << ": " << Out;
+        }
+        close(Pipe[1]);
+        EXPECT_EQ(ReadXMLFile(Pipe[0], Buffer.data(), Size), 0); // the end of the input
+        close(Pipe[0]);
+        EXPECT_EQ(Tree(true), Parse(*Text, nullptr, true));
+    }
 }
 
 TEST_F(XmlTokenizer, DeepAndWideTreesAreBuiltAndDeletedWithoutRecursion)
