@@ -51,6 +51,17 @@ PY
   status=0
   "$root/usr/bin/zelrzp-manager" lint "$example" >lint.txt || status=$?
   [ $status = 1 ] && grep -q 'package-file-missing' lint.txt || fail "lint of the example"
+  # The packaged example machines: the legacy one refuses three components, as the docs say.
+  local snapshots=$root/usr/share/doc/zelparser/examples/snapshots
+  status=0
+  "$root/usr/bin/zelrzp-manager" check --json --snapshot="$snapshots/rh73-legacy" "$example" \
+    >check.json || status=$?
+  [ $status = 1 ] || fail "the check of the packaged example machine exited $status, not 1"
+  python3 - check.json <<'PY' || fail "the check of the packaged example machine"
+import json, sys
+verdicts = [c["verdict"] for c in json.load(open(sys.argv[1]))["machines"][0]["components"]]
+assert verdicts.count("refused") == 3, verdicts
+PY
 }
 
 rendered() { # a manual as plain text, on lines long enough not to break an option
