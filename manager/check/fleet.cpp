@@ -1,7 +1,7 @@
-// fleet.cpp - the whole check: every machine's plan input (release files, SP3,
-// RZPELMCONFIGURED), one plan per distinct input (machines that share it share the
-// sub-service's run), then every machine's
-// other facts read and the machine judged against its plan, the answers, and the exit status.
+// fleet.cpp - the whole check: every machine's plan input (release files, SP3, RZPELMCONFIGURED),
+// one plan per distinct input (machines that share it share the sub-service's run), then every
+// machine's other facts read and the machine judged against its plan, the answers, and the exit
+// status.
 // Threads: none until the plans are made (by child processes that enter sandboxes); then the
 // machines are read and judged batch by batch by one worker thread per core, each taking the
 // next machine from an atomic index and writing only that machine's slot, and the main thread
