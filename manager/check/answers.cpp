@@ -161,7 +161,8 @@ static const char AnswersUsage[] =
     "Writes on standard output a template answers file for the check (--answers=FILE): every\n"
     "configuration variable of the plan with its prompt, limits, acceptable characters, required\n"
     "format and default as comments. The plan is made for --distro NAME (see --list-distros),\n"
-    "for the release files of a snapshot, or for this machine's release files.\n"
+    "for the release files and environment (SP3, RZPELMCONFIGURED) of a snapshot, or for\n"
+    "this machine's.\n"
     "Exit status: 0 written; 2 a wrong command line; 3 no plan.\n";
 
 int CkAnswersMain(int Argc, char **Argv)
@@ -193,14 +194,14 @@ int CkAnswersMain(int Argc, char **Argv)
         return CLI_USAGE;
     }
     O.BundleDir = Argv[optind];
-    std::vector<CliRelease> Releases;
+    CkPlanInput Input;
     std::string Error;
-    if (CkReleasesFor(Distro, O.Snapshots, &Releases, &Error) != 0) {
+    if (CkPlanInputFor(Distro, O.Snapshots, &Input, &Error) != 0) {
         bool Usage = Error.rfind("unknown", 0) == 0;
         fprintf(stderr, "zelrzp-manager answers: %s\n%s", Error.c_str(), Usage ? AnswersUsage : "");
         return Usage ? CLI_USAGE : CLI_NO_PLAN;
     }
-    std::vector<CkPlan> Plans = CkMakePlans(O, {Releases});
+    std::vector<CkPlan> Plans = CkMakePlans(O, {Input});
     if (Plans.empty() || !Plans[0].Result["failure"].is_null()) {
         fprintf(stderr, "zelrzp-manager answers: no plan: %s\n",
                 Plans.empty() ? "" : CliStr(Plans[0].Result["failure"]["what"]).c_str());

@@ -42,7 +42,8 @@ struct CkFacts {
 
 // facts.cpp: opens Root and reads the fixed facts (release files, kernel, environment,
 // processes, PCI devices). 0, or -1 with *Error when Root cannot be opened. CkOpenFacts opens
-// Root and reads the release files only; CkReadFacts then the rest (nothing if not open).
+// Root and reads what the plan is made from (the release files and the environment);
+// CkReadFacts then the rest (nothing if not open).
 int CkLoadFacts(const std::string &Root, bool Live, CkFacts *F, std::string *Error);
 int CkOpenFacts(const std::string &Root, bool Live, CkFacts *F, std::string *Error);
 void CkReadFacts(CkFacts *F);
@@ -74,7 +75,18 @@ struct CkOptions {
     int TimeoutSeconds = 60;
 };
 
-// What the plan of one set of release files gave: the plan's JSON (manager/cli/run.cpp) and the name and
+// What a plan is made from: the release files and the two variables of the environment that the
+// sub-service reads, each of which counts only when it is exactly "YES": SP3 (UnitedLinux 1.0
+// becomes UnitedLinux_1.0_SP3, so other platform-specific sections are read) and
+// RZPELMCONFIGURED (the three password variables are not required). Machines share a plan
+// only when all three are the same.
+struct CkPlanInput {
+    std::vector<CliRelease> Releases;
+    bool Sp3 = false, Configured = false;
+};
+CkPlanInput CkPlanInputOf(const CkFacts &F);
+
+// What the plan of one plan input gave: the plan's JSON (manager/cli/run.cpp) and the name and
 // version the sub-service detected.
 struct CkPlan {
     Json Result;
@@ -108,15 +120,17 @@ Json CkJudgeConfiguration(const Json &Component, const CkAnswers &A);
 bool CkIsPassword(const Json &Variable);
 int CkAnswersMain(int Argc, char **Argv);
 
-// fleet.cpp: the plans of every distinct set of release files (one sandboxed child each, a
-// few at a time) and the machines evaluated on all cores.
-// Enters the bundle directory first; a set without release files gets a plan that failed.
-std::vector<CkPlan> CkMakePlans(const CkOptions &O,
-                                const std::vector<std::vector<CliRelease>> &Sets);
-// The release files of a known distribution (Distro), of a snapshot, or else of this machine:
-// 0, or -1 with *Error (starting "unknown" for an unknown distribution).
-int CkReleasesFor(const std::string &Distro, const std::vector<std::string> &Snapshots,
-                  std::vector<CliRelease> *Releases, std::string *Error);
+// plans.cpp: the plans of every distinct plan input (one sandboxed child each, a few at a
+// time). Enters the bundle directory first; an input without release files gets a plan that
+// failed.
+std::vector<CkPlan> CkMakePlans(const CkOptions &O, const std::vector<CkPlanInput> &Inputs);
+// The plan input of a known distribution (Distro: its release files and SP3 flag, this
+// process's RZPELMCONFIGURED), of a snapshot, or else of this machine: 0, or -1 with *Error
+// (starting "unknown" for an unknown distribution).
+int CkPlanInputFor(const std::string &Distro, const std::vector<std::string> &Snapshots,
+                   CkPlanInput *Input, std::string *Error);
+
+// fleet.cpp: the machines grouped by plan input and evaluated on all cores.
 // The whole check, each machine's result handed to Each in order as soon as its batch is
 // judged (a fleet is never held whole); Begin gets the summary (bundleDirectory, strict,
 // answers, plans) first. Returns the exit status. The working directory becomes the bundle

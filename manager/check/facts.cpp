@@ -2,7 +2,8 @@
 // every path opened with openat2 and RESOLVE_IN_ROOT, so that a link in a snapshot is resolved
 // inside it as if it were "/" and nothing outside it is ever read. Release files, the running
 // kernel, the environment, the running programs and the PCI devices; a fact that cannot be
-// read is kept as unknown with its reason. Writes only the CkFacts record it is given.
+// read is kept as unknown with its reason; what the plan is made from (release files, SP3 and
+// RZPELMCONFIGURED). Writes only the CkFacts record it is given.
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/openat2.h>
@@ -214,6 +215,7 @@ int CkOpenFacts(const std::string &Root, bool Live, CkFacts *F, std::string *Err
         return -1;
     }
     LoadReleases(F);
+    LoadEnviron(F);
     return 0;
 }
 
@@ -222,7 +224,6 @@ void CkReadFacts(CkFacts *F)
     if (F->RootFd < 0)
         return;
     LoadKernel(F);
-    LoadEnviron(F);
     LoadProcesses(F);
     F->LibraryDirs = {"/lib", "/usr/lib", "/lib64", "/usr/lib64"};
     ReadLdConf(F, "/etc/ld.so.conf", 0);
@@ -235,6 +236,21 @@ int CkLoadFacts(const std::string &Root, bool Live, CkFacts *F, std::string *Err
         return -1;
     CkReadFacts(F);
     return 0;
+}
+
+static bool IsYes(const CkFacts &F, const char *Name)
+{
+    auto Found = F.Environ.find(Name);
+    return Found != F.Environ.end() && Found->second == "YES";
+}
+
+CkPlanInput CkPlanInputOf(const CkFacts &F)
+{
+    CkPlanInput In;
+    In.Releases = F.Releases;
+    In.Sp3 = IsYes(F, "SP3");
+    In.Configured = IsYes(F, "RZPELMCONFIGURED");
+    return In;
 }
 
 void CkCloseFacts(CkFacts *F)

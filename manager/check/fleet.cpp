@@ -1,6 +1,7 @@
-// fleet.cpp - the whole check: every machine's release files, one plan per distinct set of
-// them (machines that share release files share the sub-service's run), then every machine's
-// other facts read and the machine judged against its plan, the answers, and the exit status.
+// fleet.cpp - the whole check: every machine's plan input (release files, SP3, RZPELMCONFIGURED),
+// one plan per distinct input (machines that share it share the sub-service's run), then every
+// machine's other facts read and the machine judged against its plan, the answers, and the exit
+// status.
 // Threads: none until the plans are made (by child processes that enter sandboxes); then the
 // machines are read and judged batch by batch by one worker thread per core, each taking the
 // next machine from an atomic index and writing only that machine's slot, and the main thread
@@ -37,26 +38,27 @@ struct Machine {
     Json Result;
 };
 
-static std::string ReleaseKey(const std::vector<CliRelease> &Set)
+static std::string PlanKey(const CkPlanInput &In)
 {
-    std::string Key;
-    for (const CliRelease &R : Set)
+    std::string Key = {In.Sp3 ? 'S' : '-', In.Configured ? 'C' : '-'};
+    for (const CliRelease &R : In.Releases)
         Key += R.File + '\0' + R.Text + '\0';
     return Key;
 }
 
-// Groups the machines by their release files; one set per group.
-static std::vector<std::vector<CliRelease>> Group(std::vector<Machine> *Machines)
+// Groups the machines by their plan input; one input per group.
+static std::vector<CkPlanInput> Group(std::vector<Machine> *Machines)
 {
-    std::vector<std::vector<CliRelease>> Sets;
+    std::vector<CkPlanInput> Inputs;
     std::map<std::string, size_t> Seen;
     for (Machine &M : *Machines) {
-        auto Found = Seen.emplace(ReleaseKey(M.Facts.Releases), Sets.size());
+        CkPlanInput In = CkPlanInputOf(M.Facts);
+        auto Found = Seen.emplace(PlanKey(In), Inputs.size());
         if (Found.second)
-            Sets.push_back(M.Facts.Releases);
+            Inputs.push_back(std::move(In));
         M.Plan = Found.first->second;
     }
-    return Sets;
+    return Inputs;
 }
 
 static Json NotRecorded(const Json &Refusal)
@@ -85,6 +87,7 @@ static Json Judge(const Machine &M, const CkPlan &P, const CkOptions &O, const C
     Json R = {
         {"name", M.Facts.Name},
         {"distribution", P.Result["installedOS"] == "" ? Json(nullptr) : P.Result["installedOS"]},
+        {"key", P.Result["distribution"]["key"]},
         {"kernel", M.Facts.KernelFact.Known ? Json(M.Facts.Kernel) : Json(nullptr)},
         {"bundle", P.Result["bundle"]},
         {"failure", nullptr}};
@@ -122,9 +125,9 @@ static Json Warnings(const CkAnswers &A, const std::vector<CkPlan> &Plans)
     return List;
 }
 
-// Only the release files before the plans: no thread may have been started before the plans'
-// children enter their sandboxes (a sanitizer's runtime keeps a thread once one was started,
-// and a threaded process cannot enter a new user namespace).
+// Only what the plans are made from (release files, environment) before the plans: no thread may
+// have been started before the plans' children enter their sandboxes (a sanitizer's runtime keeps a
+// thread once one was started, and a threaded process cannot enter a new user namespace).
 static void OpenMachines(const CkOptions &O, std::vector<Machine> *Machines)
 {
     bool Live = O.Snapshots.empty();

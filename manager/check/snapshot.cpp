@@ -2,7 +2,8 @@
 // directory laid out as the check reads it (docs/snapshot.md): the release files, the running
 // kernel, the PCI devices' identity files, every process's name, and with --for the presence
 // (never the contents) of each path, library and program a bundle's requisites name and the
-// values of only the environment variables they name. Writes getopt's optind and opterr.
+// values of only the environment variables they name, beside SP3 and RZPELMCONFIGURED, which
+// are recorded whenever they are set. Writes getopt's optind and opterr.
 #include <dirent.h>
 #include <getopt.h>
 #include <sys/stat.h>
@@ -164,20 +165,29 @@ void RecordRequisite(Snap *S, const CkNamed &Q)
     }
 }
 
-// The library directories where a named library was found, and the named variables' values.
-void RecordFound(Snap *S)
+// The library directories where a named library was found.
+void RecordLibraryDirs(Snap *S)
 {
-    std::string Conf, Environ;
+    std::string Conf;
     for (const std::string &Dir : S->LibraryDirs)
         Conf += Dir + "\n";
     if (!Conf.empty())
         WriteFile(S, "/etc/ld.so.conf", Conf);
+}
+
+// The named variables' values, and SP3 and RZPELMCONFIGURED (the plan depends on them); with
+// no bundle named, the file is written only when one of those two is set.
+void RecordEnviron(Snap *S, bool ForBundle)
+{
+    std::string Environ;
+    S->Variables.insert({"SP3", "RZPELMCONFIGURED"});
     for (const std::string &Name : S->Variables) {
         auto Found = S->Host.Environ.find(Name);
         if (Found != S->Host.Environ.end() && Found->second.find('\n') == std::string::npos)
             Environ += Name + "=" + Found->second + "\n";
     }
-    WriteFile(S, "/environ", Environ);
+    if (ForBundle || !Environ.empty())
+        WriteFile(S, "/environ", Environ);
 }
 
 bool EmptyOrAbsent(const std::string &Dir, bool *Absent)
@@ -199,7 +209,8 @@ const char SnapshotUsage[] =
     "release files, the running kernel, the PCI devices and the names of the running programs;\n"
     "with --for, also whether each file, directory, library and program that the bundle's\n"
     "requisites name exists (an empty file stands for a file; contents are never copied) and\n"
-    "the values of the environment variables they name, and no others. No root needed.\n"
+    "the values of the environment variables they name. SP3 and RZPELMCONFIGURED are always\n"
+    "recorded when set (the plan depends on them); no other variable. No root needed.\n"
     "Exit status: 0 recorded; 1 DIR exists and is not empty, or something could not be\n"
     "written; 2 a wrong command line.\n";
 
@@ -263,11 +274,10 @@ int CkSnapshotMain(int Argc, char **Argv)
         return CLI_FINDINGS;
     }
     RecordFixed(&S);
-    if (!For.empty()) {
-        for (const CkNamed &Q : CkBundleRequisites(For))
-            RecordRequisite(&S, Q);
-        RecordFound(&S);
-    }
+    for (const CkNamed &Q : For.empty() ? std::vector<CkNamed>() : CkBundleRequisites(For))
+        RecordRequisite(&S, Q);
+    RecordLibraryDirs(&S);
+    RecordEnviron(&S, !For.empty());
     CkCloseFacts(&S.Host);
     for (const std::string &P : S.Problems)
         fprintf(stderr, "zelrzp-manager snapshot: %s\n", P.c_str());

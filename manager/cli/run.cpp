@@ -228,7 +228,7 @@ Json CliRunOne(CliOptions O, const CliDistro *D, bool EnterDir)
                   "running the sub-service on this system needs root (it reads this machine's "
                   "release file and writes under /dev and /tmp); as an ordinary user simulate a "
                   "distribution with --distro=NAME or --all-distros");
-    } else if (Simulate && EnterSandbox(Files, D != nullptr && D->Sp3, &Error) != 0) {
+    } else if (Simulate && EnterSandbox(Files, D != nullptr ? D->Sp3 : O.Sp3, &Error) != 0) {
         CliFailed(&Run, "setup", 0, Error);
     } else {
         Converse(O, &Run);

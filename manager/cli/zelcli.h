@@ -27,6 +27,7 @@ struct CliOptions {
     std::string BundleDir, ParserPath, View;
     const CliDistro *Distro = nullptr;
     std::vector<CliRelease> Releases;  // --release texts
+    bool Sp3 = false;                  // with Releases: SP3=YES in the run's environment
     std::vector<std::string> Packages; // -C
     std::set<std::string> ErrataUnsupported;
     bool Json = false, Debug = false, Verbose = false, NUI = false, AllDistros = false;

@@ -6,6 +6,7 @@
 #include <pwd.h>
 #include <sys/utsname.h>
 
+#include <algorithm>
 #include <map>
 
 #include <nlohmann/json.hpp>
@@ -82,14 +83,23 @@ void Machine(const Tree &T, const std::string &Kernel, const char *Release = Red
         T.Put("proc/sys/kernel/osrelease", Kernel + "\n");
 }
 
-// A bundle for Red Hat Linux 7.3 of the given components (name -> the inside of its section
-// and of its top-level prerequisites).
+// A bundle for one distribution (Red Hat Linux 7.3 unless said) of the given components: the
+// inside of its section for that distribution, its supported devices, and further sections.
 struct Component {
     std::string Name, Section, Devices;
+    std::string OtherSections = "";
 };
 
-void WriteBundle(const Tree &B, const std::vector<Component> &Components)
+std::string SectionOf(const std::string &Key, const std::string &Inside)
 {
+    return "      <" + Key + ">\n" + Inside + "      </" + Key + ">\n";
+}
+
+void WriteBundle(const Tree &B, const std::vector<Component> &Components,
+                 const std::string &Os = "Red Hat Linux 7.3")
+{
+    std::string Key = Os;
+    std::replace(Key.begin(), Key.end(), ' ', '_');
     std::string Packages;
     for (const Component &C : Components) {
         Packages += "    <package install=\"yes\">" + C.Name + "-1.0-1.i386.rpm</package>\n";
@@ -110,18 +120,18 @@ void WriteBundle(const Tree &B, const std::vector<Component> &Components)
                     "    <supported_devices>\n" +
                     C.Devices +
                     "    </supported_devices>\n"
-                    "  </prerequisites>\n  <platform_specific>\n    <LINUX>\n"
-                    "      <Red_Hat_Linux_7.3>\n" +
-                    C.Section +
-                    "      </Red_Hat_Linux_7.3>\n    </LINUX>\n  </platform_specific>\n"
-                    "</zel_package>\n");
+                    "  </prerequisites>\n  <platform_specific>\n    <LINUX>\n" +
+                    SectionOf(Key, C.Section) + C.OtherSections +
+                    "    </LINUX>\n  </platform_specific>\n</zel_package>\n");
     }
     B.Write("bp000101.xml",
             "<?xml version=\"1.0\"?>\n<zel_bundle>\n  <version value=\"1.0\"/>\n  <name>\n"
             "    <name_xlate lang=\"en\">Test bundle</name_xlate>\n  </name>\n"
             "  <operating_systems>\n    <operating_system>\n"
-            "      <operating_system_xlate lang=\"en\">Red Hat Linux 7.3</operating_system_xlate>\n"
-            "    </operating_system>\n  </operating_systems>\n  <contents>\n" +
+            "      <operating_system_xlate lang=\"en\">" +
+                Os +
+                "</operating_system_xlate>\n"
+                "    </operating_system>\n  </operating_systems>\n  <contents>\n" +
                 Packages + "  </contents>\n</zel_bundle>\n");
 }
 
@@ -196,7 +206,9 @@ TEST(Check, EverySubtypeOnHandWrittenSnapshots)
                                            {"subven", "0E11"},
                                            {"subdev", "B0DD"}}) +
                           SupportedDevice({{"ven", "8086"}, {"dev", "2449"}});
-    // A device that the PCI ID database does not know once crashed the name lookup.
+    // A device that the PCI ID database does not know once crashed the name lookup; the machine
+    // that has one is kept in tests/data/check/unknown-device.
+    const std::string UnknownDevice = std::string(ZEL_CHECK_DATA) + "/unknown-device";
     std::string Unnamed = SupportedDevice({{"ven", "FFF0"}, {"dev", "0001"}});
     WriteBundle(B, {{"probe", Probe, ""},
                     {"nic", Flags(true, false, false, false), Devices},
@@ -238,7 +250,8 @@ TEST(Check, EverySubtypeOnHandWrittenSnapshots)
 
     CheckResult R = RunManager({"check", "--json", "--snapshot=" + Present.Path,
                                 "--snapshot=" + Absent.Path, "--snapshot=" + Links.Path,
-                                "--snapshot=" + Bare.Path, "--snapshot=" + Tilde.Path, B.Path});
+                                "--snapshot=" + Bare.Path, "--snapshot=" + Tilde.Path,
+                                "--snapshot=" + UnknownDevice, B.Path});
     ASSERT_FALSE(R.Parsed.is_discarded()) << R.Out << R.Err;
     EXPECT_EQ(1, R.Status) << R.Err;
     EXPECT_EQ(1, R.Parsed["plans"]);
@@ -311,9 +324,15 @@ TEST(Check, EverySubtypeOnHandWrittenSnapshots)
                                     {"installs", Bare.Path.c_str()}};
     for (const auto &V : NicVerdicts)
         EXPECT_EQ(V[0], (*FindComponent(*FindMachine(R.Parsed, V[1]), "nic"))["verdict"]) << V[1];
-    const Json &Unknown = (*FindComponent(*FindMachine(R.Parsed, Present.Path), "unnamed"));
-    EXPECT_EQ("refused", Unknown["verdict"]);
-    EXPECT_NE(std::string::npos, Unknown["requisites"][0]["name"].get<std::string>().find("fff0"));
+    // The device no database knows: absent, and present at 0000:00:05.0.
+    const char *UnnamedVerdicts[][2] = {{"refused", Present.Path.c_str()},
+                                        {"installs", UnknownDevice.c_str()}};
+    for (const auto &V : UnnamedVerdicts) {
+        const Json &Unknown = (*FindComponent(*FindMachine(R.Parsed, V[1]), "unnamed"));
+        EXPECT_EQ(V[0], Unknown["verdict"]) << V[1];
+        EXPECT_NE(std::string::npos,
+                  Unknown["requisites"][0]["name"].get<std::string>().find("fff0"));
+    }
     // A postrequisite that does not hold is shown, and never refuses its component; the
     // failing prerequisites come first.
     const Json &Probe1 = *FindComponent(*FindMachine(R.Parsed, Present.Path), "probe");
@@ -332,6 +351,49 @@ TEST(Check, EverySubtypeOnHandWrittenSnapshots)
         {"check", "--json", "--strict", "--snapshot=" + Bare.Path, B.Path});
     EXPECT_EQ("installs", (*FindComponent(Loose.Parsed["machines"][0], "nic"))["verdict"]);
     EXPECT_EQ("refused", (*FindComponent(Strict.Parsed["machines"][0], "nic"))["verdict"]);
+}
+
+// SP3=YES (exactly) in a UnitedLinux 1.0 machine's environment makes the sub-service read the
+// component's UnitedLinux_1.0_SP3 section, so that machine gets a plan of its own (once every
+// snapshot's plan was made without SP3, whatever the machine's environment said).
+TEST(Check, Sp3ChoosesTheSection)
+{
+    Tree B, Plain, Sp3, Lower;
+    auto Needs = [](const std::string &Path) {
+        return Flags(true, false, false, false) + "        <prerequisites>\n" +
+               Requisite("prerequisite_data", 3, Path) + "        </prerequisites>\n";
+    };
+    WriteBundle(B,
+                {{"ul", Needs("/etc/base.conf"), "",
+                  SectionOf("UnitedLinux_1.0_SP3", Needs("/etc/sp3.conf"))}},
+                "UnitedLinux 1.0");
+    for (const Tree *T : {&Plain, &Sp3, &Lower}) {
+        T->Put("etc/UnitedLinux-release", "UnitedLinux 1.0 (i586)\nVERSION = 1.0\n");
+        T->Put("etc/sp3.conf", "");
+    }
+    Sp3.Put("environ", "SP3=YES\n");
+    Lower.Put("environ", "SP3=yes\n");
+    CheckResult R = RunManager({"check", "--json", "--snapshot=" + Plain.Path,
+                                "--snapshot=" + Sp3.Path, "--snapshot=" + Lower.Path, B.Path});
+    ASSERT_FALSE(R.Parsed.is_discarded()) << R.Out << R.Err;
+    EXPECT_EQ(1, R.Status) << R.Err;
+    EXPECT_EQ(2, R.Parsed["plans"]);
+    struct {
+        const Tree *M;
+        const char *Key, *Verdict, *Value;
+    } Rows[] = {{&Plain, "UnitedLinux_1.0", "refused", "/etc/base.conf"},
+                {&Sp3, "UnitedLinux_1.0_SP3", "installs", "/etc/sp3.conf"},
+                {&Lower, "UnitedLinux_1.0", "refused", "/etc/base.conf"}};
+    for (const auto &Row : Rows) {
+        const Json *M = FindMachine(R.Parsed, Row.M->Path);
+        ASSERT_NE(nullptr, M);
+        EXPECT_EQ(std::string(Row.Key), (*M)["key"]);
+        const Json &C = *FindComponent(*M, "ul");
+        EXPECT_EQ(std::string(Row.Verdict), C["verdict"]) << C.dump();
+        ASSERT_EQ(1u, C["requisites"].size()) << C.dump();
+        EXPECT_EQ(std::string(Row.Value), C["requisites"][0]["value"]);
+        EXPECT_GT(C["requisites"][0]["line"].get<int>(), 0) << "not found in its section";
+    }
 }
 
 namespace {
@@ -358,7 +420,7 @@ void WriteConfigBundle(const Tree &B)
         Variable(Pre, "required=\"yes\" minimumlength=\"2\" maximumlength=\"5\"", "PORT", 1,
                  "            <acceptable_characters>\n              <![CDATA[0123456789]]>\n"
                  "            </acceptable_characters>\n") +
-        Variable(Pre, "required=\"yes\" minimumlength=\"8\"", "ADMINPASSWD", 2) +
+        Variable(Pre, "required=\"yes\" minimumlength=\"8\"", "QXHTTPSERVERADMINPASSWD", 2) +
         Variable(Pre, "required=\"no\"", "LANGCODE", 1,
                  "            <default_value value=\"en\"/>\n") +
         "        </preconfiguration>\n        <postconfiguration>\n" +
@@ -367,10 +429,10 @@ void WriteConfigBundle(const Tree &B)
     WriteBundle(B, {{"conf", Section, ""}});
 }
 
-std::map<std::string, std::string> States(const Json &R, const char *Field)
+std::map<std::string, std::string> States(const Json &R, const char *Field, size_t Machine = 0)
 {
     std::map<std::string, std::string> Out;
-    for (const Json &V : (*FindComponent(R["machines"][0], "conf"))["configuration"])
+    for (const Json &V : (*FindComponent(R["machines"][Machine], "conf"))["configuration"])
         Out[V["name"].get<std::string>()] = V[Field].get<std::string>();
     return Out;
 }
@@ -380,15 +442,20 @@ std::map<std::string, std::string> States(const Json &R, const char *Field)
 // Every answers case: answered (a value holding '='), default, optional and empty, missing,
 // invalid (short, long, a character outside the acceptable ones), a name that is no variable,
 // a line without '=' (with its line number), comments; a password never shown, in any output.
+// RZPELMCONFIGURED=YES in a machine's environment makes the password optional in its own plan
+// (once the caller's environment decided every machine's plan).
 TEST(Check, ConfigurationAnswers)
 {
     Tree B, M, Answers;
     WriteConfigBundle(B);
     Machine(M, "2.4.18-3");
-    Answers.Put("good", "# prepared\nPORT=8080\nADMINPASSWD=Good-Secret-77\nCOMMUNITY=a=b\n");
-    Answers.Put("bad", "PORT=80a\nADMINPASSWD=Pw-zq9x\n\n# a comment line\nCOMTUNITY=x\nno equals\n"
-                       "LANGCODE=\n");
-    Answers.Put("limits", "PORT=1\nADMINPASSWD=Long-enough-1\nCOMMUNITY=123456789\n");
+    Answers.Put("good",
+                "# prepared\nPORT=8080\nQXHTTPSERVERADMINPASSWD=Good-Secret-77\nCOMMUNITY=a=b\n");
+    Answers.Put(
+        "bad",
+        "PORT=80a\nQXHTTPSERVERADMINPASSWD=Pw-zq9x\n\n# a comment line\nCOMTUNITY=x\nno equals\n"
+        "LANGCODE=\n");
+    Answers.Put("limits", "PORT=1\nQXHTTPSERVERADMINPASSWD=Long-enough-1\nCOMMUNITY=123456789\n");
     const std::vector<std::string> Base = {"check", "--snapshot=" + M.Path, "--json"};
     auto Check = [&](const std::string &File) {
         std::vector<std::string> Args = Base;
@@ -400,7 +467,7 @@ TEST(Check, ConfigurationAnswers)
     EXPECT_EQ(0, Good.Status) << Good.Out << Good.Err;
     ASSERT_EQ(5u, (*FindComponent(Good.Parsed["machines"][0], "conf"))["configuration"].size());
     EXPECT_EQ((std::map<std::string, std::string>{{"PORT", "answered"},
-                                                  {"ADMINPASSWD", "answered"},
+                                                  {"QXHTTPSERVERADMINPASSWD", "answered"},
                                                   {"LANGCODE", "default"},
                                                   {"COMMUNITY", "answered"},
                                                   {"NOTE", "default"}}),
@@ -412,7 +479,7 @@ TEST(Check, ConfigurationAnswers)
     CheckResult Bad = Check("bad");
     EXPECT_EQ(1, Bad.Status);
     EXPECT_EQ((std::map<std::string, std::string>{{"PORT", "bad-character"},
-                                                  {"ADMINPASSWD", "too-short"},
+                                                  {"QXHTTPSERVERADMINPASSWD", "too-short"},
                                                   {"LANGCODE", "answered"},
                                                   {"COMMUNITY", "missing"},
                                                   {"NOTE", "optional-empty"}}),
@@ -438,9 +505,26 @@ TEST(Check, ConfigurationAnswers)
     // The template lists every variable; the required ones without a default are to be filled.
     CheckResult Template = RunManager({"answers", "--snapshot=" + M.Path, B.Path});
     EXPECT_EQ(0, Template.Status) << Template.Err;
-    for (const char *Line : {"\nPORT=\n", "\nADMINPASSWD=\n", "\n#LANGCODE=en\n", "\nCOMMUNITY=\n",
-                             "acceptable characters: 0123456789"})
+    for (const char *Line : {"\nPORT=\n", "\nQXHTTPSERVERADMINPASSWD=\n", "\n#LANGCODE=en\n",
+                             "\nCOMMUNITY=\n", "acceptable characters: 0123456789"})
         EXPECT_NE(std::string::npos, Template.Out.find(Line)) << Line << Template.Out;
+
+    Tree Configured;
+    Machine(Configured, "2.4.18-3");
+    Configured.Put("environ", "RZPELMCONFIGURED=YES\n");
+    Answers.Put("nopassword", "PORT=8080\nCOMMUNITY=x\n");
+    CheckResult Two = RunManager({"check", "--json", "--snapshot=" + M.Path,
+                                  "--snapshot=" + Configured.Path,
+                                  "--answers=" + Answers.Path + "/nopassword", B.Path});
+    ASSERT_FALSE(Two.Parsed.is_discarded()) << Two.Out << Two.Err;
+    EXPECT_EQ(2, Two.Parsed["plans"]);
+    EXPECT_EQ("missing", States(Two.Parsed, "code", 0)["QXHTTPSERVERADMINPASSWD"]);
+    EXPECT_EQ("optional-empty", States(Two.Parsed, "code", 1)["QXHTTPSERVERADMINPASSWD"]);
+    EXPECT_EQ(1, Two.Parsed["machines"][0]["exitStatus"]);
+    EXPECT_EQ(0, Two.Parsed["machines"][1]["exitStatus"]);
+    CheckResult Optional = RunManager({"answers", "--snapshot=" + Configured.Path, B.Path});
+    EXPECT_NE(std::string::npos, Optional.Out.find("\n#QXHTTPSERVERADMINPASSWD=\n"))
+        << Optional.Out;
 }
 
 // The example fleet: three machines of two distributions share two plans; one machine where
@@ -531,6 +615,8 @@ TEST(Check, SnapshotOfThisMachine)
                      ""}});
     setenv("ZELSNAP_NAMED", "named-value", 1);
     setenv("ZELSNAP_OTHER", "other-value", 1);
+    setenv("SP3", "YES", 1); // recorded whether a requisite names it or not
+    setenv("RZPELMCONFIGURED", "YES", 1);
     chmod(Out.Path.c_str(), 0777);
     const std::string Dir = Out.Path + "/snap";
     CheckResult R = RunManager({"snapshot", "--for=" + B.Path, Dir}, Uid);
@@ -545,11 +631,16 @@ TEST(Check, SnapshotOfThisMachine)
     std::string Environ = ReadAll(Dir + "/environ");
     EXPECT_NE(std::string::npos, Environ.find("ZELSNAP_NAMED=named-value\n"));
     EXPECT_EQ(std::string::npos, Environ.find("ZELSNAP_OTHER"));
+    for (const char *Fixed : {"\nSP3=YES\n", "\nRZPELMCONFIGURED=YES\n"})
+        EXPECT_NE(std::string::npos, ("\n" + Environ).find(Fixed)) << Environ;
+    CheckResult Fixed = RunManager({"snapshot", Out.Path + "/fixed"}, Uid);
+    EXPECT_EQ(0, Fixed.Status) << Fixed.Err;
+    EXPECT_EQ("RZPELMCONFIGURED=YES\nSP3=YES\n", ReadAll(Out.Path + "/fixed/environ"));
     struct utsname U;
     uname(&U);
     EXPECT_EQ(std::string(U.release) + "\n", ReadAll(Dir + "/proc/sys/kernel/osrelease"));
-    unsetenv("ZELSNAP_NAMED");
-    unsetenv("ZELSNAP_OTHER");
+    for (const char *Name : {"ZELSNAP_NAMED", "ZELSNAP_OTHER", "SP3", "RZPELMCONFIGURED"})
+        unsetenv(Name);
 
     // Its facts read back: the file, the directory, the library, the program, the variable.
     Machine(Out, "");
