@@ -73,16 +73,9 @@ static CkPlan Collect(const std::vector<CliRelease> &Set, pid_t Pid, int Fd)
     int Status = 0;
     while (waitpid(Pid, &Status, 0) < 0 && errno == EINTR) {
     }
-    std::string Text;
-    char Buffer[65536];
-    ssize_t N;
-    lseek(Fd, 0, SEEK_SET);
-    while ((N = read(Fd, Buffer, sizeof Buffer)) > 0)
-        Text.append(Buffer, (size_t)N);
-    close(Fd);
     CkPlan P;
-    P.Result = Json::parse(Text, nullptr, false);
-    if (P.Result.is_discarded() || !P.Result.is_object()) {
+    P.Result = CliReadChildResult(Fd);
+    if (P.Result.is_null()) {
         P.Result = FailedPlan(Set, "the plan's run ended without a result (wait status " +
                                        std::to_string(Status) + ")");
         return P;

@@ -24,8 +24,7 @@ static Json ChildFailure(const CliDistro &D, const std::string &What)
             {"bundle", nullptr}, {"outcome", "no plan"}, {"exitStatus", CLI_NO_PLAN}};
 }
 
-// Reads what a child left in its file.
-static Json CollectChild(const CliDistro &D, int Fd, int Status)
+Json CliReadChildResult(int Fd)
 {
     std::string Text;
     char Buffer[65536];
@@ -35,7 +34,14 @@ static Json CollectChild(const CliDistro &D, int Fd, int Status)
         Text.append(Buffer, (size_t)N);
     close(Fd);
     Json R = Json::parse(Text, nullptr, false);
-    if (R.is_discarded() || !R.is_object())
+    return R.is_object() ? R : Json();
+}
+
+// Reads what a child left in its file.
+static Json CollectChild(const CliDistro &D, int Fd, int Status)
+{
+    Json R = CliReadChildResult(Fd);
+    if (R.is_null())
         return ChildFailure(D, "the run for " + std::string(D.Name) +
                                    " ended without a result (wait status " +
                                    std::to_string(Status) + ")");

@@ -86,6 +86,9 @@ void CliTableVerdicts(const Json &R);
 // verdict in one run ("recorded", "recorded with findings: ...", "refused: ...", "not
 // recorded ...") and the components a run looked at (messages, records, refusals).
 Json CliMatrixRun(CliOptions &O);
+// The JSON object a sandboxed child wrote to the file Fd (read from its start, then closed),
+// or null when it left none.
+Json CliReadChildResult(int Fd);
 int CliMatrix(CliOptions &O);
 std::string CliComponentVerdict(const Json &R, const std::string &Component);
 std::vector<std::string> CliComponentsOf(const Json &R);
