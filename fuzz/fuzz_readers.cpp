@@ -5,8 +5,9 @@
 // the errata question. The question goes out over a real connection that the target drains
 // after each input; Parser_Exiting is 1, so no answer is waited for (it reads as supported).
 // Input: byte 0 picks the installed distribution, debug mode, the language and whether the
-// readers after the first read a file that failed to parse; the rest is the file. Writes the tree, ComponentList, InstallPacketList, CurrentlyInstalledOS,
-// DEBUG_FLAG, Parser_Exiting and ParserQueue.
+// readers after the first read a file that failed to parse; the rest is the file. Writes the
+// tree, ComponentList, InstallPacketList, CurrentlyInstalledOS, DEBUG_FLAG, Parser_Exiting and
+// ParserQueue.
 //
 // The files live in a directory on the memory file system /dev/shm (/tmp where it is missing):
 // the readers open them by name as they open any file, but no input waits for a disk. The
