@@ -610,9 +610,10 @@ static const char *ScanSegment(const char *Text, const char *End, int *Seen, con
             }
             if (c == ']')
                 Found |= Left >= 3 && Text[1] == ']' && Text[2] == '>' ? SEEN_CDATA_END : 0;
-            else if (Left >= CDATA_START_LENGTH && memcmp(Text, CDATA_START, CDATA_START_LENGTH) == 0)
+            else if (Left >= CDATA_START_LENGTH && Text[1] == '!' &&
+                     memcmp(Text, CDATA_START, CDATA_START_LENGTH) == 0)
                 Found |= SEEN_CDATA_START;
-            else if (Left >= 5 && memcmp(Text, "<?xml", 5) == 0)
+            else if (Left >= 5 && Text[1] == '?' && memcmp(Text, "<?xml", 5) == 0)
                 Found |= SEEN_DECLARATION;
         }
     }
