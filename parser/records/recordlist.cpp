@@ -2,6 +2,7 @@
 // built, each with its handle; the manager walks it by first, next and last item. Writes
 // InstallPacketList, InstallPacketNumber and the list's index (under ParserStateMutex, like
 // every user of the list).
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -25,6 +26,8 @@ static int GrowInstallRecordIndex(void)
 {
     if (InstallRecordCount < InstallRecordCapacity)
         return 0;
+    if (InstallRecordCapacity > INT32_MAX / 2) // handles are 32-bit: no larger index is needed
+        return RZP_OUT_OF_MEMORY;
     int32_t Capacity = InstallRecordCapacity == 0 ? INSTALL_INDEX_INITIAL
                                                   : InstallRecordCapacity * 2;
     void *Grown = realloc(InstallRecordIndex,
