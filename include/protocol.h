@@ -71,7 +71,8 @@ void ExpectAnswer(PPENDINGWAIT Wait, int SequenceNumber);
 void ExpectAnswerByOpCode(PPENDINGWAIT Wait, uint32_t OpCode);
 // Waits for the expected packet (by sequence number the header area is zeroed first). Returns
 // when it is taken or when Parser_Exiting is 1. Wakes as soon as the packet is parked, and at
-// least every 10 milliseconds to look at Parser_Exiting. The expectation ends with it.
+// least every 10 milliseconds to look at Parser_Exiting. The expectation ends with it. Payload
+// is payload-sized, or nullptr when only the answer's header is read.
 void WaitForExpectedAnswer(PPENDINGWAIT Wait, PRZP_HEADER_PACKET Header, unsigned char *Payload);
 // ExpectAnswer and WaitForExpectedAnswer in one, for an answer that cannot have come yet.
 void WaitForAnswer(PRZP_HEADER_PACKET Header, unsigned char *Payload, int SequenceNumber);

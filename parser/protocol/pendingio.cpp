@@ -61,14 +61,15 @@ void UnlinkNode(PPENDINGIO Previous, PPENDINGIO Node)
     PendingIOCount--;
 }
 
-// Copies the node to the caller's areas, unlinks and frees it. Called under PendingIOMutex.
+// Copies the node to the caller's areas (Payload nullptr: the payload is not wanted), unlinks
+// and frees it. Called under PendingIOMutex.
 void TakeNode(PPENDINGIO Previous, PPENDINGIO Node, PRZP_HEADER_PACKET Header,
               unsigned char *Payload)
 {
     memcpy(Header, Node->Header, sizeof *Header);
-    if (Node->Header->DataLength > 0 && Node->Buffer != nullptr)
+    if (Payload != nullptr && Node->Header->DataLength > 0 && Node->Buffer != nullptr)
         memcpy(Payload, Node->Buffer, Node->Header->DataLength);
-    else
+    else if (Payload != nullptr)
         Payload[0] = 0;
     UnlinkNode(Previous, Node);
     FreeNode(Node);

@@ -25,7 +25,7 @@ void BuildRequestHeader(PRZP_HEADER_PACKET Header, uint32_t OpCode, int DataLeng
 
 // Sends one request and waits for its answer, expected from before the send; Header holds the
 // answer's header afterwards (zeroed when the wait ended because the service is ending), Answer
-// (payload-sized) its payload.
+// (payload-sized, or nullptr when only the return code is read) its payload.
 void RoundTrip(PRZP_HEADER_PACKET Header, unsigned char *Payload, unsigned char *Answer)
 {
     PENDINGWAIT Wait;
@@ -44,26 +44,30 @@ unsigned char *PayloadBuffer(void)
     return Buffer;
 }
 
-// A request whose payload the caller encoded: returns the answer's ReturnCode
-// (RZP_OUT_OF_MEMORY when no buffer for the answer can be had: nothing is sent).
+// A request whose payload the caller encoded: returns the answer's ReturnCode, the one thing
+// read of the answer.
 int SendRequest(uint32_t OpCode, unsigned char *Payload, int PayloadLength)
 {
-    unsigned char *Answer = PayloadBuffer();
-    if (Answer == nullptr)
-        return RZP_OUT_OF_MEMORY;
     RZP_HEADER_PACKET Header;
     BuildRequestHeader(&Header, OpCode, PayloadLength);
-    RoundTrip(&Header, Payload, Answer);
-    free(Answer);
+    RoundTrip(&Header, Payload, nullptr);
     return Header.ReturnCode;
 }
 
-// One STRING item holding Text (declared length with its NUL) in a payload-sized buffer. Text
-// that does not fit a payload is cut: it is display text.
-int EncodeMessage(unsigned char *Payload, const char *Text)
+// The room of a STRING item: its type and declared length (two 32-bit words) and the NUL.
+const size_t MessageItemRoom = 9;
+
+// The length of Text sent as a message: text that does not fit a payload is cut, as it is
+// display text.
+size_t MessageLength(const char *Text)
 {
-    const size_t Room = RZP_MAX_PAYLOAD - 9; // the item's type, its length and the NUL
-    size_t Length = Text == nullptr ? 0 : strnlen(Text, Room);
+    return Text == nullptr ? 0 : strnlen(Text, RZP_MAX_PAYLOAD - MessageItemRoom);
+}
+
+// One STRING item holding the Length bytes of Text (declared length with its NUL) in Payload,
+// which has Length + MessageItemRoom bytes.
+int EncodeMessage(unsigned char *Payload, const char *Text, size_t Length)
+{
     int Offset = Tokenize(Payload, "%U%U", RZP_TYPE_STRING, static_cast<uint32_t>(Length + 1));
     if (Length > 0)
         memcpy(Payload + Offset, Text, Length);
@@ -71,13 +75,17 @@ int EncodeMessage(unsigned char *Payload, const char *Text)
     return Offset + static_cast<int>(Length) + 1;
 }
 
-// Sends Text as the one STRING item of a screen or log request (Send).
+// Sends Text as the one STRING item of a screen or log request (Send), in a payload of the
+// item's own size.
 void SendText(int (*Send)(unsigned char *, int), const char *Text)
 {
-    unsigned char *Payload = PayloadBuffer();
-    if (Payload == nullptr)
+    size_t Length = MessageLength(Text);
+    unsigned char *Payload = static_cast<unsigned char *>(calloc(1, Length + MessageItemRoom));
+    if (Payload == nullptr) {
+        printf("Unable to allocate memory for a request to the manager.\n");
         return;
-    Send(Payload, EncodeMessage(Payload, Text));
+    }
+    Send(Payload, EncodeMessage(Payload, Text, Length));
     free(Payload);
 }
 
@@ -109,22 +117,18 @@ int QueryOpcodeSupport(uint32_t OpCode, const char *DebugName)
 {
     RZP_HEADER_PACKET Header;
     unsigned char Query[16];
-    unsigned char *Answer = PayloadBuffer();
-    if (Answer == nullptr)
-        return RZP_OUT_OF_MEMORY;
     int Result = RZP_OPCODE_NOT_SUPPORTED;
     int Count = 0;
     while (Parser_Exiting != 1 && Result == RZP_OPCODE_NOT_SUPPORTED && Count < SupportQueryLimit) {
         int Length = Tokenize(Query, "%U%U%U", RZP_TYPE_ULONG, 4u, OpCode);
         BuildRequestHeader(&Header, RZP_IS_OPCODE_SUPPORTED, Length);
-        RoundTrip(&Header, Query, Answer);
+        RoundTrip(&Header, Query, nullptr); // the answer's return code says it
         Count++;
         Result = Header.ReturnCode;
         if (Debugging() && DebugName != nullptr)
             printf("%s %s supported.\n", DebugName,
                    Result == RZP_OPCODE_SUPPORTED ? "is" : "is not");
     }
-    free(Answer);
     if (Count >= SupportQueryLimit) {
         Parser_Exiting = 1;
         return RZP_OPCODE_NOT_SUPPORTED;

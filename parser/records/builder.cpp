@@ -385,18 +385,26 @@ static int SerializeRecord(RECORD_WRITER *W, const char *XMLFileName, PRZP_INSTA
     return AppendSubRecords(W, XMLFileName, P, Devices, DeviceLength);
 }
 
+// Format with FileName in a buffer of its own size (nullptr, after a console line, when memory
+// has run out). Format holds one %s.
+static char *FormatWithName(const char *Format, const char *FileName)
+{
+    int Length = snprintf(nullptr, 0, Format, FileName);
+    char *Text = Length < 0 ? nullptr
+                            : static_cast<char *>(malloc(static_cast<size_t>(Length) + 1));
+    if (Text != nullptr)
+        snprintf(Text, static_cast<size_t>(Length) + 1, Format, FileName);
+    else
+        printf("Unable to allocate memory for the message about %s.\n", FileName);
+    return Text;
+}
+
 static void SendFormatted(const char *Coloured, const char *Plain, const char *FileName)
 {
-    char *ColouredText = static_cast<char *>(calloc(1, RZP_MAX_PAYLOAD));
-    char *PlainText = static_cast<char *>(calloc(1, RZP_MAX_PAYLOAD));
-    if (ColouredText != nullptr && PlainText != nullptr) {
-        if (Coloured != nullptr)
-            snprintf(ColouredText, RZP_MAX_PAYLOAD, Coloured, FileName);
-        snprintf(PlainText, RZP_MAX_PAYLOAD, Plain, FileName);
-        SendScreenAndLog(Coloured == nullptr ? nullptr : ColouredText, PlainText);
-    } else {
-        printf("Unable to allocate memory for the message about %s.\n", FileName);
-    }
+    char *PlainText = FormatWithName(Plain, FileName);
+    char *ColouredText = PlainText == nullptr ? nullptr : FormatWithName(Coloured, FileName);
+    if (ColouredText != nullptr)
+        SendScreenAndLog(ColouredText, PlainText);
     free(ColouredText);
     free(PlainText);
 }
