@@ -90,6 +90,10 @@ TEST_F(Protocol, QueueServesTheOldestMatchCopiesOnlyDataLengthAndDumpsPromptsInD
     EXPECT_EQ(H.opCode, RZP_LOG_DATA);
     EXPECT_EQ(Dequeue(&H, Out.data(), 5), RZP_NOTHING_PENDING);
     EXPECT_EQ(DequeueByOpCode(&H, Out.data(), 4001), RZP_OPCODE_NOT_SUPPORTED);
+    ASSERT_EQ(Enqueue(&Open, Payload.data()), 0); // taken for its return code: no payload area
+    EXPECT_EQ(Dequeue(&H, nullptr, 5), 0);
+    EXPECT_EQ(H.DataLength, 3);
+    EXPECT_EQ(PendingIOLength(), 0);
 
     Bytes Prompt = {0x10, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10}; // shown in debug mode
     H = MakeHeader(RZP_PROMPT_FOR_NUMBER, 9, 11);
