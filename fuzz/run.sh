@@ -42,6 +42,7 @@ for TARGET in $TARGETS; do
   # from the last dozens, is still caught; a 256 MB one made every allocation cold memory,
   # about a third of each execution of the readers target.
   ASAN_OPTIONS=detect_leaks=1:quarantine_size_mb=16 "$BUILD/bin/fuzz_$TARGET" \
-    -max_total_time="$EACH" -timeout=10 -max_len="$MAX_LEN" -print_final_stats=1 -artifact_prefix="$BUILD/artifacts/$TARGET-" \
+    -max_total_time="$EACH" -timeout=10 -max_len="$MAX_LEN" -print_final_stats=1 \
+    -artifact_prefix="$BUILD/artifacts/$TARGET-" \
     "${DICT[@]}" "$BUILD/corpus/$TARGET"
 done

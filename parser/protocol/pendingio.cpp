@@ -67,10 +67,12 @@ void TakeNode(PPENDINGIO Previous, PPENDINGIO Node, PRZP_HEADER_PACKET Header,
               unsigned char *Payload)
 {
     memcpy(Header, Node->Header, sizeof *Header);
-    if (Payload != nullptr && Node->Header->DataLength > 0 && Node->Buffer != nullptr)
-        memcpy(Payload, Node->Buffer, Node->Header->DataLength);
-    else if (Payload != nullptr)
-        Payload[0] = 0;
+    if (Payload != nullptr) {
+        if (Node->Header->DataLength > 0 && Node->Buffer != nullptr)
+            memcpy(Payload, Node->Buffer, Node->Header->DataLength);
+        else
+            Payload[0] = 0;
+    }
     UnlinkNode(Previous, Node);
     FreeNode(Node);
 }

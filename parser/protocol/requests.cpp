@@ -34,14 +34,19 @@ void RoundTrip(PRZP_HEADER_PACKET Header, unsigned char *Payload, unsigned char 
     WaitForExpectedAnswer(&Wait, Header, Answer);
 }
 
-// A payload-sized buffer for a request or its answer, or nullptr (after a console line) when
-// memory has run out; the request is then not sent.
-unsigned char *PayloadBuffer(void)
+// A zero-filled area of Size bytes for a request or its answer, or nullptr (after a console
+// line) when memory has run out; the request is then not sent.
+unsigned char *RequestArea(size_t Size)
 {
-    unsigned char *Buffer = static_cast<unsigned char *>(calloc(1, RZP_MAX_PAYLOAD));
+    unsigned char *Buffer = static_cast<unsigned char *>(calloc(1, Size));
     if (Buffer == nullptr)
         printf("Unable to allocate memory for a request to the manager.\n");
     return Buffer;
+}
+
+unsigned char *PayloadBuffer(void)
+{
+    return RequestArea(RZP_MAX_PAYLOAD);
 }
 
 // A request whose payload the caller encoded: returns the answer's ReturnCode, the one thing
@@ -80,11 +85,9 @@ int EncodeMessage(unsigned char *Payload, const char *Text, size_t Length)
 void SendText(int (*Send)(unsigned char *, int), const char *Text)
 {
     size_t Length = MessageLength(Text);
-    unsigned char *Payload = static_cast<unsigned char *>(calloc(1, Length + MessageItemRoom));
-    if (Payload == nullptr) {
-        printf("Unable to allocate memory for a request to the manager.\n");
+    unsigned char *Payload = RequestArea(Length + MessageItemRoom);
+    if (Payload == nullptr)
         return;
-    }
     Send(Payload, EncodeMessage(Payload, Text, Length));
     free(Payload);
 }
@@ -122,7 +125,7 @@ int QueryOpcodeSupport(uint32_t OpCode, const char *DebugName)
     while (Parser_Exiting != 1 && Result == RZP_OPCODE_NOT_SUPPORTED && Count < SupportQueryLimit) {
         int Length = Tokenize(Query, "%U%U%U", RZP_TYPE_ULONG, 4u, OpCode);
         BuildRequestHeader(&Header, RZP_IS_OPCODE_SUPPORTED, Length);
-        RoundTrip(&Header, Query, nullptr); // the answer's return code says it
+        RoundTrip(&Header, Query, nullptr); // only its return code is read
         Count++;
         Result = Header.ReturnCode;
         if (Debugging() && DebugName != nullptr)
