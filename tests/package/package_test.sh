@@ -1,13 +1,37 @@
 #!/usr/bin/env bash
-# The Debian package as an administrator gets it: built by cpack, judged by lintian, unpacked
-# into a scratch directory (never onto this machine) and used from there: the programs on the
-# example bundle, the manuals, the bash completion.
-# Usage: package_test.sh STEP BUILD_DIR WORK_DIR VERSION
-#   STEP: build (cpack and unpack; the other steps need it), lintian, run, manuals, completion
+# The packages as an administrator gets them. The Debian package: built by cpack, judged by
+# lintian, unpacked into a scratch directory (never onto this machine) and used from there: the
+# programs on the example bundle, the manuals, the bash completion; then installed with dpkg in
+# a private mount namespace. The RPM: built by cpack, judged by rpmlint, installed with rpm in
+# a private mount namespace and used there.
+# Usage: package_test.sh STEP BUILD_DIR WORK_DIR VERSION SOURCE_DIR
+#   STEP: build (cpack and unpack; the next four steps need it), lintian, run, manuals,
+#   completion; rpm_build (cpack; the next two need it), rpmlint, rpm_install
 set -euo pipefail
-step=$1 build=$2 work=$3 version=$4
+step=$1 build=$2 work=$3 version=$4 source=$5
 root=$work/root
 fail() { echo "FAIL: $*" >&2; exit 1; }
+# rpm keeps its database under HOME on Debian (rpm --eval %_dbpath), rpmlint its settings: a
+# scratch HOME, so that neither is written into this machine's.
+export HOME=$work/home
+
+# Runs a command in a private mount namespace whose /usr, /etc, /var, /opt and /root are
+# overlays with their upper directories under WORK and whose /tmp is its own: a package
+# installed there as an administrator installs it, and this machine never changes.
+in_private_system() {
+  local upper=$work/system
+  rm -rf "$upper"
+  unshare --mount --propagation private bash -c '
+    set -e
+    upper=$1; shift
+    for dir in usr etc var opt root; do
+      mkdir -p "$upper/$dir/upper" "$upper/$dir/work"
+      mount -t overlay zelpackage \
+        -o "lowerdir=/$dir,upperdir=$upper/$dir/upper,workdir=$upper/$dir/work" "/$dir"
+    done
+    mount -t tmpfs zelpackage /tmp
+    exec "$@"' in_private_system "$upper" "$@"
+}
 
 build_package() {
   rm -rf "$work" && mkdir -p "$work/out"
@@ -135,11 +159,58 @@ bundle: examples/server-bundle
 WANT
 }
 
+build_rpm() {
+  rm -rf "$work" && mkdir -p "$work/out" "$HOME"
+  cpack -G RPM -B "$work/out" --config "$build/CPackConfig.cmake" >"$work/cpack.log" 2>&1 ||
+    { cat "$work/cpack.log"; fail "cpack -G RPM"; }
+  local rpms=("$work"/out/*.rpm)
+  [ ${#rpms[@]} = 1 ] || fail "cpack made ${#rpms[@]} RPMs"
+  ln -s "${rpms[0]}" "$work/package.rpm"
+  echo "$(basename "${rpms[0]}"): $(stat -c %s "${rpms[0]}") bytes"
+  [ "$(rpm -qp --qf '%{NAME} %{VERSION} %{LICENSE}' "$work/package.rpm")" = \
+    "zelparser $version GPL-2.0-or-later" ] || fail "the RPM's name, version or licence"
+}
+
+# No error; warnings are shown. The reasons for what is filtered are in packaging/rpmlint.toml.
+run_rpmlint() {
+  local out
+  out=$(rpmlint -c "$source/packaging/rpmlint.toml" "$(readlink "$work/package.rpm")" 2>&1 || true)
+  echo "$out"
+  grep -qE ' 0 errors' <<<"$out" || fail "rpmlint reports errors"
+  rpm -qp --requires "$work/package.rpm" | grep -q '^libpugixml' ||
+    fail "the shared-library dependencies were not computed"
+  ! rpm -qp --requires "$work/package.rpm" | grep -q libzelrzptransport ||
+    fail "the private transport library is required from another package"
+}
+
+# Installed with rpm (its shared libraries come from Debian's packages, which rpm's database
+# does not know: --nodeps), verified, used, and removed without a trace.
+install_rpm() {
+  in_private_system bash -c '
+    set -e
+    rpm -i --nodeps "$1"
+    rpm -V --nodeps zelparser
+    [ "$(zelrzp-manager --version)" = "zelrzp-manager $2" ]
+    [ "$(zelparser --version)" = "zelparser $2" ]
+    test -s /usr/share/licenses/zelparser/COPYING
+    zelrzp-manager --distro=rhel3 --json /usr/share/doc/zelparser/examples/server-bundle \
+      >/tmp/plan.json || [ $? = 1 ]
+    python3 -c "import json, sys; assert json.load(open(sys.argv[1]))[\"failure\"] is None" \
+      /tmp/plan.json
+    rpm -e zelparser
+    ! test -e /usr/bin/zelrzp-manager
+  ' install_rpm "$work/package.rpm" "$version" || fail "the RPM installed, used and removed"
+  echo "installed, verified, used and removed"
+}
+
 case $step in
   build) build_package ;;
   lintian) run_lintian ;;
   run) run_programs ;;
   manuals) check_manuals ;;
   completion) check_completion ;;
+  rpm_build) build_rpm ;;
+  rpmlint) run_rpmlint ;;
+  rpm_install) install_rpm ;;
   *) fail "unknown step $step" ;;
 esac
