@@ -1,5 +1,6 @@
 // main.cpp - the zelrzp-manager program's entry: the choice of command (lint, report, check,
-// snapshot, answers, the support matrix, or one run printed as a table or as JSON). Each
+// snapshot, answers, install, history, the support matrix, or one run printed as a table or
+// as JSON). Each
 // further command is one line of Commands below, with its entry in the folder named for it.
 // Writes CliColour once before anything is printed.
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <cstring>
 
 #include "check.h"
+#include "install.h"
 #include "report.h"
 #include "zelcli.h"
 #include "zellint.h"
@@ -26,6 +28,8 @@ static const struct {
     {"check", CkMain},
     {"snapshot", CkSnapshotMain},
     {"answers", CkAnswersMain},
+    {"install", InstallMain},
+    {"history", HistoryMain},
 };
 
 static CommandEntry FindCommand(int Argc, char **Argv)

@@ -106,7 +106,10 @@ static ZmConfig ConfigFor(const CliOptions &O)
         C.Args.insert(C.Args.end(), {"-C", P});
     C.ErrataUnsupported = O.ErrataUnsupported;
     C.EchoScreen = C.EchoConsole = O.Verbose || O.Debug;
-    C.EchoFd = 2;
+    C.EchoScreen = C.EchoScreen || O.EchoScreen;
+    C.EchoFd = O.EchoFd;
+    if (!O.LogFileName.empty())
+        C.LogFileName = O.LogFileName;
     C.TimeoutMs = O.TimeoutSeconds * 1000;
     return C;
 }
@@ -192,6 +195,8 @@ static void Converse(const CliOptions &O, CliRun *Run)
     }
     if (Run->OpenEnd == 0)
         Run->OpenEnd = Messages.size();
+    if (O.KeepMessages != nullptr)
+        *O.KeepMessages = Messages;
     ZfAnalysis A;
     ZfAnalyse(Messages, Run->OpenEnd, Run->BundleFile, O.Verbose || O.Debug, &A);
     Run->Session = nullptr;

@@ -32,6 +32,12 @@ struct CliOptions {
     std::set<std::string> ErrataUnsupported;
     bool Json = false, Debug = false, Verbose = false, NUI = false, AllDistros = false;
     int TimeoutSeconds = 60;
+    // For a manager that installs: the log file's name it answers, its screen (the
+    // sub-service's output lines echoed to EchoFd as they come), and every message kept.
+    std::string LogFileName;
+    bool EchoScreen = false;
+    int EchoFd = 2;
+    std::vector<ZmMessage> *KeepMessages = nullptr;
 };
 
 // options.cpp: reads the command line into O; 1 to run, 0 to end with success (help,

@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# A test host: runs a command in a private mount namespace that looks like a server of its own
+# to the installer, and changes nothing on this machine. Fresh tmpfs on /tmp, /var, /opt and
+# /dev (null, zero, random, urandom, tty links), an overlay on /etc with RELEASE_TEXT as
+# /etc/redhat-release (the other release files removed), and HOME under /var, so that the RPM
+# database (Debian's rpm keeps it in ~/.rpmdb) is the host's own.
+# Usage: host.sh RELEASE_TEXT COMMAND [ARG]...   (as root)
+set -euo pipefail
+[ $# -ge 2 ] || { echo "usage: $0 RELEASE_TEXT COMMAND [ARG]..." >&2; exit 2; }
+exec unshare --mount --propagation private -- bash -s -- "$@" <<'INSIDE'
+set -euo pipefail
+release="$1"; shift
+# The staging tmpfs goes on /tmp first and is hidden by the fresh /tmp at the end; the new
+# /dev and the overlay's upper layer live on in it.
+stage=/tmp
+mount -t tmpfs -o mode=0755 zelhost "$stage"
+mkdir -p "$stage/dev" "$stage/upper" "$stage/work"
+for node in null zero random urandom; do
+  touch "$stage/dev/$node"
+  mount --bind "/dev/$node" "$stage/dev/$node"
+done
+ln -s /proc/self/fd "$stage/dev/fd"
+mount -t overlay zelhost-etc -o "lowerdir=/etc,upperdir=$stage/upper,workdir=$stage/work" /etc
+rm -f /etc/redhat-release /etc/SuSE-release /etc/UnitedLinux-release
+printf '%s\n' "$release" > /etc/redhat-release
+mount --move "$stage/dev" /dev 2>/dev/null || mount --rbind "$stage/dev" /dev
+for dir in /var /opt; do mount -t tmpfs -o mode=0755 zelhost "$dir"; done
+mount -t tmpfs -o mode=1777 zelhost /tmp
+mkdir -p /var/lib/zelhost-home /var/tmp
+export HOME=/var/lib/zelhost-home TMPDIR=/tmp
+exec "$@" </dev/null
+INSIDE
