@@ -96,6 +96,8 @@ set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+# The collection needs Ansible; the programs do not.
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS ansible-core)
 # The RPM, for the servers that bundles go to: the same files, its dependencies found by
 # rpmbuild's own scan of the programs (shared libraries by soname).
 set(CPACK_RPM_PACKAGE_SUMMARY "Parser sub-service of a server deployment tool")
@@ -108,6 +110,7 @@ set(CPACK_RPM_PACKAGE_URL "https://zelparser.example.org/")
 set(CPACK_RPM_PACKAGE_RELEASE 1)
 set(CPACK_RPM_FILE_NAME RPM-DEFAULT)
 set(CPACK_RPM_PACKAGE_AUTOREQPROV ON)
+set(CPACK_RPM_PACKAGE_SUGGESTS ansible-core)
 # The transport library is private: not offered to other packages, nor required from one.
 # No /usr/lib/.build-id links, which only a debuginfo package would use.
 set(CPACK_RPM_SPEC_MORE_DEFINE "%define packager ${CPACK_PACKAGE_CONTACT}

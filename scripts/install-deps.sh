@@ -12,6 +12,10 @@ if [ "${1:-}" != demo ]; then
   packages+=(dpkg-dev file lintian groff-base bash-completion python3-jsonschema chromium)
   # cpack's RPM generator (rpmbuild) and rpmlint for the RPM.
   packages+=(rpm rpmlint)
+  # The Ansible collection: the collection's tarball (ansible-galaxy), the playbook run on
+  # namespace hosts, ansible-lint, ansible-test sanity and its validate-modules (voluptuous),
+  # shellcheck for its shellcheck test.
+  packages+=(ansible-core ansible-lint python3-voluptuous shellcheck git)
   command -v npm >/dev/null || packages+=(npm) # nodejs from elsewhere may bring its own npm
 fi
 missing=()

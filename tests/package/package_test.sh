@@ -2,11 +2,11 @@
 # The packages as an administrator gets them. The Debian package: built by cpack, judged by
 # lintian, unpacked into a scratch directory (never onto this machine) and used from there: the
 # programs on the example bundle, the manuals, the bash completion; then installed with dpkg in
-# a private mount namespace. The RPM: built by cpack, judged by rpmlint, installed with rpm in
-# a private mount namespace and used there.
+# a private mount namespace, where Debian's Ansible finds the collection. The RPM: built by
+# cpack, judged by rpmlint, installed with rpm in a private mount namespace and used there.
 # Usage: package_test.sh STEP BUILD_DIR WORK_DIR VERSION SOURCE_DIR
-#   STEP: build (cpack and unpack; the next four steps need it), lintian, run, manuals,
-#   completion; rpm_build (cpack; the next two need it), rpmlint, rpm_install
+#   STEP: build (cpack and unpack; the next five steps need it), lintian, run, manuals,
+#   completion, deb_install; rpm_build (cpack; the next two need it), rpmlint, rpm_install
 set -euo pipefail
 step=$1 build=$2 work=$3 version=$4 source=$5
 root=$work/root
@@ -159,6 +159,30 @@ bundle: examples/server-bundle
 WANT
 }
 
+# The collection as Ansible finds it once the package is installed: its modules' and role's
+# documentation rendered, its version listed. Run inside in_private_system.
+collection_found='
+  for module in snapshot check install; do
+    ansible-doc zelparser.rollout.$module | grep -q "^RETURN VALUES:"
+  done
+  ansible-doc -t role zelparser.rollout.rollout | grep -q "ENTRY POINT: fleet_check"
+  ansible-galaxy collection list zelparser.rollout 2>/dev/null |
+    grep -qE "^zelparser\.rollout +$2 *$"
+'
+
+# Installed with dpkg as an administrator installs it, used, and removed without a trace.
+install_deb() {
+  in_private_system bash -c '
+    set -e
+    dpkg -i "$1" >/dev/null
+    [ "$(zelrzp-manager --version)" = "zelrzp-manager $2" ]
+    '"$collection_found"'
+    dpkg -r zelparser >/dev/null
+    ! test -e /usr/share/ansible/collections/ansible_collections/zelparser
+  ' install_deb "$work/package.deb" "$version" || fail "the .deb installed, used and removed"
+  echo "installed, the collection found by ansible-doc and ansible-galaxy, removed"
+}
+
 build_rpm() {
   rm -rf "$work" && mkdir -p "$work/out" "$HOME"
   cpack -G RPM -B "$work/out" --config "$build/CPackConfig.cmake" >"$work/cpack.log" 2>&1 ||
@@ -197,6 +221,7 @@ install_rpm() {
       >/tmp/plan.json || [ $? = 1 ]
     python3 -c "import json, sys; assert json.load(open(sys.argv[1]))[\"failure\"] is None" \
       /tmp/plan.json
+    '"$collection_found"'
     rpm -e zelparser
     ! test -e /usr/bin/zelrzp-manager
   ' install_rpm "$work/package.rpm" "$version" || fail "the RPM installed, used and removed"
@@ -209,6 +234,7 @@ case $step in
   run) run_programs ;;
   manuals) check_manuals ;;
   completion) check_completion ;;
+  deb_install) install_deb ;;
   rpm_build) build_rpm ;;
   rpmlint) run_rpmlint ;;
   rpm_install) install_rpm ;;
