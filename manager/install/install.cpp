@@ -222,7 +222,7 @@ static Json Result(const InRun &Run, const std::string &Failure)
             {"distribution", Run.Plan.is_object() ? CliNullIfEmpty(CliStr(Run.Plan["installedOS"]))
                                                   : Json(nullptr)},
             {"dryRun", Run.O.DryRun},
-            {"install", Run.O.DryRun ? Json(nullptr) : Json(Run.Journal.Id)},
+            {"install", CliNullIfEmpty(Run.O.DryRun ? "" : Run.Journal.Id)},
             {"log", CliNullIfEmpty(Run.LogPath)},
             {"failure", CliNullIfEmpty(Failure)},
             {"components", Json::array()},
