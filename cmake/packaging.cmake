@@ -49,7 +49,10 @@ install(FILES completion/zelrzp-manager
 # Docs and the example bundle; Debian's copyright file and changelog beside them.
 set(ZEL_DOCDIR ${CMAKE_INSTALL_DATADIR}/doc/zelparser)
 install(FILES README.md docs/bundle-format.md docs/xml-dialect.md docs/manager.md docs/lint.md
-  docs/wire-format.md docs/check.md docs/snapshot.md packaging/copyright DESTINATION ${ZEL_DOCDIR})
+  docs/wire-format.md docs/check.md docs/snapshot.md docs/install.md packaging/copyright
+  DESTINATION ${ZEL_DOCDIR})
+# The install journal's state directory belongs to the package (install makes it when missing).
+install(DIRECTORY DESTINATION /var/lib/zelparser)
 install(DIRECTORY examples/ DESTINATION ${ZEL_DOCDIR}/examples)
 configure_file(packaging/changelog.in ${CMAKE_BINARY_DIR}/packaging/changelog @ONLY)
 add_custom_command(OUTPUT ${CMAKE_BINARY_DIR}/packaging/changelog.Debian.gz

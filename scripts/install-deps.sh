@@ -10,6 +10,8 @@ if [ "${1:-}" != demo ]; then
   # The package suite: cpack's DEB generator (dpkg-shlibdeps, file), lintian, the manuals
   # rendered, the completion loaded, SARIF validated, the report page in a browser.
   packages+=(dpkg-dev file lintian groff-base bash-completion python3-jsonschema chromium)
+  # The install suite: real RPM packages built by rpmbuild and installed by rpm on test hosts.
+  packages+=(rpm)
   command -v npm >/dev/null || packages+=(npm) # nodejs from elsewhere may bring its own npm
 fi
 missing=()
