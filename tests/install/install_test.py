@@ -192,7 +192,7 @@ class Host:
         """
         return subprocess.run([HOST, RELEASE, "bash", "-c", textwrap.dedent(prologue) +
                                textwrap.dedent(script)],
-                              capture_output=True, text=True, timeout=240)
+                              capture_output=True, text=True, timeout=180)
 
 
 def states(result):
@@ -310,6 +310,51 @@ class WholeBundle(unittest.TestCase):
         self.assertEqual(states(result)[rpm_name("beta")], "installed")
 
 
+# Runs the manager on a terminal (a pseudo-terminal), answering each prompt as it comes, and
+# prints what the terminal showed.
+TERMINAL = r"""
+import os, pty, select, sys
+pid, fd = pty.fork()
+if pid == 0:
+    os.execv(sys.argv[1], [sys.argv[1], "install", "/opt/bundle"])
+answers, shown, sent = [b"8080\n", sys.argv[2].encode() + b"\n"], b"", 0
+while select.select([fd], [], [], 60)[0]:  # a manager that hangs fails the test, not CI
+    try:
+        data = os.read(fd, 4096)
+    except OSError:
+        break
+    if not data:
+        break
+    shown += data
+    if shown.count(b"  > ") > sent and sent < len(answers):
+        os.write(fd, answers[sent])
+        sent += 1
+os.waitpid(pid, 0)
+sys.stdout.write(shown.decode(errors="replace"))
+"""
+
+
+class Terminal(unittest.TestCase):
+    def test_missing_answers_asked_and_a_password_not_echoed(self):
+        host = Host(self, standard_components())
+        with open(os.path.join(host.dir, "terminal.py"), "w") as f:
+            f.write(TERMINAL)
+        r = host.run(f"""
+            python3 {host.dir}/terminal.py $M '{PASSWORD}' > /tmp/screen
+            echo "agent=$(cat /etc/zeltest/agent.conf)"
+            echo "secret=$(grep -c '^ADMINPASSWD={PASSWORD}$' /etc/zeltest/secret.conf)"
+            echo "leaks=$(secrets /tmp/screen)"
+            cat /tmp/screen
+        """)
+        facts = dict(line.split("=", 1) for line in r.stdout.splitlines()
+                     if line.startswith(("agent=", "secret=", "leaks=")))
+        self.assertEqual(facts["agent"], "HTTPPORT=8080", r.stdout + r.stderr)
+        self.assertEqual(facts["secret"], "1")
+        self.assertEqual(facts["leaks"], "")
+        self.assertIn("Value of HTTPPORT: (length 0 to 64)", r.stdout)
+        self.assertRegex(r.stdout, rpm_name("alpha") + r" +installed\n")
+
+
 class Crashes(unittest.TestCase):
     def test_killed_during_each_component_in_turn(self):
         host = Host(self, standard_components())
@@ -367,10 +412,10 @@ class RefusedStarts(unittest.TestCase):
     def test_untrusted_files_not_root_and_a_second_install(self):
         host = Host(self, standard_components())
         r = host.run(f"""
-            chmod g+w /opt/bundle/bp000001.xml
+            chmod o+w /opt/bundle/bp000001.xml
             $M install --answers=/opt/answers /opt/bundle > /dev/null 2>/tmp/e1; echo "writable=$?"
             echo "writable-said=$(cat /tmp/e1)"
-            chmod g-w /opt/bundle/bp000001.xml
+            chmod o-w /opt/bundle/bp000001.xml
             chmod 644 /opt/answers
             $M install --answers=/opt/answers /opt/bundle > /dev/null 2>/tmp/e2; echo "readable=$?"
             echo "readable-said=$(cat /tmp/e2)"
@@ -391,6 +436,7 @@ class RefusedStarts(unittest.TestCase):
             echo "stopped-out=$(grep -c 'not started: the install was stopped' /tmp/held)"
             $M install --answers=/opt/answers /opt/bundle > /dev/null 2>&1; echo "resumed=$?"
             for p in alpha beta gamma; do echo "after-$p=$(count $p)"; done
+            echo "leaks=$(secrets /tmp/e1 /tmp/e2 /tmp/e3 /tmp/e4 /tmp/held)"
         """)
         facts = dict(line.split("=", 1) for line in r.stdout.splitlines() if "=" in line)
         self.assertEqual(facts["writable"], "4", r.stdout + r.stderr)
@@ -407,6 +453,7 @@ class RefusedStarts(unittest.TestCase):
         self.assertEqual(facts["stopped-out"], "2")
         self.assertEqual(facts["resumed"], "0")
         self.assertEqual([facts[f"after-{p}"] for p in PACKAGES], ["1", "1", "1"])
+        self.assertEqual(facts["leaks"], "")
 
 
 def main():
