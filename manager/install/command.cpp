@@ -2,7 +2,8 @@
 // of its own (a terminal's interrupt does not reach it), standard input from /dev/null, its
 // output into the log line by line, a time limit; and the signals that stop an install. The
 // first SIGINT or SIGTERM lets the running command finish (the caller stops before the next
-// component); a second ends the command's process group (SIGTERM, SIGKILL 5 s later).
+// component); a second ends the command's process group (SIGTERM, SIGKILL 5 s later). SIGPIPE
+// is ignored: a closed screen must not end an install half-way.
 // Writes SignalCount and SignalPipe, the only state the signal handler touches.
 #include <fcntl.h>
 #include <poll.h>
@@ -46,6 +47,7 @@ void InCatchSignals(void)
     sigemptyset(&Action.sa_mask);
     sigaction(SIGINT, &Action, nullptr);
     sigaction(SIGTERM, &Action, nullptr);
+    signal(SIGPIPE, SIG_IGN); // a screen that went away must not end an install half-way
 }
 
 int InSignalsSeen(void) { return SignalCount.load(); }

@@ -219,7 +219,6 @@ Json InInstallComponent(InRun *Run, const Json &Record)
 {
     Component C{Run, Record, CliStr(Record["file"]), "", nullptr, {}, {}};
     C.Out = CkEvaluateComponent(Run->Facts, Run->CheckPlan, Record, false);
-    C.Out["configuration"] = CkJudgeConfiguration(Record, Run->Answers);
     C.Out["reboot"] = Record["reboot"];
     C.Out["installCommand"] = Record["installCommand"];
     C.Out["exitStatus"] = nullptr;
@@ -230,6 +229,9 @@ Json InInstallComponent(InRun *Run, const Json &Record)
     C.Key = InComponentKey(Run->BundleFile, C.File, Digest);
     auto Found = Run->Past.find(C.Key);
     InPast P = Found == Run->Past.end() ? InPast{} : Found->second;
+    if (Run->Ask && !P.Installed && C.Out["verdict"] == "installs")
+        InAskMissing(Record, &Run->Answers);
+    C.Out["configuration"] = CkJudgeConfiguration(Record, Run->Answers);
     if (P.Installed)
         return Finish(&C, "already-installed", "");
     std::string Why = Refusal(C.Out);

@@ -170,14 +170,6 @@ static void ReadMachine(InRun *Run)
     Run->Past = InJournalPast(InJournalEvents(Run->O.StateDir));
 }
 
-static Json Unreached(const Json &Record, const char *State, const std::string &Reason)
-{
-    return {{"file", Record["file"]}, {"name", Record["name"]},     {"version", Record["version"]},
-            {"state", State},         {"reason", Reason},           {"exitStatus", nullptr},
-            {"reboot", false},        {"requisites", Json::array()}, {"configuration", Json::array()},
-            {"configurationChanges", Json::array()}};
-}
-
 static bool Fine(const Json &C, bool DryRun)
 {
     std::string State = CliStr(C["state"]);
@@ -186,32 +178,37 @@ static bool Fine(const Json &C, bool DryRun)
                      (DryRun && State == "would-install"));
 }
 
+// A component that never reached its steps: shown, and journaled for the history.
+static Json Unreached(InRun *Run, const Json &Record, const char *State, const std::string &Reason)
+{
+    InJournalWrite(&Run->Journal, {{"event", "component"},
+                                   {"component", Record["file"]},
+                                   {"state", State},
+                                   {"reason", Reason}});
+    InLog(Run, "component " + CliStr(Record["file"]) + ": " + State + ": " + Reason);
+    return {{"file", Record["file"]}, {"name", Record["name"]},     {"version", Record["version"]},
+            {"state", State},         {"reason", Reason},           {"exitStatus", nullptr},
+            {"reboot", false},        {"requisites", Json::array()}, {"configuration", Json::array()},
+            {"configurationChanges", Json::array()}};
+}
+
 static Json Components(InRun *Run, bool *Clean)
 {
     Json List = Json::array();
-    bool Ask = Run->O.AnswersFile.empty() && isatty(0);
-    for (const Json &Record : Run->Plan["components"]) {
-        Json C;
-        if (InSignalsSeen() > 0) {
-            C = Unreached(Record, "interrupted", "not started: the install was stopped");
-        } else {
-            if (Ask)
-                InAskMissing(Record, &Run->Answers);
-            C = InInstallComponent(Run, Record);
-        }
+    auto Take = [&](Json C) { // shown as soon as it is done
         if (!Run->O.Json)
             InPrintComponent(C);
         *Clean = *Clean && Fine(C, Run->O.DryRun);
         List.push_back(std::move(C));
-    }
-    for (const Json &Refused : Run->Plan["refused"]) {
-        Json C = Unreached({{"file", Refused["component"]}, {"name", nullptr}, {"version", nullptr}},
-                           "not-recorded", CliStr(Refused["reason"]));
-        if (!Run->O.Json)
-            InPrintComponent(C);
-        *Clean = false;
-        List.push_back(std::move(C));
-    }
+    };
+    Run->Ask = Run->O.AnswersFile.empty() && isatty(0);
+    for (const Json &Record : Run->Plan["components"])
+        Take(InSignalsSeen() > 0
+                 ? Unreached(Run, Record, "interrupted", "not started: the install was stopped")
+                 : InInstallComponent(Run, Record));
+    for (const Json &Refused : Run->Plan["refused"])
+        Take(Unreached(Run, {{"file", Refused["component"]}, {"name", nullptr}, {"version", nullptr}},
+                       "not-recorded", CliStr(Refused["reason"])));
     return List;
 }
 

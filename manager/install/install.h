@@ -145,6 +145,7 @@ struct InRun {
     CkAnswers Answers;
     std::map<std::string, InPast> Past;
     std::vector<std::string> Secrets; // password values, never shown
+    bool Ask = false;                 // missing answers are asked on the terminal
 };
 // Takes one component through its steps; returns its JSON (docs/install.md).
 Json InInstallComponent(InRun *Run, const Json &Component);
