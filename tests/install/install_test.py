@@ -393,7 +393,11 @@ class Crashes(unittest.TestCase):
             $M install /opt/bundle > /dev/null 2>&1 & echo $! > /var/lib/zeltest/manager.pid; wait $!
             $M install --json /opt/bundle > /tmp/again 2>/dev/null; echo "again=$?"
             $M install --json --retry-interrupted /opt/bundle > /tmp/retry 2>/dev/null; echo "retry=$?"
+            $M install /opt/bundle > /dev/null 2>&1; echo "unchanged=$?"
             echo "count=$(count plain)"
+            echo "a new build" >> /opt/bundle/plain.bin
+            $M install /opt/bundle > /dev/null 2>&1; echo "changed=$?"
+            echo "count-changed=$(count plain)"
             echo "=== again"; cat /tmp/again; echo "=== retry"; cat /tmp/retry
         """)
         facts = dict(line.split("=", 1) for line in r.stdout.split("=== again")[0].splitlines()
@@ -406,6 +410,10 @@ class Crashes(unittest.TestCase):
         self.assertEqual(facts["retry"], "0")
         self.assertEqual(states(retry), {"plain.bin": "installed"})
         self.assertEqual(facts["count"], "2")
+        # Installed: not run again, until its file changes.
+        self.assertEqual(facts["unchanged"], "0")
+        self.assertEqual(facts["changed"], "0")
+        self.assertEqual(facts["count-changed"], "3")
 
 
 class RefusedStarts(unittest.TestCase):
