@@ -43,13 +43,6 @@ Json &Finish(Component *C, const char *State, const std::string &Reason)
     return C->Out;
 }
 
-// The component XML file beside a component file: its extension replaced by ".xml".
-std::string XmlFileOf(const std::string &File)
-{
-    size_t Dot = File.rfind('.');
-    return (Dot == std::string::npos ? File : File.substr(0, Dot)) + ".xml";
-}
-
 bool IsRpm(const std::string &File)
 {
     return File.size() > 4 && strcasecmp(File.c_str() + File.size() - 4, ".rpm") == 0;
@@ -215,6 +208,12 @@ Json DryRun(Component *C, const InPast &P)
 
 } // namespace
 
+std::string InXmlFileOf(const std::string &File)
+{
+    size_t Dot = File.rfind('.');
+    return (Dot == std::string::npos ? File : File.substr(0, Dot)) + ".xml";
+}
+
 Json InInstallComponent(InRun *Run, const Json &Record)
 {
     Component C{Run, Record, CliStr(Record["file"]), "", nullptr, {}, {}};
@@ -223,7 +222,7 @@ Json InInstallComponent(InRun *Run, const Json &Record)
     C.Out["installCommand"] = Record["installCommand"];
     C.Out["exitStatus"] = nullptr;
     C.Out["configurationChanges"] = Json::array();
-    std::string Error, Digest = InDigest({C.File, XmlFileOf(C.File)}, &Error);
+    std::string Error, Digest = InDigest({C.File, InXmlFileOf(C.File)}, &Error);
     if (Digest.empty())
         return Finish(&C, "failed", "cannot be read: " + Error);
     C.Key = InComponentKey(Run->BundleFile, C.File, Digest);

@@ -137,9 +137,7 @@ static int TrustPlan(InRun *Run, std::string *Why)
 {
     for (const Json &C : Run->Plan["components"]) {
         std::string File = CliStr(C["file"]);
-        size_t Dot = File.rfind('.');
-        std::string Xml = (Dot == std::string::npos ? File : File.substr(0, Dot)) + ".xml";
-        for (const std::string &F : {File, Xml})
+        for (const std::string &F : {File, InXmlFileOf(File)})
             if (InTrustPath(Run->O.BundleDir + "/" + F, Why) != 0)
                 return -1;
         for (const char *Phase : {"preConfiguration", "postConfiguration"})

@@ -147,6 +147,8 @@ struct InRun {
     std::vector<std::string> Secrets; // password values, never shown
     bool Ask = false;                 // missing answers are asked on the terminal
 };
+// The component XML file beside a component file: its extension replaced by ".xml".
+std::string InXmlFileOf(const std::string &File);
 // Takes one component through its steps; returns its JSON (docs/install.md).
 Json InInstallComponent(InRun *Run, const Json &Component);
 // Appends a line to the install's log (nothing in a dry run).
