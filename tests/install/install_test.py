@@ -47,7 +47,7 @@ rpm -U --nodeps "$1" || exit 1
 flag=/var/lib/zeltest/kill-after-$1
 if [ -e "$flag" ]; then rm -f "$flag"; kill -9 "$(cat /var/lib/zeltest/manager.pid)"; fi
 if [ -e /var/lib/zeltest/hold-$1 ]; then
-  touch /var/lib/zeltest/holding
+  echo $$ > /var/lib/zeltest/holding
   for i in $(seq 400); do [ -e /var/lib/zeltest/hold-$1 ] || break; sleep 0.05; done
 fi
 echo "installed $1 (the password is not here)"
@@ -462,6 +462,32 @@ class RefusedStarts(unittest.TestCase):
         self.assertEqual(facts["resumed"], "0")
         self.assertEqual([facts[f"after-{p}"] for p in PACKAGES], ["1", "1", "1"])
         self.assertEqual(facts["leaks"], "")
+
+
+class Signals(unittest.TestCase):
+    def test_a_second_signal_ends_the_running_command(self):
+        host = Host(self, standard_components())
+        r = host.run(f"""
+            touch /var/lib/zeltest/hold-{rpm_name('alpha')}
+            $M install --json --answers=/opt/answers /opt/bundle > /tmp/out 2>/dev/null &
+            held=$!
+            for i in $(seq 400); do [ -e /var/lib/zeltest/holding ] && break; sleep 0.05; done
+            kill -INT $held; sleep 0.3; kill -INT $held
+            wait $held; echo "status=$?"
+            left=1  # an orphan of the ended group may stand as a zombie until it is reaped
+            for i in $(seq 100); do kill -0 "$(cat /var/lib/zeltest/holding)" 2>/dev/null || {{ left=0; break; }}; sleep 0.02; done
+            echo "left=$left"
+            echo "=== out"; cat /tmp/out
+        """)
+        facts = dict(line.split("=", 1) for line in r.stdout.split("=== out")[0].splitlines()
+                     if "=" in line)
+        result = json.loads(r.stdout.split("=== out\n")[1])
+        self.assertEqual(facts["status"], "1", r.stdout + r.stderr)
+        self.assertEqual(facts["left"], "0")
+        self.assertEqual(states(result), {rpm_name("alpha"): "failed",
+                                          rpm_name("beta"): "interrupted",
+                                          rpm_name("gamma"): "interrupted"})
+        self.assertIn("second signal", result["components"][0]["reason"])
 
 
 def main():
