@@ -24,8 +24,8 @@ struct Component {
 
 Json Step(const Component &C, const char *Name, const char *Phase)
 {
-    return {{"event", "step"}, {"key", C.Key}, {"component", C.File}, {"step", Name},
-            {"phase", Phase}};
+    return {
+        {"event", "step"}, {"key", C.Key}, {"component", C.File}, {"step", Name}, {"phase", Phase}};
 }
 
 Json &Finish(Component *C, const char *State, const std::string &Reason)
@@ -155,8 +155,8 @@ int Interrupted(Component *C, const InPast &P)
     std::string Label;
     if (IsRpm(C->File) && InRpmLabel(C->File, &Label) == 0) {
         int Found = InRpmInstalled(Label);
-        InLog(C->Run, "component " + C->File + ": its command started in install " +
-                          P.StartedBy + " and never ended; " + Label +
+        InLog(C->Run, "component " + C->File + ": its command started in install " + P.StartedBy +
+                          " and never ended; " + Label +
                           (Found == 1 ? " is in the RPM database" : " is not installed"));
         if (Found == 1) {
             Json End = Step(*C, "command", "end");
@@ -201,8 +201,9 @@ void JudgePostrequisites(Component *C)
 Json DryRun(Component *C, const InPast &P)
 {
     if (P.CommandRunning && !IsRpm(C->File) && !C->Run->O.RetryInterrupted)
-        return Finish(C, "interrupted", "its command started in install " + P.StartedBy +
-                                            " and never ended; it would not run again");
+        return Finish(C, "interrupted",
+                      "its command started in install " + P.StartedBy +
+                          " and never ended; it would not run again");
     return Finish(C, "would-install", P.CommandSucceeded ? "its command ran already" : "");
 }
 
@@ -241,8 +242,8 @@ Json InInstallComponent(InRun *Run, const Json &Record)
     std::vector<InValue> All = C.Pre;
     All.insert(All.end(), C.Post.begin(), C.Post.end());
     for (const InValue &V : All)
-        if (V.Password && std::find(Run->Secrets.begin(), Run->Secrets.end(), V.Value) ==
-                              Run->Secrets.end())
+        if (V.Password &&
+            std::find(Run->Secrets.begin(), Run->Secrets.end(), V.Value) == Run->Secrets.end())
             Run->Secrets.push_back(V.Value);
     std::vector<InChange> Changes;
     if (InConfigChanges(All, &Changes, &Error) != 0)

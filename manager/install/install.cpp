@@ -65,8 +65,8 @@ static int OpenLog(InRun *Run, std::string *Why)
             return -1;
         Run->LogPath = "/var/log/zelparser/install-" + Run->Journal.Id + ".log";
     }
-    Run->LogFd = open(Run->LogPath.c_str(),
-                      O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
+    Run->LogFd = open(Run->LogPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW,
+                      0600);
     if (Run->LogFd < 0) {
         *Why = "cannot write the log " + Run->LogPath + ": " + strerror(errno);
         return -1;
@@ -184,9 +184,15 @@ static Json Unreached(InRun *Run, const Json &Record, const char *State, const s
                                    {"state", State},
                                    {"reason", Reason}});
     InLog(Run, "component " + CliStr(Record["file"]) + ": " + State + ": " + Reason);
-    return {{"file", Record["file"]}, {"name", Record["name"]},     {"version", Record["version"]},
-            {"state", State},         {"reason", Reason},           {"exitStatus", nullptr},
-            {"reboot", false},        {"requisites", Json::array()}, {"configuration", Json::array()},
+    return {{"file", Record["file"]},
+            {"name", Record["name"]},
+            {"version", Record["version"]},
+            {"state", State},
+            {"reason", Reason},
+            {"exitStatus", nullptr},
+            {"reboot", false},
+            {"requisites", Json::array()},
+            {"configuration", Json::array()},
             {"configurationChanges", Json::array()}};
 }
 
@@ -205,7 +211,8 @@ static Json Components(InRun *Run, bool *Clean)
                  ? Unreached(Run, Record, "interrupted", "not started: the install was stopped")
                  : InInstallComponent(Run, Record));
     for (const Json &Refused : Run->Plan["refused"])
-        Take(Unreached(Run, {{"file", Refused["component"]}, {"name", nullptr}, {"version", nullptr}},
+        Take(Unreached(Run,
+                       {{"file", Refused["component"]}, {"name", nullptr}, {"version", nullptr}},
                        "not-recorded", CliStr(Refused["reason"])));
     return List;
 }
@@ -245,11 +252,11 @@ static int End(InRun *Run, Json R, int Status)
 
 static int Install(InRun *Run)
 {
-    InJournalWrite(&Run->Journal, {{"event", "begin"},
-                                   {"bundleDirectory", Run->O.BundleDir},
-                                   {"log", Run->LogPath}});
-    InLog(Run, "install " + Run->Journal.Id + " of " + Run->O.BundleDir + " started " +
-                   InTimeText());
+    InJournalWrite(
+        &Run->Journal,
+        {{"event", "begin"}, {"bundleDirectory", Run->O.BundleDir}, {"log", Run->LogPath}});
+    InLog(Run,
+          "install " + Run->Journal.Id + " of " + Run->O.BundleDir + " started " + InTimeText());
     MakePlan(Run);
     InJournalWrite(&Run->Journal, {{"event", "plan"},
                                    {"bundleFile", CliNullIfEmpty(Run->BundleFile)},
