@@ -46,7 +46,10 @@ install(FILES completion/zelrzp-manager
 # Docs and the example bundle.
 set(ZEL_DOCDIR ${CMAKE_INSTALL_DATADIR}/doc/zelparser)
 install(FILES README.md docs/bundle-format.md docs/xml-dialect.md docs/manager.md docs/lint.md
-  docs/wire-format.md docs/check.md docs/snapshot.md docs/rollout.md DESTINATION ${ZEL_DOCDIR})
+  docs/wire-format.md docs/check.md docs/snapshot.md docs/install.md docs/rollout.md
+  DESTINATION ${ZEL_DOCDIR})
+# The install journal's state directory belongs to the package (install makes it when missing).
+install(DIRECTORY DESTINATION /var/lib/zelparser)
 install(DIRECTORY examples/ DESTINATION ${ZEL_DOCDIR}/examples)
 
 # What only one kind of package holds, each in its own install component (cpack picks them,
@@ -122,7 +125,7 @@ configure_file(packaging/rpm-changelog.in ${CMAKE_BINARY_DIR}/packaging/rpm-chan
 # The directories every RPM distribution's filesystem package owns are not claimed again.
 set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION /usr/share/bash-completion
   /usr/share/bash-completion/completions /usr/share/licenses /usr/share/ansible
-  /usr/share/man /usr/share/man/man1 /usr/share/man/man8
+  /usr/share/man /usr/share/man/man1 /usr/share/man/man8 /var /var/lib
   /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE})
 configure_file(packaging/cpack-generators.cmake.in
   ${CMAKE_BINARY_DIR}/packaging/cpack-generators.cmake @ONLY)

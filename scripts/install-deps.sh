@@ -10,7 +10,8 @@ if [ "${1:-}" != demo ]; then
   # The package suite: cpack's DEB generator (dpkg-shlibdeps, file), lintian, the manuals
   # rendered, the completion loaded, SARIF validated, the report page in a browser.
   packages+=(dpkg-dev file lintian groff-base bash-completion python3-jsonschema chromium)
-  # cpack's RPM generator (rpmbuild) and rpmlint for the RPM.
+  # cpack's RPM generator (rpmbuild) and rpmlint for the RPM; the install suite's real RPM
+  # packages, built by rpmbuild and installed by rpm on test hosts.
   packages+=(rpm rpmlint)
   # The Ansible collection: the collection's tarball (ansible-galaxy), the playbook run on
   # namespace hosts, ansible-lint, ansible-test sanity and its validate-modules (voluptuous),

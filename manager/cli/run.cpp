@@ -213,7 +213,9 @@ static Json DistributionJson(const CliOptions &O, const CliDistro *D,
         Releases[F.File] = F.Text;
     bool Simulated = D != nullptr || !O.Releases.empty();
     return {{"name", D ? Json(D->Name) : Json(nullptr)},
-            {"description", D ? D->Description : Simulated ? "given release files" : "this system"},
+            {"description", D           ? D->Description
+                            : Simulated ? "given release files"
+                                        : "this system"},
             {"simulated", Simulated},
             {"releaseFiles", Releases}};
 }

@@ -2,7 +2,8 @@
 // of its own (a terminal's interrupt does not reach it), standard input from /dev/null, its
 // output into the log line by line, a time limit; and the signals that stop an install. The
 // first SIGINT or SIGTERM lets the running command finish (the caller stops before the next
-// component); a second ends the command's process group (SIGTERM, SIGKILL 5 s later).
+// component); a second ends the command's process group (SIGTERM, SIGKILL 5 s later). SIGPIPE
+// is ignored: a closed screen must not end an install half-way.
 // Writes SignalCount and SignalPipe, the only state the signal handler touches.
 #include <fcntl.h>
 #include <poll.h>
@@ -20,8 +21,8 @@
 #include "install.h"
 #include "process.h"
 
-#define TAIL_LINES 10     // lines of a failed command's output shown on the screen
-#define KILL_GRACE_MS 5000 // from SIGTERM to SIGKILL of a command's process group
+#define TAIL_LINES 10       // lines of a failed command's output shown on the screen
+#define KILL_GRACE_MS 5000  // from SIGTERM to SIGKILL of a command's process group
 #define LINE_MAX_SHOWN 4096 // a longer line without a break goes to the log in pieces
 
 static std::atomic<int> SignalCount{0};
@@ -46,9 +47,13 @@ void InCatchSignals(void)
     sigemptyset(&Action.sa_mask);
     sigaction(SIGINT, &Action, nullptr);
     sigaction(SIGTERM, &Action, nullptr);
+    signal(SIGPIPE, SIG_IGN); // a screen that went away must not end an install half-way
 }
 
-int InSignalsSeen(void) { return SignalCount.load(); }
+int InSignalsSeen(void)
+{
+    return SignalCount.load();
+}
 
 std::string InMask(std::string Text, const std::vector<std::string> &Secrets)
 {
@@ -168,8 +173,8 @@ static void WatchCommand(Watch *W, InCommandResult *R)
         TakeLine(W, W->Partial);
 }
 
-int InRunCommand(const std::string &Command, const std::string &Dir, int TimeoutSeconds,
-                 int LogFd, const std::vector<std::string> &Secrets, InCommandResult *R)
+int InRunCommand(const std::string &Command, const std::string &Dir, int TimeoutSeconds, int LogFd,
+                 const std::vector<std::string> &Secrets, InCommandResult *R)
 {
     std::string Shell = "/bin/sh", Flag = "-c", Text = Command;
     char *const Argv[] = {&Shell[0], &Flag[0], &Text[0], nullptr};

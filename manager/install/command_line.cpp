@@ -47,8 +47,17 @@ static const char HistoryUsage[] =
     "first, each with the outcome and time of every component.\n"
     "Exit status: 0 shown (also when there is none); 2 a wrong command line.\n";
 
-enum { IN_ANSWERS = 1000, IN_DRY_RUN, IN_JSON, IN_STATE_DIR, IN_LOG, IN_COMMAND_TIMEOUT,
-       IN_RETRY, IN_PARSER, IN_TIMEOUT };
+enum {
+    IN_ANSWERS = 1000,
+    IN_DRY_RUN,
+    IN_JSON,
+    IN_STATE_DIR,
+    IN_LOG,
+    IN_COMMAND_TIMEOUT,
+    IN_RETRY,
+    IN_PARSER,
+    IN_TIMEOUT
+};
 
 static int UsageError(const char *Usage, const char *Command, const std::string &What)
 {

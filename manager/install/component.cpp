@@ -24,8 +24,8 @@ struct Component {
 
 Json Step(const Component &C, const char *Name, const char *Phase)
 {
-    return {{"event", "step"}, {"key", C.Key}, {"component", C.File}, {"step", Name},
-            {"phase", Phase}};
+    return {
+        {"event", "step"}, {"key", C.Key}, {"component", C.File}, {"step", Name}, {"phase", Phase}};
 }
 
 Json &Finish(Component *C, const char *State, const std::string &Reason)
@@ -41,13 +41,6 @@ Json &Finish(Component *C, const char *State, const std::string &Reason)
                                           {"exitStatus", C->Out["exitStatus"]}});
     InLog(C->Run, "component " + C->File + ": " + State + (Reason.empty() ? "" : ": " + Reason));
     return C->Out;
-}
-
-// The component XML file beside a component file: its extension replaced by ".xml".
-std::string XmlFileOf(const std::string &File)
-{
-    size_t Dot = File.rfind('.');
-    return (Dot == std::string::npos ? File : File.substr(0, Dot)) + ".xml";
 }
 
 bool IsRpm(const std::string &File)
@@ -162,8 +155,8 @@ int Interrupted(Component *C, const InPast &P)
     std::string Label;
     if (IsRpm(C->File) && InRpmLabel(C->File, &Label) == 0) {
         int Found = InRpmInstalled(Label);
-        InLog(C->Run, "component " + C->File + ": its command started in install " +
-                          P.StartedBy + " and never ended; " + Label +
+        InLog(C->Run, "component " + C->File + ": its command started in install " + P.StartedBy +
+                          " and never ended; " + Label +
                           (Found == 1 ? " is in the RPM database" : " is not installed"));
         if (Found == 1) {
             Json End = Step(*C, "command", "end");
@@ -208,28 +201,37 @@ void JudgePostrequisites(Component *C)
 Json DryRun(Component *C, const InPast &P)
 {
     if (P.CommandRunning && !IsRpm(C->File) && !C->Run->O.RetryInterrupted)
-        return Finish(C, "interrupted", "its command started in install " + P.StartedBy +
-                                            " and never ended; it would not run again");
+        return Finish(C, "interrupted",
+                      "its command started in install " + P.StartedBy +
+                          " and never ended; it would not run again");
     return Finish(C, "would-install", P.CommandSucceeded ? "its command ran already" : "");
 }
 
 } // namespace
 
+std::string InXmlFileOf(const std::string &File)
+{
+    size_t Dot = File.rfind('.');
+    return (Dot == std::string::npos ? File : File.substr(0, Dot)) + ".xml";
+}
+
 Json InInstallComponent(InRun *Run, const Json &Record)
 {
     Component C{Run, Record, CliStr(Record["file"]), "", nullptr, {}, {}};
     C.Out = CkEvaluateComponent(Run->Facts, Run->CheckPlan, Record, false);
-    C.Out["configuration"] = CkJudgeConfiguration(Record, Run->Answers);
     C.Out["reboot"] = Record["reboot"];
     C.Out["installCommand"] = Record["installCommand"];
     C.Out["exitStatus"] = nullptr;
     C.Out["configurationChanges"] = Json::array();
-    std::string Error, Digest = InDigest({C.File, XmlFileOf(C.File)}, &Error);
+    std::string Error, Digest = InDigest({C.File, InXmlFileOf(C.File)}, &Error);
     if (Digest.empty())
         return Finish(&C, "failed", "cannot be read: " + Error);
     C.Key = InComponentKey(Run->BundleFile, C.File, Digest);
     auto Found = Run->Past.find(C.Key);
     InPast P = Found == Run->Past.end() ? InPast{} : Found->second;
+    if (Run->Ask && !P.Installed && C.Out["verdict"] == "installs")
+        InAskMissing(Record, &Run->Answers);
+    C.Out["configuration"] = CkJudgeConfiguration(Record, Run->Answers);
     if (P.Installed)
         return Finish(&C, "already-installed", "");
     std::string Why = Refusal(C.Out);
@@ -240,8 +242,8 @@ Json InInstallComponent(InRun *Run, const Json &Record)
     std::vector<InValue> All = C.Pre;
     All.insert(All.end(), C.Post.begin(), C.Post.end());
     for (const InValue &V : All)
-        if (V.Password && std::find(Run->Secrets.begin(), Run->Secrets.end(), V.Value) ==
-                              Run->Secrets.end())
+        if (V.Password &&
+            std::find(Run->Secrets.begin(), Run->Secrets.end(), V.Value) == Run->Secrets.end())
             Run->Secrets.push_back(V.Value);
     std::vector<InChange> Changes;
     if (InConfigChanges(All, &Changes, &Error) != 0)

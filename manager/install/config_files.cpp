@@ -146,8 +146,8 @@ static int Replace(const ConfigFile &F, bool Password, std::string *Error)
     if (Fd < 0)
         return Fail(Error, F.Path, std::string("cannot be written: ") + strerror(errno));
     mode_t Mode = F.Exists ? (F.St.st_mode & 07777) : Password ? 0600 : 0644;
-    bool Ok = (!F.Exists || fchown(Fd, F.St.st_uid, F.St.st_gid) == 0) &&
-              fchmod(Fd, Mode) == 0 && WriteAll(Fd, F.Text) == 0 && fsync(Fd) == 0;
+    bool Ok = (!F.Exists || fchown(Fd, F.St.st_uid, F.St.st_gid) == 0) && fchmod(Fd, Mode) == 0 &&
+              WriteAll(Fd, F.Text) == 0 && fsync(Fd) == 0;
     int Errno = errno;
     Ok = close(Fd) == 0 && Ok && rename(Name.data(), F.Path.c_str()) == 0;
     Errno = Ok ? 0 : Errno ? Errno : errno;

@@ -10,8 +10,9 @@
 
 static Json NewInstall(const std::string &Id)
 {
-    return {{"install", Id},         {"started", nullptr},        {"ended", nullptr},
-            {"bundleDirectory", nullptr}, {"bundleFile", nullptr}, {"log", nullptr},
+    return {{"install", Id},         {"started", nullptr},
+            {"ended", nullptr},      {"bundleDirectory", nullptr},
+            {"bundleFile", nullptr}, {"log", nullptr},
             {"exitStatus", nullptr}, {"components", Json::array()}};
 }
 
@@ -58,8 +59,8 @@ static void PrintInstall(const Json &I)
     std::string Status = I["exitStatus"].is_number()
                              ? "exit status " + std::to_string(I["exitStatus"].get<int>())
                              : "never ended";
-    printf("install %s  %s  %s  %s\n", CliStr(I["install"]).c_str(),
-           CliStr(I["started"]).c_str(), Bundle.c_str(), Status.c_str());
+    printf("install %s  %s  %s  %s\n", CliStr(I["install"]).c_str(), CliStr(I["started"]).c_str(),
+           Bundle.c_str(), Status.c_str());
     for (const Json &C : I["components"]) {
         std::string Reason = CliStr(C["reason"]);
         printf("  %-30s %-18s %s%s%s\n", CliStr(C["file"]).c_str(), CliStr(C["state"]).c_str(),

@@ -65,8 +65,8 @@ static int OpenLog(InRun *Run, std::string *Why)
             return -1;
         Run->LogPath = "/var/log/zelparser/install-" + Run->Journal.Id + ".log";
     }
-    Run->LogFd = open(Run->LogPath.c_str(),
-                      O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
+    Run->LogFd = open(Run->LogPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW,
+                      0600);
     if (Run->LogFd < 0) {
         *Why = "cannot write the log " + Run->LogPath + ": " + strerror(errno);
         return -1;
@@ -137,9 +137,7 @@ static int TrustPlan(InRun *Run, std::string *Why)
 {
     for (const Json &C : Run->Plan["components"]) {
         std::string File = CliStr(C["file"]);
-        size_t Dot = File.rfind('.');
-        std::string Xml = (Dot == std::string::npos ? File : File.substr(0, Dot)) + ".xml";
-        for (const std::string &F : {File, Xml})
+        for (const std::string &F : {File, InXmlFileOf(File)})
             if (InTrustPath(Run->O.BundleDir + "/" + F, Why) != 0)
                 return -1;
         for (const char *Phase : {"preConfiguration", "postConfiguration"})
@@ -170,14 +168,6 @@ static void ReadMachine(InRun *Run)
     Run->Past = InJournalPast(InJournalEvents(Run->O.StateDir));
 }
 
-static Json Unreached(const Json &Record, const char *State, const std::string &Reason)
-{
-    return {{"file", Record["file"]}, {"name", Record["name"]},     {"version", Record["version"]},
-            {"state", State},         {"reason", Reason},           {"exitStatus", nullptr},
-            {"reboot", false},        {"requisites", Json::array()}, {"configuration", Json::array()},
-            {"configurationChanges", Json::array()}};
-}
-
 static bool Fine(const Json &C, bool DryRun)
 {
     std::string State = CliStr(C["state"]);
@@ -186,32 +176,44 @@ static bool Fine(const Json &C, bool DryRun)
                      (DryRun && State == "would-install"));
 }
 
+// A component that never reached its steps: shown, and journaled for the history.
+static Json Unreached(InRun *Run, const Json &Record, const char *State, const std::string &Reason)
+{
+    InJournalWrite(&Run->Journal, {{"event", "component"},
+                                   {"component", Record["file"]},
+                                   {"state", State},
+                                   {"reason", Reason}});
+    InLog(Run, "component " + CliStr(Record["file"]) + ": " + State + ": " + Reason);
+    return {{"file", Record["file"]},
+            {"name", Record["name"]},
+            {"version", Record["version"]},
+            {"state", State},
+            {"reason", Reason},
+            {"exitStatus", nullptr},
+            {"reboot", false},
+            {"requisites", Json::array()},
+            {"configuration", Json::array()},
+            {"configurationChanges", Json::array()}};
+}
+
 static Json Components(InRun *Run, bool *Clean)
 {
     Json List = Json::array();
-    bool Ask = Run->O.AnswersFile.empty() && isatty(0);
-    for (const Json &Record : Run->Plan["components"]) {
-        Json C;
-        if (InSignalsSeen() > 0) {
-            C = Unreached(Record, "interrupted", "not started: the install was stopped");
-        } else {
-            if (Ask)
-                InAskMissing(Record, &Run->Answers);
-            C = InInstallComponent(Run, Record);
-        }
+    auto Take = [&](Json C) { // shown as soon as it is done
         if (!Run->O.Json)
             InPrintComponent(C);
         *Clean = *Clean && Fine(C, Run->O.DryRun);
         List.push_back(std::move(C));
-    }
-    for (const Json &Refused : Run->Plan["refused"]) {
-        Json C = Unreached({{"file", Refused["component"]}, {"name", nullptr}, {"version", nullptr}},
-                           "not-recorded", CliStr(Refused["reason"]));
-        if (!Run->O.Json)
-            InPrintComponent(C);
-        *Clean = false;
-        List.push_back(std::move(C));
-    }
+    };
+    Run->Ask = Run->O.AnswersFile.empty() && isatty(0);
+    for (const Json &Record : Run->Plan["components"])
+        Take(InSignalsSeen() > 0
+                 ? Unreached(Run, Record, "interrupted", "not started: the install was stopped")
+                 : InInstallComponent(Run, Record));
+    for (const Json &Refused : Run->Plan["refused"])
+        Take(Unreached(Run,
+                       {{"file", Refused["component"]}, {"name", nullptr}, {"version", nullptr}},
+                       "not-recorded", CliStr(Refused["reason"])));
     return List;
 }
 
@@ -222,7 +224,7 @@ static Json Result(const InRun &Run, const std::string &Failure)
             {"distribution", Run.Plan.is_object() ? CliNullIfEmpty(CliStr(Run.Plan["installedOS"]))
                                                   : Json(nullptr)},
             {"dryRun", Run.O.DryRun},
-            {"install", Run.O.DryRun ? Json(nullptr) : Json(Run.Journal.Id)},
+            {"install", CliNullIfEmpty(Run.O.DryRun ? "" : Run.Journal.Id)},
             {"log", CliNullIfEmpty(Run.LogPath)},
             {"failure", CliNullIfEmpty(Failure)},
             {"components", Json::array()},
@@ -250,11 +252,11 @@ static int End(InRun *Run, Json R, int Status)
 
 static int Install(InRun *Run)
 {
-    InJournalWrite(&Run->Journal, {{"event", "begin"},
-                                   {"bundleDirectory", Run->O.BundleDir},
-                                   {"log", Run->LogPath}});
-    InLog(Run, "install " + Run->Journal.Id + " of " + Run->O.BundleDir + " started " +
-                   InTimeText());
+    InJournalWrite(
+        &Run->Journal,
+        {{"event", "begin"}, {"bundleDirectory", Run->O.BundleDir}, {"log", Run->LogPath}});
+    InLog(Run,
+          "install " + Run->Journal.Id + " of " + Run->O.BundleDir + " started " + InTimeText());
     MakePlan(Run);
     InJournalWrite(&Run->Journal, {{"event", "plan"},
                                    {"bundleFile", CliNullIfEmpty(Run->BundleFile)},

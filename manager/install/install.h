@@ -97,8 +97,8 @@ int InConfigWrite(const std::vector<InValue> &Values, std::string *Error);
 // ---- Commands ----------------------------------------------------------------------------------
 
 struct InCommandResult {
-    int ExitStatus = -1;   // 0..255, or -1 when it did not exit by itself
-    int Signal = 0;        // the signal that ended it
+    int ExitStatus = -1; // 0..255, or -1 when it did not exit by itself
+    int Signal = 0;      // the signal that ended it
     bool TimedOut = false, Stopped = false, StartFailed = false;
     double Seconds = 0;
     std::vector<std::string> Tail; // its last lines of output
@@ -110,8 +110,8 @@ int InSignalsSeen(void);
 // /dev/null, its output written to LogFd line by line (Secrets replaced by ********), for at
 // most TimeoutSeconds. A second signal ends its process group. 0 when it ran (whatever its exit
 // status), -1 when it could not be started.
-int InRunCommand(const std::string &Command, const std::string &Dir, int TimeoutSeconds,
-                 int LogFd, const std::vector<std::string> &Secrets, InCommandResult *R);
+int InRunCommand(const std::string &Command, const std::string &Dir, int TimeoutSeconds, int LogFd,
+                 const std::vector<std::string> &Secrets, InCommandResult *R);
 // Text with every secret of at least 4 characters replaced by ********.
 std::string InMask(std::string Text, const std::vector<std::string> &Secrets);
 
@@ -145,7 +145,10 @@ struct InRun {
     CkAnswers Answers;
     std::map<std::string, InPast> Past;
     std::vector<std::string> Secrets; // password values, never shown
+    bool Ask = false;                 // missing answers are asked on the terminal
 };
+// The component XML file beside a component file: its extension replaced by ".xml".
+std::string InXmlFileOf(const std::string &File);
 // Takes one component through its steps; returns its JSON (docs/install.md).
 Json InInstallComponent(InRun *Run, const Json &Component);
 // Appends a line to the install's log (nothing in a dry run).

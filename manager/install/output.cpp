@@ -11,9 +11,12 @@
 static const char *Label(const std::string &State)
 {
     static const std::map<std::string, const char *> Labels = {
-        {"installed", "installed"},         {"already-installed", "already installed"},
-        {"refused", "refused"},             {"failed", "failed"},
-        {"not-recorded", "not recorded"},   {"interrupted", "interrupted"},
+        {"installed", "installed"},
+        {"already-installed", "already installed"},
+        {"refused", "refused"},
+        {"failed", "failed"},
+        {"not-recorded", "not recorded"},
+        {"interrupted", "interrupted"},
         {"would-install", "would install"}};
     auto Found = Labels.find(State);
     return Found == Labels.end() ? "?" : Found->second;
@@ -24,9 +27,8 @@ static void PrintDryRun(const Json &C)
     for (const Json &Change : C["configurationChanges"])
         printf("    would set in %s: %s%s\n", CliStr(Change["file"]).c_str(),
                CliStr(Change["after"]).c_str(),
-               Change["before"].is_string()
-                   ? (" (now " + CliStr(Change["before"]) + ")").c_str()
-                   : "");
+               Change["before"].is_string() ? (" (now " + CliStr(Change["before"]) + ")").c_str()
+                                            : "");
     if (C["reason"].is_null())
         printf("    would run: %s\n", CliStr(C["installCommand"]).c_str());
 }
@@ -35,8 +37,8 @@ void InPrintComponent(const Json &C)
 {
     std::string State = CliStr(C["state"]);
     std::string Reason = CliStr(C["reason"]);
-    printf("%-30s %s%s%s\n", CliStr(C["file"]).c_str(), Label(State),
-           Reason.empty() ? "" : ": ", Reason.c_str());
+    printf("%-30s %s%s%s\n", CliStr(C["file"]).c_str(), Label(State), Reason.empty() ? "" : ": ",
+           Reason.c_str());
     if (C.contains("output"))
         for (const Json &Line : C["output"])
             printf("    | %s\n", CliStr(Line).c_str());

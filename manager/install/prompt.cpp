@@ -27,7 +27,9 @@ static std::string Limits(const Json &V)
     return Text;
 }
 
-// One line from the terminal; without echo for a password. False at its end.
+// Shows the prompt and reads one line from the terminal; for a password, echo is off before the
+// prompt is shown (an answer typed as soon as it appears is not echoed, and nothing typed is
+// flushed) and back on after. False at the terminal's end.
 static bool ReadLine(FILE *Tty, bool Hidden, std::string *Line)
 {
     struct termios Old, Quiet;
@@ -35,12 +37,14 @@ static bool ReadLine(FILE *Tty, bool Hidden, std::string *Line)
     if (Restore) {
         Quiet = Old;
         Quiet.c_lflag &= ~(tcflag_t)ECHO;
-        tcsetattr(fileno(Tty), TCSAFLUSH, &Quiet);
+        tcsetattr(fileno(Tty), TCSANOW, &Quiet);
     }
+    fputs("  > ", Tty);
+    fflush(Tty);
     char Buffer[4096];
     bool Got = fgets(Buffer, sizeof Buffer, Tty) != nullptr;
     if (Restore) {
-        tcsetattr(fileno(Tty), TCSAFLUSH, &Old);
+        tcsetattr(fileno(Tty), TCSANOW, &Old);
         fputc('\n', Tty);
     }
     *Line = Got ? Buffer : "";
@@ -49,12 +53,17 @@ static bool ReadLine(FILE *Tty, bool Hidden, std::string *Line)
     return Got;
 }
 
-static const Json *Verdict(const Json &Judged, const std::string &Name)
+// The state check gives the variable Name with the answers as they stand ("" when none).
+static std::string StateOf(const Json &Component, const CkAnswers &A, const std::string &Name,
+                           std::string *Reason = nullptr)
 {
-    for (const Json &J : Judged)
-        if (J["name"] == Name)
-            return &J;
-    return nullptr;
+    for (const Json &J : CkJudgeConfiguration(Component, A))
+        if (J["name"] == Name) {
+            if (Reason != nullptr)
+                *Reason = CliStr(J["reason"]);
+            return CliStr(J["state"]);
+        }
+    return "";
 }
 
 static void Ask(FILE *Tty, const Json &Component, const Json &V, CkAnswers *A)
@@ -64,16 +73,14 @@ static void Ask(FILE *Tty, const Json &Component, const Json &V, CkAnswers *A)
             V["prompt"].is_string() ? V["prompt"].get<std::string>().c_str() : Name.c_str(),
             Limits(V).c_str());
     for (int Try = 0; Try < ASK_TRIES; Try++) {
-        fputs("  > ", Tty);
-        fflush(Tty);
         std::string Line;
         if (!ReadLine(Tty, CkIsPassword(V), &Line))
             return;
         A->Values[Name] = Line;
-        const Json *J = Verdict(CkJudgeConfiguration(Component, *A), Name);
-        if (J == nullptr || (*J)["state"] != "invalid")
+        std::string Reason;
+        if (StateOf(Component, *A, Name, &Reason) != "invalid")
             return;
-        fprintf(Tty, "  %s\n", CliStr((*J)["reason"]).c_str());
+        fprintf(Tty, "  %s\n", Reason.c_str());
     }
     A->Values.erase(Name);
 }
@@ -83,8 +90,7 @@ void InAskMissing(const Json &Component, CkAnswers *A)
     FILE *Tty = nullptr;
     for (const char *Phase : {"preConfiguration", "postConfiguration"})
         for (const Json &V : Component[Phase]) {
-            const Json *J = Verdict(CkJudgeConfiguration(Component, *A), CliStr(V["outputName"]));
-            if (J == nullptr || (*J)["state"] != "missing")
+            if (StateOf(Component, *A, CliStr(V["outputName"])) != "missing")
                 continue;
             if (Tty == nullptr && (Tty = fopen("/dev/tty", "r+e")) == nullptr)
                 return;

@@ -30,16 +30,21 @@ static int Judge(const std::string &Path, bool SkipWritableSticky, std::string *
     if (lstat(Path.c_str(), &St) != 0)
         return Untrusted(Why, Path, std::string("cannot be examined: ") + strerror(errno));
     if (St.st_uid != 0)
-        return Untrusted(Why, Path, "belongs to user " + std::to_string(St.st_uid) +
-                                        ", not root: its commands would run as root");
+        return Untrusted(Why, Path,
+                         "belongs to user " + std::to_string(St.st_uid) +
+                             ", not root: its commands would run as root");
     bool Sticky = S_ISDIR(St.st_mode) && (St.st_mode & S_ISVTX);
     if ((St.st_mode & (S_IWGRP | S_IWOTH)) && !(SkipWritableSticky && Sticky))
-        return Untrusted(Why, Path, "can be written by its group or by others (mode " +
-                                        Mode(St) + "): its commands would run as root");
+        return Untrusted(Why, Path,
+                         "can be written by its group or by others (mode " + Mode(St) +
+                             "): its commands would run as root");
     return 0;
 }
 
-int InTrustPath(const std::string &Path, std::string *Why) { return Judge(Path, false, Why); }
+int InTrustPath(const std::string &Path, std::string *Why)
+{
+    return Judge(Path, false, Why);
+}
 
 int InTrustDirectory(const std::string &Dir, std::string *Why)
 {
@@ -60,11 +65,12 @@ int InTrustSecretFile(const std::string &Path, std::string *Why)
     if (stat(Path.c_str(), &St) != 0)
         return Untrusted(Why, Path, std::string("cannot be examined: ") + strerror(errno));
     if (St.st_mode & (S_IROTH | S_IWOTH))
-        return Untrusted(Why, Path, "holds a password and others can read or write it (mode " +
-                                        Mode(St) + "); chmod o-rw it");
+        return Untrusted(Why, Path,
+                         "holds a password and others can read or write it (mode " + Mode(St) +
+                             "); chmod o-rw it");
     if ((St.st_mode & (S_IRGRP | S_IWGRP)) && St.st_gid != 0)
-        return Untrusted(Why, Path, "holds a password and its group " +
-                                        std::to_string(St.st_gid) + " can read it (mode " +
-                                        Mode(St) + "); chmod g-rw it");
+        return Untrusted(Why, Path,
+                         "holds a password and its group " + std::to_string(St.st_gid) +
+                             " can read it (mode " + Mode(St) + "); chmod g-rw it");
     return 0;
 }

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # A test host: runs a command in a private mount namespace that looks like a server of its own
 # to the installer, and changes nothing on this machine. Fresh tmpfs on /tmp, /var, /opt and
-# /dev (null, zero, random, urandom, tty links), an overlay on /etc with RELEASE_TEXT as
+# /dev (null, zero, random, urandom, tty, a pseudo-terminal instance of its own), an overlay on /etc with RELEASE_TEXT as
 # /etc/redhat-release (the other release files removed), and HOME under /var, so that the RPM
 # database (Debian's rpm keeps it in ~/.rpmdb) is the host's own.
 # Usage: host.sh RELEASE_TEXT COMMAND [ARG]...   (as root)
@@ -15,11 +15,14 @@ release="$1"; shift
 stage=/tmp
 mount -t tmpfs -o mode=0755 zelhost "$stage"
 mkdir -p "$stage/dev" "$stage/upper" "$stage/work"
-for node in null zero random urandom; do
+for node in null zero random urandom tty; do
   touch "$stage/dev/$node"
   mount --bind "/dev/$node" "$stage/dev/$node"
 done
 ln -s /proc/self/fd "$stage/dev/fd"
+mkdir "$stage/dev/pts"
+mount -t devpts -o newinstance,ptmxmode=0666 zelhost-pts "$stage/dev/pts"
+ln -s pts/ptmx "$stage/dev/ptmx"
 mount -t overlay zelhost-etc -o "lowerdir=/etc,upperdir=$stage/upper,workdir=$stage/work" /etc
 rm -f /etc/redhat-release /etc/SuSE-release /etc/UnitedLinux-release
 printf '%s\n' "$release" > /etc/redhat-release

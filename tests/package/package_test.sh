@@ -147,7 +147,7 @@ check_completion() {
   while IFS= read -r want; do
     grep -qxF -- "$want" "$work/completion.txt" || fail "completion: want \"$want\""
   done <<'WANT'
-commands: answers check examples lint matrix report snapshot 
+commands: answers check examples history install lint matrix report snapshot 
 distros: rh73 rhas21 rhel3 sles7 sles8 sles8-ul ul10 ul10-sp3 
 distros s: sles7 sles8 sles8-ul 
 explain: dialect-attribute dialect-cdata dialect-element dialect-text 
