@@ -67,22 +67,10 @@ options:
         have done part of its work.
     type: bool
     default: false
-  manager:
-    description:
-      - The C(zelrzp-manager) program, a path or a name looked up on the host's C(PATH).
-    type: path
-    default: zelrzp-manager
-  parser:
-    description:
-      - The sub-service executable; by default the one beside C(zelrzp-manager).
-    type: path
-  timeout:
-    description:
-      - Longest wait in seconds for any answer of the sub-service (the program's default is
-        60).
-    type: int
 extends_documentation_fragment:
   - ansible.builtin.action_common_attributes
+  - zelparser.rollout.manager
+  - zelparser.rollout.manager.parser
 attributes:
   check_mode:
     support: full

@@ -33,13 +33,9 @@ options:
     description:
       - The bundle directory on the host whose requisites are recorded (C(snapshot --for)).
     type: path
-  manager:
-    description:
-      - The C(zelrzp-manager) program, a path or a name looked up on the host's C(PATH).
-    type: path
-    default: zelrzp-manager
 extends_documentation_fragment:
   - ansible.builtin.action_common_attributes
+  - zelparser.rollout.manager
 attributes:
   check_mode:
     support: full
