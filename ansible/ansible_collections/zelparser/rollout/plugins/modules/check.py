@@ -68,8 +68,10 @@ options:
     default: false
   json_file:
     description:
-      - Also write the check's whole JSON there. The returned I(machines) are then summaries
-        (each component's verdict and reason, without its requisites).
+      - Write the check's whole JSON there, as the program prints it, and read it back one
+        machine at a time, so that a large fleet's JSON is never held whole. The returned
+        I(machines) are then summaries (their verdicts counted, the files of the components
+        that would not install).
     type: path
   report_file:
     description:
@@ -140,8 +142,9 @@ machines:
   description:
     - One entry per machine as the check's JSON has it (C(name), C(distribution), C(kernel),
       C(bundle), C(failure), C(exitStatus), C(components) with each one's C(verdict),
-      C(reason), C(requisites) and C(configuration)). With I(json_file), the components
-      carry their verdict and reason only.
+      C(reason), C(requisites) and C(configuration)). With I(json_file), a summary instead
+      (C(name), C(distribution), C(kernel), C(bundle), C(failure), C(exitStatus), C(verdicts)
+      counted, C(refused) the files of the components that would not install).
   returned: success
   type: list
   elements: dict
@@ -151,12 +154,17 @@ counts:
   type: dict
   sample: {"installs": 5, "refused": 2, "not-recorded": 3}
 refusals:
-  description: Every component that would be refused or is not recorded, with its machine and first reason.
+  description: The first 100 components that would be refused or are not recorded, each with its machine and first reason.
   returned: success
   type: list
   elements: dict
   sample: [{"machine": "web02", "component": "mgmtagent-5.0.2-3.i386.rpm", "verdict": "refused",
             "reason": "libssl.so.2 is in none of the library directories"}]
+refusals_total:
+  description: How many components of all machines would be refused or are not recorded.
+  returned: success
+  type: int
+  sample: 1
 without_plan:
   description: The machines that have no plan, each with why.
   returned: success
@@ -176,6 +184,7 @@ report_file:
 import json
 import os
 import shutil
+import subprocess
 import tempfile
 
 from ansible.module_utils.basic import AnsibleModule
@@ -217,33 +226,89 @@ def stage_snapshots(module, workdir):
     return names
 
 
-def summarize(check, keep_requisites):
-    counts, refusals, without_plan, machines = {}, [], [], []
-    for machine in check.get('machines', []):
+REFUSALS_SHOWN = 100
+
+
+class Summary(object):
+    """The verdicts of every machine, gathered one machine at a time. With keep set each
+    machine is kept as the check's JSON has it; else as a summary: its verdicts counted and the
+    files of the components that would not install."""
+
+    def __init__(self, keep):
+        self.keep, self.counts, self.refusals, self.without_plan, self.machines = keep, {}, [], [], []
+        self.refused = 0
+
+    def add(self, machine):
         if machine.get('failure'):
-            without_plan.append(dict(machine=machine['name'], failure=machine['failure']))
+            self.without_plan.append(dict(machine=machine['name'], failure=machine['failure']))
+        verdicts, refused = {}, []
         for component in machine.get('components', []):
             verdict = component.get('verdict')
-            counts[verdict] = counts.get(verdict, 0) + 1
+            verdicts[verdict] = verdicts.get(verdict, 0) + 1
             if verdict != 'installs':
-                refusals.append(dict(machine=machine['name'], component=component.get('file'),
-                                     verdict=verdict, reason=component.get('reason')))
-        if not keep_requisites:
-            machine = dict(machine)
-            machine['components'] = [
-                dict((key, component.get(key)) for key in
-                     ('file', 'name', 'version', 'verdict', 'reason', 'otherReasons'))
-                for component in machine.get('components', [])]
-        machines.append(machine)
-    return dict(counts=counts, refusals=refusals, without_plan=without_plan, machines=machines)
+                refused.append(component.get('file'))
+                self.refused += 1
+                if len(self.refusals) < REFUSALS_SHOWN:
+                    self.refusals.append(dict(machine=machine['name'], component=component.get('file'),
+                                              verdict=verdict, reason=component.get('reason')))
+        for verdict, count in verdicts.items():
+            self.counts[verdict] = self.counts.get(verdict, 0) + count
+        if not self.keep:
+            machine = dict((key, machine.get(key)) for key in
+                           ('name', 'distribution', 'kernel', 'bundle', 'failure', 'exitStatus'))
+            machine.update(verdicts=verdicts, refused=refused)
+        self.machines.append(machine)
+
+    def result(self):
+        return dict(counts=self.counts, refusals=self.refusals, refusals_total=self.refused,
+                    without_plan=self.without_plan, machines=self.machines)
 
 
-def write_file(path, text):
+def read_streamed(path, summary):
+    """The check's JSON file read one machine at a time (a thousand machines against a large
+    bundle make gigabytes of it): each machine goes to summary; returns the other fields."""
+    decoder, marker = json.JSONDecoder(), '"machines": ['
+    with open(path) as data:
+        text = ''
+        while marker not in text:
+            chunk = data.read(1 << 16)
+            if not chunk:
+                raise ValueError('no machines in the check\'s JSON')
+            text += chunk
+        head, text = text.split(marker, 1)
+        top = json.loads(head.rstrip().rstrip(',') + '}')
+        while True:
+            text = text.lstrip(', \n')
+            if text.startswith(']'):
+                break
+            try:
+                machine, end = decoder.raw_decode(text)
+            except ValueError:
+                chunk = data.read(1 << 20)
+                if not chunk:
+                    raise
+                text += chunk
+                continue
+            summary.add(machine)
+            text = text[end:]
+        top.update(json.loads('{' + (text[1:] + data.read()).lstrip(', \n')))
+    return top
+
+
+def check_to_file(module, argv, workdir, path):
+    """The check run with its JSON written to path as it comes (never held whole)."""
     handle, partial = tempfile.mkstemp(prefix='.check-', dir=os.path.dirname(path) or '.')
     with os.fdopen(handle, 'w') as out:
-        out.write(text)
+        run = subprocess.Popen(argv, cwd=workdir, stdout=out, stderr=subprocess.PIPE)
+        dummy, err = run.communicate()
+    err = err.decode('utf-8', 'replace')
+    if run.returncode not in (0, 1, 3):
+        os.unlink(partial)
+        module.fail_json(msg='zelrzp-manager exited %d: %s' % (run.returncode, err.strip()),
+                         rc=run.returncode, cmd=argv, stderr=err)
     os.chmod(partial, 0o644)
     os.rename(partial, path)
+    return run.returncode
 
 
 def run_check(module, workdir, names, answers_file):
@@ -255,12 +320,22 @@ def run_check(module, workdir, names, answers_file):
     if module.params['strict']:
         argv.append('--strict')
     argv.append(os.path.abspath(module.params['bundle']))
-    status, check, dummy = run_json(module, argv, (0, 1, 3), cwd=workdir)
+    json_file = module.params['json_file']
+    summary = Summary(keep=not json_file)
+    if json_file:
+        status = check_to_file(module, argv, workdir, json_file)
+        try:
+            check = read_streamed(json_file, summary)
+        except ValueError as error:
+            module.fail_json(msg='%s: %s' % (json_file, error))
+    else:
+        status, check, dummy = run_json(module, argv, (0, 1, 3), cwd=workdir)
+        for machine in check.get('machines', []):
+            summary.add(machine)
     result = dict(exit_status=status, plans=check.get('plans'), answers=check.get('answers'))
-    if module.params['json_file']:
-        write_file(module.params['json_file'], json.dumps(check, indent=1))
-        result['json_file'] = module.params['json_file']
-    result.update(summarize(check, not module.params['json_file']))
+    result.update(summary.result())
+    if json_file:
+        result['json_file'] = json_file
     if module.params['report_file']:
         page = os.path.abspath(module.params['report_file'])
         argv = [program, 'report', '--output=%s' % page] + snapshots + common_options(module)
@@ -308,7 +383,7 @@ def main():
     result['changed'] = False
     if params['fail_on_refusal'] and result['exit_status'] != 0:
         module.fail_json(msg='the check found %d refused or unrecorded components and %d machines without a plan'
-                         % (len(result['refusals']), len(result['without_plan'])), **result)
+                         % (result['refusals_total'], len(result['without_plan'])), **result)
     module.exit_json(**result)
 
 
