@@ -9,8 +9,8 @@
 # through the controller's own paths.
 #
 # Everything happens inside a private mount namespace of the caller's (fleet_enter), whose
-# /root and /var are overlays with their upper directories under the work directory: this
-# machine never changes.
+# home directory and /var are overlays with their upper directories under the work directory:
+# this machine never changes.
 #
 #   fleet_enter WORK SCRIPT ARGS...      re-runs SCRIPT inside a private mount namespace
 #   fleet_init WORK                      (inside) the namespaces' tmpfs, ~/.rpmdb, the spool
@@ -32,17 +32,19 @@ fleet_enter() {
   exec taskset -c 0 unshare --mount --propagation private -- "$@"
 }
 
-# The caller's own private world: /root and /var overlays (ansible's ~/.ansible, the RPM
-# database's mount point, the spool), a tmpfs for the namespace files (binding a mount namespace
-# needs a private mount to bind it on).
+# The caller's own private world: overlays on its home directory and /var (ansible's
+# ~/.ansible, the RPM database's mount point, the spool), a tmpfs for the namespace files
+# (binding a mount namespace needs a private mount to bind it on).
 fleet_init() {
   FLEET_WORK=$1
   FLEET_NS=$FLEET_WORK/ns
-  local dir
+  local name dir
   taskset -p -c "0-$(($(nproc --all) - 1))" $$ >/dev/null
-  for dir in root var; do
-    mkdir -p "$FLEET_WORK/controller-$dir/upper" "$FLEET_WORK/controller-$dir/work"
-    mount -t overlay zelfleet -o "lowerdir=/$dir,upperdir=$FLEET_WORK/controller-$dir/upper,workdir=$FLEET_WORK/controller-$dir/work" "/$dir"
+  for name in home var; do
+    dir=/var
+    [ $name = var ] || dir=$HOME
+    mkdir -p "$FLEET_WORK/controller-$name/upper" "$FLEET_WORK/controller-$name/work"
+    mount -t overlay zelfleet -o "lowerdir=$dir,upperdir=$FLEET_WORK/controller-$name/upper,workdir=$FLEET_WORK/controller-$name/work" "$dir"
   done
   FLEET_RPMDB=$(rpm --eval '%_dbpath')
   mkdir -p "$FLEET_RPMDB" /var/tmp/zelparser "$FLEET_NS"
