@@ -17,7 +17,7 @@ import sys
 
 DISTROS = ("Red_Hat_Linux_7.3", "Red_Hat_Enterprise_Linux_3")
 
-SPEC = """Name: {name}
+RECIPE = """Name: {name}
 Version: 1.0
 Release: 1
 Summary: {name} for the rollout tests
@@ -146,19 +146,19 @@ BUNDLE = """<?xml version="1.0"?>
 def build_rpm(short, pre, bundle, work):
     name = "zeltest-" + short
     top = os.path.join(work, "rpmbuild")
-    os.makedirs(os.path.join(top, "SPECS"), exist_ok=True)
-    spec = os.path.join(top, "SPECS", name + ".spec")
-    with open(spec, "w") as out:
-        out.write(SPEC.format(name=name, short=short, pre=pre or "exit 0"))
+    os.makedirs(top, exist_ok=True)
+    recipe = os.path.join(top, name + ".recipe")
+    with open(recipe, "w") as out:
+        out.write(RECIPE.format(name=name, short=short, pre=pre or "exit 0"))
     env = dict(os.environ, HOME=os.path.join(work, "home"))
     subprocess.run(["rpmbuild", "-bb", "--quiet", "--define", "_topdir " + top,
                     "--define", "_rpmdir " + bundle, "--define", "_build_name_fmt %%{NAME}-%%{VERSION}-%%{RELEASE}.%%{ARCH}.rpm",
-                    spec], check=True, env=env, stdout=subprocess.DEVNULL)
+                    recipe], check=True, env=env, stdout=subprocess.DEVNULL)
     return "%s-1.0-1.noarch.rpm" % name
 
 
 def main():
-    bundle, work = sys.argv[1], sys.argv[2]
+    bundle, work = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2])
     os.makedirs(bundle, mode=0o755)
     os.makedirs(os.path.join(work, "home"), exist_ok=True)
     components = [("base", None, False, (), ""),
