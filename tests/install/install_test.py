@@ -55,13 +55,16 @@ echo "installed $1 (the password is not here)"
 
 
 def build_rpms(directory):
+    """The test packages, built with HOME in the scratch directory: rpmbuild opens the RPM
+    database (~/.rpmdb on Debian) to check build requirements, and this machine's stays as it is."""
     top = os.path.join(directory, "rpmbuild")
+    env = dict(os.environ, HOME=directory)
     for name in PACKAGES:
         spec = os.path.join(directory, name + ".spec")
         with open(spec, "w") as f:
             f.write(SPEC.format(name=name))
         subprocess.run(["rpmbuild", "-bb", "--quiet", "--define", "_topdir " + top, spec],
-                       check=True, stdout=subprocess.DEVNULL)
+                       check=True, stdout=subprocess.DEVNULL, env=env)
     out = os.path.join(directory, "rpms")
     os.makedirs(out)
     for root, _, files in os.walk(os.path.join(top, "RPMS")):
