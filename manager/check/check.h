@@ -107,6 +107,8 @@ CkPlace CkLocate(const std::string &ComponentFile, const std::string &Key, uint3
 // evaluate.cpp: one component of a plan judged on a machine: its JSON with verdict and
 // requisites (configuration left to answers.cpp).
 Json CkEvaluateComponent(const CkFacts &F, const CkPlan &P, const Json &Component, bool Strict);
+// The program or path a command or script requisite names: its first word.
+std::string CkFirstWord(const std::string &Text);
 
 // answers.cpp: the answers file read (0, or -1 with the errors, each with its line number);
 // a component's variables judged; the answers that name no variable of any plan.

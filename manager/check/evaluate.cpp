@@ -36,14 +36,6 @@ Verdict Unknown(const std::string &Code, const std::string &Expected, const std:
     return {"unknown", Code, Expected, Actual, Reason};
 }
 
-std::string FirstWord(const std::string &Text)
-{
-    size_t Start = Text.find_first_not_of(" \t");
-    if (Start == std::string::npos)
-        return "";
-    return Text.substr(Start, Text.find_first_of(" \t", Start) - Start);
-}
-
 // The kind of a path: 'f' regular file, 'd' directory, 'o' other, 0 absent, -1 unreadable.
 int KindOf(const CkFacts &F, const std::string &Path, mode_t *Mode, std::string *Why)
 {
@@ -109,19 +101,19 @@ std::string FindProgram(const CkFacts &F, const std::string &Program)
 
 Verdict Command(const CkFacts &F, const std::string &Value)
 {
-    std::string Program = FindProgram(F, FirstWord(Value));
+    std::string Program = FindProgram(F, CkFirstWord(Value));
     mode_t Mode = 0;
     std::string Why;
     if (!Program.empty() && KindOf(F, Program, &Mode, &Why) == 'f' && (Mode & 0111))
         return Unknown("not-run-program-found", "the command succeeds", Program,
                        "not run by the check; its program is " + Program);
     return Unknown("not-run-program-missing", "the command succeeds", "program not found",
-                   "not run by the check; its program " + FirstWord(Value) + " is not found");
+                   "not run by the check; its program " + CkFirstWord(Value) + " is not found");
 }
 
 Verdict Script(const CkFacts &F, const std::string &Value)
 {
-    std::string Path = FirstWord(Value), Why;
+    std::string Path = CkFirstWord(Value), Why;
     mode_t Mode = 0;
     int Kind = KindOf(F, Path, &Mode, &Why);
     if (Kind == 'f' && (Mode & 0111))
@@ -341,6 +333,14 @@ std::vector<std::string> Reasons(const Json &Failing, size_t DeviceCount)
 }
 
 } // namespace
+
+std::string CkFirstWord(const std::string &Text)
+{
+    size_t Start = Text.find_first_not_of(" \t");
+    if (Start == std::string::npos)
+        return "";
+    return Text.substr(Start, Text.find_first_of(" \t", Start) - Start);
+}
 
 Json CkEvaluateComponent(const CkFacts &F, const CkPlan &P, const Json &C, bool Strict)
 {

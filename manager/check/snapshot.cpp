@@ -110,14 +110,6 @@ void RecordPath(Snap *S, const std::string &Path, bool Directory)
         WriteFile(S, Path, "", 0644 | (St.st_mode & 0111));
 }
 
-std::string FirstWord(const std::string &Text)
-{
-    size_t Start = Text.find_first_not_of(" \t");
-    return Start == std::string::npos
-               ? ""
-               : Text.substr(Start, Text.find_first_of(" \t", Start) - Start);
-}
-
 void RecordLibrary(Snap *S, const std::string &Name)
 {
     if (Name.find('/') != std::string::npos) {
@@ -156,9 +148,9 @@ void RecordRequisite(Snap *S, const CkNamed &Q)
 {
     switch (Q.SubType) {
     case SUBTYPE_LIBRARY_FILE_PRESENCE: RecordLibrary(S, Q.Value); break;
-    case SUBTYPE_EXECUTE_COMMAND: RecordProgram(S, FirstWord(Q.Value)); break;
+    case SUBTYPE_EXECUTE_COMMAND: RecordProgram(S, CkFirstWord(Q.Value)); break;
     case SUBTYPE_FILE_PRESENCE: RecordPath(S, Q.Value, false); break;
-    case SUBTYPE_RUN_SCRIPT_FILE: RecordPath(S, FirstWord(Q.Value), false); break;
+    case SUBTYPE_RUN_SCRIPT_FILE: RecordPath(S, CkFirstWord(Q.Value), false); break;
     case SUBTYPE_DIRECTORY_PRESENCE: RecordPath(S, Q.Value, true); break;
     case SUBTYPE_ENVIRONMENT_VARIABLE: S->Variables.insert(Q.Value); break;
     default: break; // kernel, devices, distribution, processes: recorded by RecordFixed

@@ -52,7 +52,7 @@ std::string Fields(PPRECONFIGURATION C)
            S(C->ActualValue);
 }
 
-const std::pair<const char *, signed char (*)(const char *)> Flags[] = {
+const std::pair<const char *, signed char (*)(const char *)> FlagReaders[] = {
     {"has_prerequisites", GetHasPrerequisitesValue},
     {"has_postrequisites", GetHasPostrequisitesValue},
     {"requires_preconfiguration", GetRequiresPreConfigurationValue},
@@ -101,7 +101,7 @@ std::string Records::Read(const std::string &Path, const std::string &Call, int 
                          : GetBundleName(File, Call.c_str() + 5, Entry ? Value : nullptr, Entry);
             Values = Result == 0 ? Value : "";
         }
-        for (const auto &Flag : Flags)
+        for (const auto &Flag : FlagReaders)
             if (Call == Flag.first)
                 Result = Flag.second(File);
     });
