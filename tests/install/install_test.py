@@ -24,7 +24,7 @@ PASSWORD = "Sesame-9317-secret"
 PACKAGES = ["alpha", "beta", "gamma"]
 RPMS = None  # directory holding zelt-NAME-1.0-1.noarch.rpm
 
-SPEC = """Name: zelt-{name}
+RECIPE = """Name: zelt-{name}
 Version: 1.0
 Release: 1
 Summary: test package {name}
@@ -60,10 +60,10 @@ def build_rpms(directory):
     top = os.path.join(directory, "rpmbuild")
     env = dict(os.environ, HOME=directory)
     for name in PACKAGES:
-        spec = os.path.join(directory, name + ".spec")
-        with open(spec, "w") as f:
-            f.write(SPEC.format(name=name))
-        subprocess.run(["rpmbuild", "-bb", "--quiet", "--define", "_topdir " + top, spec],
+        recipe = os.path.join(directory, name + ".recipe")
+        with open(recipe, "w") as f:
+            f.write(RECIPE.format(name=name))
+        subprocess.run(["rpmbuild", "-bb", "--quiet", "--define", "_topdir " + top, recipe],
                        check=True, stdout=subprocess.DEVNULL, env=env)
     out = os.path.join(directory, "rpms")
     os.makedirs(out)
