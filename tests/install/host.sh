@@ -4,12 +4,16 @@
 # /dev (null, zero, random, urandom, tty, a pseudo-terminal instance of its own), an overlay on /etc with RELEASE_TEXT as
 # /etc/redhat-release (the other release files removed), and HOME under /var, so that the RPM
 # database (Debian's rpm keeps it in ~/.rpmdb) is the host's own.
+# The source tree and the caller's directory stay visible when they lie under /tmp.
 # Usage: host.sh RELEASE_TEXT COMMAND [ARG]...   (as root)
 set -euo pipefail
 [ $# -ge 2 ] || { echo "usage: $0 RELEASE_TEXT COMMAND [ARG]..." >&2; exit 2; }
-exec unshare --mount --propagation private -- bash -s -- "$@" <<'INSIDE'
+here=$(cd "$(dirname "$0")" && pwd)
+exec unshare --mount --propagation private -- bash -s -- "$here" "$PWD" "$@" <<'INSIDE'
 set -euo pipefail
-release="$1"; shift
+here="$1" caller="$2" release="$3"; shift 3
+source "$here/../common/fresh_tmp.sh"
+exec 9</tmp # the old /tmp, for what of it stays visible
 # The staging tmpfs goes on /tmp first and is hidden by the fresh /tmp at the end; the new
 # /dev and the overlay's upper layer live on in it.
 stage=/tmp
@@ -28,7 +32,7 @@ rm -f /etc/redhat-release /etc/SuSE-release /etc/UnitedLinux-release
 printf '%s\n' "$release" > /etc/redhat-release
 mount --move "$stage/dev" /dev 2>/dev/null || mount --rbind "$stage/dev" /dev
 for dir in /var /opt; do mount -t tmpfs -o mode=0755 zelhost "$dir"; done
-mount -t tmpfs -o mode=1777 zelhost /tmp
+fresh_tmp "$(cd "$here/../.." && pwd)" "$caller"
 mkdir -p /var/lib/zelhost-home /var/tmp
 export HOME=/var/lib/zelhost-home TMPDIR=/tmp
 exec "$@" </dev/null

@@ -61,7 +61,9 @@ fleet_init() {
 # /var is the host's.
 FLEET_HOST_SETUP='
 set -e
-dir=$1 release=$2 lib=$3 rpmdb=$4
+dir=$1 release=$2 lib=$3 rpmdb=$4 repo=$5 work=$6 caller=$7
+source "$repo/tests/common/fresh_tmp.sh"
+exec 9</tmp # the old /tmp, for what of it stays visible
 stage=$dir/stage
 mount -t tmpfs zelhost "$stage"
 mkdir "$stage/dev" "$stage/spool"
@@ -87,7 +89,7 @@ fi
 mkdir -p /var/tmp/zelparser
 mount --move "$stage/spool" /var/tmp/zelparser
 mount --move "$stage/dev" /dev
-mount -t tmpfs -o mode=1777 zelhost /tmp
+fresh_tmp "$repo" "$work" "$caller"
 mount --bind "$dir/rpmdb" "$rpmdb"
 umount "$stage"
 '
@@ -100,7 +102,8 @@ fleet_host() {
   # On CPU 0, as the caller's namespace was made (fleet_enter): else the kernel may find the
   # new namespace older than the caller's and refuse to bind it (EINVAL).
   taskset -c 0 unshare --mount="$FLEET_NS/$name" --propagation private \
-    bash -c "$FLEET_HOST_SETUP" fleet_host "$dir" "$release" "$lib" "$FLEET_RPMDB"
+    bash -c "$FLEET_HOST_SETUP" fleet_host "$dir" "$release" "$lib" "$FLEET_RPMDB" "$FLEET_REPO" \
+    "$FLEET_WORK" "$PWD"
   printf '#!/bin/sh\nexec nsenter --mount=%s -- /usr/bin/python3 "$@"\n' "$FLEET_NS/$name" \
     >"$dir/python"
   chmod 755 "$dir/python"
