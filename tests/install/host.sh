@@ -8,11 +8,11 @@
 # Usage: host.sh RELEASE_TEXT COMMAND [ARG]...   (as root)
 set -euo pipefail
 [ $# -ge 2 ] || { echo "usage: $0 RELEASE_TEXT COMMAND [ARG]..." >&2; exit 2; }
-here=$(cd "$(dirname "$0")" && pwd)
-exec unshare --mount --propagation private -- bash -s -- "$here" "$PWD" "$@" <<'INSIDE'
+repo=$(cd "$(dirname "$0")/../.." && pwd)
+exec unshare --mount --propagation private -- bash -s -- "$repo" "$PWD" "$@" <<'INSIDE'
 set -euo pipefail
-here="$1" caller="$2" release="$3"; shift 3
-source "$here/../common/fresh_tmp.sh"
+repo="$1" caller="$2" release="$3"; shift 3
+source "$repo/tests/common/fresh_tmp.sh"
 exec 9</tmp # the old /tmp, for what of it stays visible
 # The staging tmpfs goes on /tmp first and is hidden by the fresh /tmp at the end; the new
 # /dev and the overlay's upper layer live on in it.
@@ -32,7 +32,7 @@ rm -f /etc/redhat-release /etc/SuSE-release /etc/UnitedLinux-release
 printf '%s\n' "$release" > /etc/redhat-release
 mount --move "$stage/dev" /dev 2>/dev/null || mount --rbind "$stage/dev" /dev
 for dir in /var /opt; do mount -t tmpfs -o mode=0755 zelhost "$dir"; done
-fresh_tmp "$(cd "$here/../.." && pwd)" "$caller"
+fresh_tmp "$repo" "$caller"
 mkdir -p /var/lib/zelhost-home /var/tmp
 export HOME=/var/lib/zelhost-home TMPDIR=/tmp
 exec "$@" </dev/null
