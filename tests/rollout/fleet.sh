@@ -89,9 +89,9 @@ fi
 mkdir -p /var/tmp/zelparser
 mount --move "$stage/spool" /var/tmp/zelparser
 mount --move "$stage/dev" /dev
+umount "$stage"
 fresh_tmp "$repo" "$work" "$caller"
 mount --bind "$dir/rpmdb" "$rpmdb"
-umount "$stage"
 '
 
 fleet_host() {
