@@ -16,21 +16,24 @@ fail() { echo "FAIL: $*" >&2; exit 1; }
 export HOME=$work/home
 
 # Runs a command in a private mount namespace whose /usr, /etc, /var, /opt and /root are
-# overlays with their upper directories under WORK and whose /tmp is its own: a package
+# overlays with their upper directories under WORK and whose /tmp is its own (showing only the
+# source, build and scratch directories when they lie under /tmp): a package
 # installed there as an administrator installs it, and this machine never changes.
 in_private_system() {
   local upper=$work/system
   rm -rf "$upper"
   unshare --mount --propagation private bash -c '
     set -e
-    upper=$1; shift
+    upper=$1 keep=$2 work=$3 build=$4; shift 4
+    source "$keep/tests/common/fresh_tmp.sh"
+    exec 9</tmp # the old /tmp, for the scratch and source directories that may lie under it
     for dir in usr etc var opt root; do
       mkdir -p "$upper/$dir/upper" "$upper/$dir/work"
       mount -t overlay zelpackage \
         -o "lowerdir=/$dir,upperdir=$upper/$dir/upper,workdir=$upper/$dir/work" "/$dir"
     done
-    mount -t tmpfs zelpackage /tmp
-    exec "$@"' in_private_system "$upper" "$@"
+    fresh_tmp "$keep" "$work" "$build"
+    exec "$@"' in_private_system "$upper" "$source" "$work" "$build" "$@"
 }
 
 build_package() {
