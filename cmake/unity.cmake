@@ -1,15 +1,20 @@
-# unity.cmake - zel_unity_by_folder(Target): with ZEL_UNITY on, the target's sources are
-# compiled one folder at a time: every source file of the project's tree is included into one
-# translation unit with the other sources of the same folder that the target compiles
-# (CMake's unity build, UNITY_BUILD_MODE GROUP). Call it after every source is added; sources
-# added later, and generated ones, are compiled on their own.
+# unity.cmake - with ZEL_UNITY on, a target's sources are compiled as a few large translation
+# units (CMake's unity build, UNITY_BUILD_MODE GROUP) instead of file by file:
+#   zel_unity_by_folder(Target)  one translation unit per source folder: every source file of
+#                                the project's tree is included with the other sources of the
+#                                same folder that the target compiles;
+#   zel_unity_whole(Target)      one translation unit for all of the target's sources in the
+#                                project's tree, for a program whose folders all include the
+#                                same heavy headers and instantiate the same templates.
+# Call them after every source is added; sources added later, and generated ones, are compiled
+# on their own.
 #
-# The files of one folder then share one scope: two of them must not define the same name with
-# internal linkage (a static function, anything in an anonymous namespace). The compiler says
-# so ("redefinition"); give one of them another name, or share the function through the
-# folder's header. Configure with -DZEL_UNITY=OFF to compile file by file (a single edited file
-# recompiles faster that way).
-function(zel_unity_by_folder Target)
+# The files of one translation unit then share one scope: two of them must not define the same
+# name with internal linkage (a static function, anything in an anonymous namespace). The
+# compiler says so ("redefinition"); give one of them another name, or share the function
+# through a header. Configure with -DZEL_UNITY=OFF to compile file by file (a single edited
+# file recompiles faster that way).
+function(zel_unity_groups Target Whole)
   if(NOT ZEL_UNITY)
     return()
   endif()
@@ -28,7 +33,18 @@ function(zel_unity_by_folder Target)
     cmake_path(GET Path PARENT_PATH Folder)
     cmake_path(RELATIVE_PATH Folder BASE_DIRECTORY ${PROJECT_SOURCE_DIR})
     string(MAKE_C_IDENTIFIER "${Folder}" Group)
+    if(Whole)
+      string(MAKE_C_IDENTIFIER "${Target}" Group)
+    endif()
     set_source_files_properties(${Path} TARGET_DIRECTORY ${Target} PROPERTIES UNITY_GROUP ${Group})
   endforeach()
   set_target_properties(${Target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_MODE GROUP)
+endfunction()
+
+function(zel_unity_by_folder Target)
+  zel_unity_groups(${Target} OFF)
+endfunction()
+
+function(zel_unity_whole Target)
+  zel_unity_groups(${Target} ON)
 endfunction()

@@ -11,7 +11,7 @@
 
 #include "check.h"
 
-static std::string Trim(const std::string &Text)
+static std::string TrimAnswer(const std::string &Text)
 {
     size_t First = Text.find_first_not_of(" \t\r");
     if (First == std::string::npos)
@@ -31,16 +31,16 @@ int CkReadAnswers(const std::string &Path, CkAnswers *A, std::vector<std::string
     for (int Number = 1; std::getline(In, Line); Number++) {
         if (!Line.empty() && Line.back() == '\r')
             Line.pop_back();
-        std::string Bare = Trim(Line);
+        std::string Bare = TrimAnswer(Line);
         if (Bare.empty() || Bare[0] == '#')
             continue;
         size_t Eq = Line.find('=');
-        if (Eq == std::string::npos || Trim(Line.substr(0, Eq)).empty()) {
+        if (Eq == std::string::npos || TrimAnswer(Line.substr(0, Eq)).empty()) {
             Errors->push_back(Path + ":" + std::to_string(Number) +
                               ": not NAME=VALUE (no '=' or no name); the line is ignored");
             continue;
         }
-        std::string Name = Trim(Line.substr(0, Eq));
+        std::string Name = TrimAnswer(Line.substr(0, Eq));
         A->Values[Name] = Line.substr(Eq + 1);
         A->Lines[Name] = Number;
     }
