@@ -17,7 +17,7 @@ if [ "${ZEL_FLEET_INSIDE:-}" != 1 ]; then
   ZEL_FLEET_INSIDE=1 fleet_enter "$work" bash "$0" "$hosts" "$build"
 fi
 
-fleet_init "$work"
+fleet_init "$work" "$build/bin"
 python3 "$repo/tests/rollout/make_bundle.py" "$work/bundle" "$work/bundle-build"
 names=()
 SECONDS=0

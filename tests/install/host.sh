@@ -4,7 +4,8 @@
 # /dev (null, zero, random, urandom, tty, a pseudo-terminal instance of its own), an overlay on /etc with RELEASE_TEXT as
 # /etc/redhat-release (the other release files removed), and HOME under /var, so that the RPM
 # database (Debian's rpm keeps it in ~/.rpmdb) is the host's own.
-# The source tree and the caller's directory stay visible when they lie under /tmp.
+# The source tree, the caller's directory and the directories named in ZEL_HOST_KEEP
+# (space-separated: the programs under test) stay visible when they lie under /tmp.
 # Usage: host.sh RELEASE_TEXT COMMAND [ARG]...   (as root)
 set -euo pipefail
 [ $# -ge 2 ] || { echo "usage: $0 RELEASE_TEXT COMMAND [ARG]..." >&2; exit 2; }
@@ -32,7 +33,7 @@ rm -f /etc/redhat-release /etc/SuSE-release /etc/UnitedLinux-release
 printf '%s\n' "$release" > /etc/redhat-release
 mount --move "$stage/dev" /dev 2>/dev/null || mount --rbind "$stage/dev" /dev
 for dir in /var /opt; do mount -t tmpfs -o mode=0755 zelhost "$dir"; done
-fresh_tmp "$repo" "$caller"
+fresh_tmp "$repo" "$caller" ${ZEL_HOST_KEEP:-}
 mkdir -p /var/lib/zelhost-home /var/tmp
 export HOME=/var/lib/zelhost-home TMPDIR=/tmp
 exec "$@" </dev/null

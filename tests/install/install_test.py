@@ -496,6 +496,8 @@ class Signals(unittest.TestCase):
 def main():
     global MANAGER, HOST, RPMS
     MANAGER, HOST = sys.argv[1], sys.argv[2]
+    # the build's programs stay visible on the hosts when the build lies under /tmp
+    os.environ["ZEL_HOST_KEEP"] = os.path.dirname(os.path.realpath(MANAGER))
     scratch = tempfile.mkdtemp(prefix="zelrpms.", dir=os.getcwd())
     try:
         RPMS = build_rpms(scratch)

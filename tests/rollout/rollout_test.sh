@@ -26,7 +26,7 @@ fi
 
 fail() { echo "FAIL: $*" >&2; exit 1; }
 password='Pw-7f3a9c1e'
-fleet_init "$work"
+fleet_init "$work" "$bin"
 python3 "$here/make_bundle.py" "$work/bundle" "$work/bundle-build"
 fleet_host h1 "Red Hat Linux release 7.3 (Valhalla)" yes
 fleet_host h2 "Red Hat Linux release 7.3 (Valhalla)" no
