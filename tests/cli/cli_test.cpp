@@ -41,10 +41,10 @@ CliResult RunCli(const std::vector<std::string> &Args, int Uid = -1)
 }
 
 // The lint corpus: small bundles of a clean component ("good") beside one mistake ("bad").
-const std::string Corpus = ZEL_DOCS "/../tests/lint/corpus/";
+const std::string CorpusDir = ZEL_LINT_CORPUS "/";
 
 // Runs on the bundle simulating Red Hat Linux 7.3 (or with Options alone), JSON parsed back.
-CliResult RunJson(const std::string &Dir, std::vector<std::string> Options = {"--distro=rh73"})
+CliResult PlanJson(const std::string &Dir, std::vector<std::string> Options = {"--distro=rh73"})
 {
     Options.insert(Options.end(), {"--json", Dir});
     CliResult R = RunCli(Options);
@@ -65,13 +65,13 @@ TEST(Cli, GoodBundleIsCleanAndItsJsonSaysSo)
 {
     BundleDir D;
     std::string Odd = "caf\xc3\xa9\xc0\xaf\xed\xa0\x80-1.0-1"; // overlong and surrogate bytes
-    std::string Good = ReadAll(Corpus + "pci-id/good-1.0-1.i386.xml"), Bundle = ReadAll(Corpus + "pci-id/bp000001.xml");
+    std::string Good = ReadAll(CorpusDir + "pci-id/good-1.0-1.i386.xml"), Bundle = ReadAll(CorpusDir + "pci-id/bp000001.xml");
     for (const std::string &Name : {std::string("good-1.0-1.i386"), Odd}) {
         D.Write(Name + ".xml", Good);
         D.Write(Name + ".rpm", "package\n");
     }
     D.Write("bp000001.xml", Bundle.replace(Bundle.find("bad-1.0-1.i386"), 14, Odd));
-    CliResult R = RunJson(D.Path);
+    CliResult R = PlanJson(D.Path);
     EXPECT_EQ(0, R.Status) << R.Out;
     EXPECT_EQ("clean", R.Parsed["outcome"]);
     EXPECT_EQ(0, R.Parsed["exitStatus"]);
@@ -97,7 +97,7 @@ TEST(Cli, MissingAndCorruptComponentsAreRefusedWithTheirFiles)
           {"component-unreadable", "The component XML file is missing.",
            "The XML file is corrupt.  The 'command' section cannot be found."}}) {
         SCOPED_TRACE(C[0]);
-        CliResult R = RunJson(Corpus + C[0]);
+        CliResult R = PlanJson(CorpusDir + C[0]);
         EXPECT_EQ(1, R.Status);
         EXPECT_EQ("findings", R.Parsed["outcome"]);
         ASSERT_EQ(1u, R.Parsed["refused"].size());
@@ -119,7 +119,7 @@ TEST(Cli, NoPlanKeepsTheSubServicesLastConsoleLine)
 {
     BundleDir Empty;
     for (int i = 0; i < 10; i++) {
-        CliResult R = RunJson(Empty.Path);
+        CliResult R = PlanJson(Empty.Path);
         ASSERT_EQ(1u, R.Parsed["findings"].size()) << "run " << i << R.Out;
         EXPECT_EQ("No supported Bundle XML files were found.", R.Parsed["findings"][0]["text"]);
         EXPECT_EQ(3, R.Parsed["exitStatus"]); // no plan, and why, on stdout and stderr
@@ -133,8 +133,8 @@ TEST(Cli, NoPlanKeepsTheSubServicesLastConsoleLine)
 // form works like --opt=value, and a file gets no colour.
 TEST(Cli, CommandLine)
 {
-    const std::string Dir = Corpus + "dialect-text"; // a clean plan
-    const std::string Pci = Corpus + "pci-id", Rh73 = "--distro=rh73";
+    const std::string Dir = CorpusDir + "dialect-text"; // a clean plan
+    const std::string Pci = CorpusDir + "pci-id", Rh73 = "--distro=rh73";
     BundleDir Corrupt; // a bundle file with a version and nothing else
     Corrupt.Write("bp000001.xml", "<?xml version=\"1.0\"?>\n<zel_bundle>\n  <version value=\"1\"/>\n</zel_bundle>\n");
     struct Case {
@@ -156,10 +156,10 @@ TEST(Cli, CommandLine)
         {{"--version"}, 0, "zelrzp-manager ", ""},
         {{"--help"}, 0, "Exit status", ""},
         {{"--distro", "rh73", "--NUI", "--", Dir}, 0, "Result: clean (exit status 0)", ""},
-        {{Rh73, Corpus + "no-bundle-file"}, 3, "holds no bundle XML file", ""},
+        {{Rh73, CorpusDir + "no-bundle-file"}, 3, "holds no bundle XML file", ""},
         {{Rh73, Corrupt.Path}, 3, "(-703): ./bp000001.xml corrupt", ""},
-        {{Rh73, Corpus + "bundle-unreadable"}, 3, "cannot be read (-504)", ""},
-        {{Rh73, Corpus + "distribution-claimed-twice"}, 3, "supports the distribution (-505)", ""},
+        {{Rh73, CorpusDir + "bundle-unreadable"}, 3, "cannot be read (-504)", ""},
+        {{Rh73, CorpusDir + "distribution-claimed-twice"}, 3, "supports the distribution (-505)", ""},
         {{"--distro=rhel3", Pci}, 3, "(-703): ./bp000001.xml not supported", ""},
         {{Rh73, "--VIEW=zzz", Pci}, 3, "file name of the bundle contains \"zzz\"", ""},
         {{Rh73, "-C", "nothere-1.rpm", Pci}, 3, "the plan is empty: every component", ""},
@@ -179,7 +179,7 @@ TEST(Cli, CommandLine)
 
 TEST(Cli, MatrixOfTheExampleBundleExplainsEachDistribution)
 {
-    CliResult R = RunJson(ZEL_EXAMPLES "/server-bundle", {"--all-distros"});
+    CliResult R = PlanJson(ZEL_EXAMPLES "/server-bundle", {"--all-distros"});
     EXPECT_EQ(1, R.Status);
     std::map<std::string, Json> By;
     for (const Json &Run : R.Parsed["distributions"])
@@ -260,12 +260,12 @@ TEST(Cli, EveryXmlExampleOfTheDocsLintsAndRunsWithoutAFinding)
                 D.Write(Name[1].str().substr(0, Name[1].str().rfind('.')) + ".rpm", "package\n");
             if (Text.find("<!--") != std::string::npos)
                 continue;
-            CliResult L = RunJson(D.Path + "/" + Name[1].str(), {"lint"});
+            CliResult L = PlanJson(D.Path + "/" + Name[1].str(), {"lint"});
             EXPECT_TRUE(L.Parsed["findings"].empty()) << Text << L.Parsed.dump(2);
             EXPECT_EQ(0, L.Status);
         }
         ASSERT_GT(Count, 0);
-        CliResult R = RunJson(D.Path, {"--all-distros"});
+        CliResult R = PlanJson(D.Path, {"--all-distros"});
         EXPECT_EQ(0, R.Status) << R.Out;
         int Clean = 0;
         for (const Json &Run : R.Parsed["distributions"]) {

@@ -37,7 +37,7 @@ std::vector<std::string> Entries(const std::string &Dir)
 }
 
 // Runs the manager with Args and --json before Target; its output parsed, its exit status.
-Json RunJson(std::vector<std::string> Args, const std::string &Target, int *Status = nullptr)
+Json LintJson(std::vector<std::string> Args, const std::string &Target, int *Status = nullptr)
 {
     Args.insert(Args.end(), {"--json", Target});
     RunResult R = RunProgram(ZEL_MANAGER_PATH, Args);
@@ -52,7 +52,7 @@ Json RunJson(std::vector<std::string> Args, const std::string &Target, int *Stat
 std::set<std::string> Built(const std::string &Dir)
 {
     int Status = -1;
-    Json Plan = RunJson({"--distro=rh73"}, Dir, &Status);
+    Json Plan = LintJson({"--distro=rh73"}, Dir, &Status);
     EXPECT_TRUE(Status == 0 || Status == 1) << Plan.dump(1); // a plan was made
     std::set<std::string> Files;
     for (const auto &C : Plan["components"])
@@ -76,7 +76,7 @@ TEST(LintCorpus, EachBundleShowsItsTagAtItsLine)
         int Line = -1, Status = -1;
         Expect >> File >> Line >> Tag;
         ASSERT_TRUE(Case == Tag || Case.find("trap-") == 0) << "a corpus bundle is named after its tag";
-        Json J = RunJson({"lint"}, Dir, &Status);
+        Json J = LintJson({"lint"}, Dir, &Status);
         bool Found = false, GoodListed = Case != "package-listed-twice" && Case != "no-bundle-file" &&
                                          Case != "trap-quote-in-package-text";
         for (const auto &F : J["findings"]) {
@@ -113,14 +113,14 @@ TEST(LintOddFiles, AFifoIsNamedForWhatItIsAsThePlanRefusesIt)
     ASSERT_EQ(0, mkfifo((D.Path + "/bad-1.0-1.i386.xml").c_str(), 0644));
     ASSERT_EQ(0, mkfifo((D.Path + "/bp000009.xml").c_str(), 0644));
     std::set<std::string> Found;
-    Json Lint = RunJson({"lint"}, D.Path);
+    Json Lint = LintJson({"lint"}, D.Path);
     for (const auto &F : Lint["findings"])
         Found.insert(BaseName(F["file"]) + ":" + std::to_string(F["line"].get<int>()) + ":" +
                      F["tag"].get<std::string>() + ":" +
                      (F["message"].get<std::string>().find(" a FIFO, ") != std::string::npos ? "FIFO" : "?"));
     EXPECT_EQ(Found, (std::set<std::string>{"bp000001.xml:15:not-a-regular-file:FIFO",
                                             "bp000009.xml:0:not-a-regular-file:FIFO"}));
-    Json Plan = RunJson({"--distro=rh73"}, D.Path);
+    Json Plan = LintJson({"--distro=rh73"}, D.Path);
     ASSERT_EQ(1u, Plan["refused"].size());
     EXPECT_EQ("bad-1.0-1.i386.rpm", Plan["refused"][0]["component"]);
     bool Said = false;
@@ -134,7 +134,7 @@ TEST(LintOddFiles, AFifoIsNamedForWhatItIsAsThePlanRefusesIt)
 TEST(LintExample, ShowsExactlyWhatItWasMadeToShow)
 {
     int Status = -1;
-    Json J = RunJson({"lint", "--strict"}, ZEL_EXAMPLES "/server-bundle", &Status);
+    Json J = LintJson({"lint", "--strict"}, ZEL_EXAMPLES "/server-bundle", &Status);
     std::set<std::string> Serious, Expected = {"bp000101.xml:21:package-file-missing",
                                                "raidutil-1.7-2.i386.xml:23:no-platform-section"};
     for (const auto &F : J["findings"])
@@ -202,7 +202,7 @@ TEST(LintAgreement, CleanComponentsGetRecordsAndTheRecordSizeIsExact)
         SCOPED_TRACE(Dir.first);
         std::set<std::string> Flagged; // files and packages with an error or warning
         bool TooLong = false;
-        Json Lint = RunJson({"lint"}, Dir.first);
+        Json Lint = LintJson({"lint"}, Dir.first);
         for (const auto &F : Lint["findings"]) {
             TooLong |= F["tag"] == "record-too-long";
             if (F["severity"] != "info")
