@@ -12,7 +12,8 @@ build="${1:?plain, asan, tsan or demo}"
 dir="${2:-/tmp/zel-compile-times-$build}"
 shift $(($# < 2 ? $# : 2))
 case "$build" in
-  plain) options=(-DZEL_WERROR=ON -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -DNDEBUG") targets=() ;;
+  plain) options=(-DZEL_WERROR=ON -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -DNDEBUG"
+    -DZEL_MANAGER_OPT=-O1) targets=() ;;
   asan) options=(-DZEL_WERROR=ON -DCMAKE_CXX_COMPILER=clang++ -DZEL_ASAN=ON -DZEL_FUZZ=ON) targets=() ;;
   tsan) options=(-DZEL_WERROR=ON -DCMAKE_CXX_COMPILER=clang++ -DZEL_TSAN=ON) targets=() ;;
   demo) options=(-DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -DNDEBUG" -DZEL_TESTS=OFF)
