@@ -71,7 +71,8 @@ assert (info["namespace"], info["name"], info["version"]) == ("zelparser", "roll
 assert info["license"] == ["GPL-2.0-or-later"], info["license"]
 files = {f["name"] for f in json.load(open(os.path.join(top, "FILES.json")))["files"]}
 for name in ("plugins/modules/snapshot.py", "plugins/modules/check.py", "plugins/modules/install.py",
-             "plugins/modules/bundle_archive.py", "plugins/module_utils/manager.py", "playbooks/rollout.yml", "roles/rollout/tasks/main.yml"):
+             "plugins/modules/bundle_archive.py", "plugins/modules/summary.py", "plugins/action/summary.py",
+             "plugins/module_utils/manager.py", "playbooks/rollout.yml", "roles/rollout/tasks/main.yml"):
     assert name in files, name
 assert not any(f.startswith("tests/output") for f in files), files
 print(len(files), "files, licence", info["license"][0])
