@@ -31,7 +31,7 @@ for a in "$@"; do [ "$prev" = -o ] && out=$a; prev=$a; done
 exec /usr/bin/time -a -o "$ZEL_TIMES_LOG" -f "%U %S $out" "$@"
 LAUNCHER
 chmod +x "$dir/launcher"
-cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER_LAUNCHER="$dir/launcher" \
+cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER_LAUNCHER="$dir/launcher" \
   -DCMAKE_CXX_LINKER_LAUNCHER="$dir/launcher" "${options[@]}" "$@" >/dev/null
 ZEL_TIMES_LOG="$dir/times.log" cmake --build "$dir" -j"${JOBS:-1}" "${targets[@]}" >/dev/null
 awk '{ printf "%7.2f s  %s\n", $1 + $2, $3 }' "$dir/times.log" | sort -rn

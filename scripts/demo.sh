@@ -11,7 +11,7 @@ cd "$(dirname "$0")/.."
   # The two programs and the transport library, nothing else, at -O1 and without debug
   # information: the demo's one run takes a fraction of a second either way, and -O2 and
   # debug information are a third of the compile that a newcomer waits for.
-  cmake -S . -B build-demo -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  bash scripts/configure.sh build-demo -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -DNDEBUG" -DZEL_TESTS=OFF
   cmake --build build-demo -j"$(nproc)" --target zelparser zelrzp-manager
 } >&2

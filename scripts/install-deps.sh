@@ -2,7 +2,7 @@
 # Installs what the build, the tests, the benchmarks and the fuzzer need, when missing.
 # Usage: scripts/install-deps.sh [demo]   (demo: only what the sub-service and zelrzp-manager need)
 set -euo pipefail
-packages=(cmake g++ make pkg-config nlohmann-json3-dev libpugixml-dev libmstch-dev scdoc
+packages=(cmake ninja-build g++ make pkg-config nlohmann-json3-dev libpugixml-dev libmstch-dev scdoc
           librpm-dev libpci-dev pci.ids)
 if [ "${1:-}" != demo ]; then
   packages+=(libgtest-dev libgmock-dev libbenchmark-dev libexpat1-dev

@@ -14,7 +14,7 @@ jobs=$(nproc)
 
 run_suite() { # name, cmake options...
   local dir="build-ci-$1"; shift
-  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZEL_WERROR=ON "$@" >/dev/null
+  bash scripts/configure.sh "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZEL_WERROR=ON "$@" >/dev/null
   cmake --build "$dir" -j"$jobs"
   (cd "$dir" && ctest -j"$jobs" --output-on-failure --timeout 300)
 }
