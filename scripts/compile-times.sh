@@ -16,7 +16,7 @@ case "$build" in
     -DZEL_MANAGER_OPT=-O1) targets=() ;;
   asan) options=(-DZEL_WERROR=ON -DCMAKE_CXX_COMPILER=clang++ -DZEL_ASAN=ON -DZEL_FUZZ=ON) targets=() ;;
   tsan) options=(-DZEL_WERROR=ON -DCMAKE_CXX_COMPILER=clang++ -DZEL_TSAN=ON) targets=() ;;
-  demo) options=(-DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -DNDEBUG" -DZEL_TESTS=OFF)
+  demo) options=(-DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -DNDEBUG" -DZEL_TESTS=OFF)
         targets=(--target zelparser zelrzp-manager) ;;
   *) echo "unknown build: $build" >&2; exit 2 ;;
 esac
