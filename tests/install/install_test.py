@@ -22,7 +22,8 @@ MANAGER = HOST = None
 RELEASE = "Red Hat Linux release 7.3 (Valhalla)"
 PASSWORD = "Sesame-9317-secret"
 PACKAGES = ["alpha", "beta", "gamma"]
-RPMS = None  # directory holding zelt-NAME-1.0-1.noarch.rpm
+RPMS = None  # directory holding zelt-NAME-1.0-1.noarch.rpm, built when a test first needs it
+SCRATCH = None
 
 RECIPE = """Name: zelt-{name}
 Version: 1.0
@@ -169,7 +170,7 @@ class Host:
             files.append(file)
             with open(os.path.join(bundle, file.rsplit(".", 1)[0] + ".xml"), "w") as f:
                 f.write(xml)
-            source = os.path.join(RPMS, file)
+            source = os.path.join(rpms(), file)
             if os.path.exists(source):
                 shutil.copy(source, bundle)
             else:
@@ -467,6 +468,21 @@ class RefusedStarts(unittest.TestCase):
         self.assertEqual(facts["leaks"], "")
 
 
+class Hosts(unittest.TestCase):
+    def test_a_directory_under_tmp_outside_the_tree_stays_visible(self):
+        # A build directory under /tmp but outside the source tree: its programs must stay
+        # visible on a host, whose /tmp is its own (they once were not, and every install
+        # test of such a build failed).
+        outside = tempfile.mkdtemp(prefix="zelkeep.", dir="/tmp")
+        self.addCleanup(shutil.rmtree, outside, True)
+        with open(os.path.join(outside, "probe.sh"), "w") as f:
+            f.write("echo seen\n")
+        env = dict(os.environ, ZEL_HOST_KEEP=outside)
+        seen = subprocess.run([HOST, RELEASE, "sh", os.path.join(outside, "probe.sh")], env=env,
+                              capture_output=True, text=True, timeout=60)
+        self.assertEqual((seen.returncode, seen.stdout), (0, "seen\n"), seen.stderr)
+
+
 class Signals(unittest.TestCase):
     def test_a_second_signal_ends_the_running_command(self):
         host = Host(self, standard_components())
@@ -493,17 +509,23 @@ class Signals(unittest.TestCase):
         self.assertIn("second signal", result["components"][0]["reason"])
 
 
+def rpms():
+    global RPMS
+    if RPMS is None:
+        RPMS = build_rpms(SCRATCH)
+    return RPMS
+
+
 def main():
-    global MANAGER, HOST, RPMS
+    global MANAGER, HOST, SCRATCH
     MANAGER, HOST = sys.argv[1], sys.argv[2]
     # the build's programs stay visible on the hosts when the build lies under /tmp
     os.environ["ZEL_HOST_KEEP"] = os.path.dirname(os.path.realpath(MANAGER))
-    scratch = tempfile.mkdtemp(prefix="zelrpms.", dir=os.getcwd())
+    SCRATCH = tempfile.mkdtemp(prefix="zelrpms.", dir=os.getcwd())
     try:
-        RPMS = build_rpms(scratch)
         unittest.main(argv=[sys.argv[0]] + sys.argv[3:], verbosity=2)
     finally:
-        shutil.rmtree(scratch, True)
+        shutil.rmtree(SCRATCH, True)
 
 
 if __name__ == "__main__":
