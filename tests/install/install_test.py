@@ -18,6 +18,9 @@ import tempfile
 import textwrap
 import unittest
 
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "common"))
+from test_bundles import build_rpm, bundle_xml  # noqa: E402
+
 MANAGER = HOST = None
 RELEASE = "Red Hat Linux release 7.3 (Valhalla)"
 PASSWORD = "Sesame-9317-secret"
@@ -56,21 +59,11 @@ echo "installed $1 (the password is not here)"
 
 
 def build_rpms(directory):
-    """The test packages, built with HOME in the scratch directory: rpmbuild opens the RPM
-    database (~/.rpmdb on Debian) to check build requirements, and this machine's stays as it is."""
-    top = os.path.join(directory, "rpmbuild")
-    env = dict(os.environ, HOME=directory)
-    for name in PACKAGES:
-        recipe = os.path.join(directory, name + ".recipe")
-        with open(recipe, "w") as f:
-            f.write(RECIPE.format(name=name))
-        subprocess.run(["rpmbuild", "-bb", "--quiet", "--define", "_topdir " + top, recipe],
-                       check=True, stdout=subprocess.DEVNULL, env=env)
+    """The test packages, zelt-NAME-1.0-1.noarch.rpm, in directory/rpms."""
     out = os.path.join(directory, "rpms")
     os.makedirs(out)
-    for root, _, files in os.walk(os.path.join(top, "RPMS")):
-        for f in files:
-            shutil.copy(os.path.join(root, f), out)
+    for name in PACKAGES:
+        build_rpm(RECIPE.format(name=name), "zelt-" + name, directory, out)
     return out
 
 
@@ -132,26 +125,6 @@ def component_xml(command, prerequisites="", pre="", post="", reboot="no"):
 """
 
 
-def bundle_xml(files):
-    packages = "\n".join(f'    <package install="yes">{f}</package>' for f in files)
-    return f"""<?xml version="1.0"?>
-<zel_bundle>
-  <version value="1.0"/>
-  <name>
-    <name_xlate lang="en">Installer test bundle</name_xlate>
-  </name>
-  <operating_systems>
-    <operating_system>
-      <operating_system_xlate lang="en">Red Hat Linux 7.3</operating_system_xlate>
-    </operating_system>
-  </operating_systems>
-  <contents>
-{packages}
-  </contents>
-</zel_bundle>
-"""
-
-
 def rpm_name(name):
     return f"zelt-{name}-1.0-1.noarch.rpm"
 
@@ -177,7 +150,7 @@ class Host:
                 with open(os.path.join(bundle, file), "w") as f:
                     f.write("a component that is no package\n")
         with open(os.path.join(bundle, "bp000001.xml"), "w") as f:
-            f.write(bundle_xml(files))
+            f.write(bundle_xml("Installer test bundle", ["Red Hat Linux 7.3"], files))
         with open(os.path.join(bundle, "step.sh"), "w") as f:
             f.write(STEP)
         with open(os.path.join(self.dir, "answers"), "w") as f:

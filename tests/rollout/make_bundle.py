@@ -12,8 +12,10 @@ its command with rpm:
 Each package installs /opt/zeltest/NAME/installed. Usage: make_bundle.py BUNDLE_DIR WORK_DIR
 (rpmbuild's tree and HOME go under WORK_DIR)."""
 import os
-import subprocess
 import sys
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "common"))
+from test_bundles import build_rpm, bundle_xml  # noqa: E402
 
 DISTROS = ("Red_Hat_Linux_7.3", "Red_Hat_Enterprise_Linux_3")
 
@@ -122,57 +124,24 @@ def component_xml(short, rpm, reboot, prerequisites=(), configuration=""):
 """
 
 
-BUNDLE = """<?xml version="1.0"?>
-<zel_bundle>
-  <version value="1.0"/>
-  <name>
-    <name_xlate lang="en">Rollout test bundle</name_xlate>
-  </name>
-  <operating_systems>
-    <operating_system>
-      <operating_system_xlate lang="en">Red Hat Linux 7.3</operating_system_xlate>
-    </operating_system>
-    <operating_system>
-      <operating_system_xlate lang="en">Red Hat Enterprise Linux AS 3</operating_system_xlate>
-    </operating_system>
-  </operating_systems>
-  <contents>
-{packages}
-  </contents>
-</zel_bundle>
-"""
-
-
-def build_rpm(short, pre, bundle, work):
-    name = "zeltest-" + short
-    top = os.path.join(work, "rpmbuild")
-    os.makedirs(top, exist_ok=True)
-    recipe = os.path.join(top, name + ".recipe")
-    with open(recipe, "w") as out:
-        out.write(RECIPE.format(name=name, short=short, pre=pre or "exit 0"))
-    env = dict(os.environ, HOME=os.path.join(work, "home"))
-    subprocess.run(["rpmbuild", "-bb", "--quiet", "--define", "_topdir " + top,
-                    "--define", "_rpmdir " + bundle, "--define", "_build_name_fmt %%{NAME}-%%{VERSION}-%%{RELEASE}.%%{ARCH}.rpm",
-                    recipe], check=True, env=env, stdout=subprocess.DEVNULL)
-    return "%s-1.0-1.noarch.rpm" % name
-
-
 def main():
     bundle, work = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2])
     os.makedirs(bundle, mode=0o755)
-    os.makedirs(os.path.join(work, "home"), exist_ok=True)
+    os.makedirs(work, exist_ok=True)
     components = [("base", None, False, (), ""),
                   ("agent", None, False, ((1, "libzelagent.so.1"),), AGENT_CONFIGURATION),
                   ("driver", HOLD, True, (), "")]
     packages = []
     for short, pre, reboot, prerequisites, configuration in components:
-        rpm = build_rpm(short, pre, bundle, work)
+        rpm = build_rpm(RECIPE.format(name="zeltest-" + short, short=short, pre=pre or "exit 0"),
+                        "zeltest-" + short, work, bundle)
         xml = os.path.join(bundle, rpm[:-len(".rpm")] + ".xml")
         with open(xml, "w") as out:
             out.write(component_xml(short, rpm, reboot, prerequisites, configuration))
-        packages.append('    <package install="yes">%s</package>' % rpm)
+        packages.append(rpm)
     with open(os.path.join(bundle, "bp000101.xml"), "w") as out:
-        out.write(BUNDLE.format(packages="\n".join(packages)))
+        out.write(bundle_xml("Rollout test bundle",
+                             ["Red Hat Linux 7.3", "Red Hat Enterprise Linux AS 3"], packages))
     for entry in os.listdir(bundle):
         os.chmod(os.path.join(bundle, entry), 0o644)
 
